@@ -1,0 +1,41 @@
+# Sourced by the scripts of this folder: strict mode, the project's root, packages, builds.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# What building and testing needs; nifti's libraries are only used by apps/nifti.
+build_packages=(g++ cmake ninja-build libpng-dev)
+if [[ -d $root/apps/nifti ]]; then
+  build_packages+=(libnifti2-dev libcli11-dev zlib1g-dev)
+fi
+test_packages=(libgtest-dev)
+
+# as_root COMMAND...: runs it as root, through sudo if need be.
+as_root() {
+  if ((EUID == 0)); then "$@"; else sudo "$@"; fi
+}
+
+# install_missing PACKAGE...: installs those Debian packages that are not there yet.
+install_missing() {
+  local package missing=()
+  for package; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+      missing+=("$package")
+  done
+  ((${#missing[@]} == 0)) && return
+  echo "Installing ${missing[*]}"
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build NAME [CMAKE OPTION...]: configures and builds everything in build/NAME.
+build() {
+  local name=$1 log=$root/build/$1.log
+  shift
+  mkdir -p "$root/build"
+  cmake -S "$root" -B "$root/build/$name" -G Ninja "$@" >"$log" &&
+    cmake --build "$root/build/$name" >>"$log" 2>&1 || {
+    cat "$log"
+    return 1
+  }
+}
