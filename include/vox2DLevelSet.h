@@ -1,0 +1,146 @@
+// One step of a narrow-band level-set evolution of a 2-D function Phi, the twin of vox3DLevelSet.
+//
+// Solves Phi_t + F |grad Phi| = 0 near the zero level of Phi, with Phi re-initialised as a signed
+// distance at every step: S. Osher, J. A. Sethian, J. Comput. Phys. 79 (1988) 12-49; narrow band:
+// D. Adalsteinsson, J. A. Sethian, J. Comput. Phys. 118 (1995) 269-277. Phi is negative inside and a
+// positive speed grows the inside. Units are voxels; x varies fastest, then y.
+#pragma once
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+
+#include "vox2DMat.h"
+#include "voxLevelSetStages.h"
+
+/// Working state of one evolution step. Use an object once: construct, UpdatePhi, destroy.
+///
+/// The public pointers are views: the object (or the Memory it was given) owns what they point to.
+/// Grid index: x + y*sizeX. Band order: positive edge, negative edge, positive test,
+/// negative test voxels, each in increasing grid index; slots n_nbt and n_nbt + 1 of the Spar_
+/// arrays stand for the voxels outside the band on the negative and the positive side. `label` is
+/// +-1 at edge voxels (a face neighbour is on the other side), +-2 at the band's other voxels and
+/// +-3 outside the band; positive where Phi > 0.
+template <typename T, typename U>
+class vox2DLevelSet {
+ public:
+  using Memory = tavrel::LevelSetMemory<vox2DMat<char, void>, vox2DMat<int, void>>;
+  static constexpr int axes = 2;
+
+  int sizeX = 0;
+  int sizeY = 0;
+  int mxn = 0;
+  char* mask_p = nullptr;                       ///< not used
+  vox2DMat<char, void>* label = nullptr;        ///< label code of every voxel
+  vox2DMat<char, void>* mask_nbt = nullptr;     ///< 1 in the band
+  char* mask_ptest = nullptr;                   ///< not used
+  char* mask_ntest = nullptr;                   ///< not used
+  int* ori_pedge_ind = nullptr;                 ///< grid indices of the positive edge voxels
+  int n_pedge = 0;
+  int* ori_nedge_ind = nullptr;
+  int n_nedge = 0;
+  int* ori_ptest_ind = nullptr;
+  int n_ptest = 0;
+  int* ori_ntest_ind = nullptr;
+  int n_ntest = 0;
+  int* ori_nbt_ind = nullptr;                   ///< [n_nbt] grid index, in band order
+  int n_edge = 0;
+  int n_nbt = 0;
+  int* ori_nbt_sub = nullptr;                   ///< [2*n_nbt] coordinates x, y
+  vox2DMat<int, void>* mask_indices = nullptr;  ///< band index, or the slot of the voxel's side
+  int* ori_nbt_4neigh_ind = nullptr;            ///< not used
+  int* spar_nbt_4neigh_ind = nullptr;           ///< [4*n_nbt] band index at +x, -x, +y, -y
+  T* Spar_Phi = nullptr;                        ///< [n_nbt] Phi when the band was built
+  T* Spar_F = nullptr;                          ///< [n_nbt+1] speed
+  T* Spar_Fext = nullptr;                       ///< [n_nbt+2] extension velocity
+  T* Spar_exact = nullptr;                      ///< [2*n_nbt+4] nearest interface point
+  T* Spar_usdf = nullptr;                       ///< [n_nbt+2] unsigned distance
+  T* Spar_sdf = nullptr;                        ///< [n_nbt+2] signed distance
+
+  vox2DLevelSet() = default;
+  /// Borrows `memory`, which must outlive the object, and works on `threads` threads.
+  explicit vox2DLevelSet(Memory& memory, int threads = 1) : memory_(&memory), threads_(threads) {}
+  vox2DLevelSet(const vox2DLevelSet&) = delete;
+  vox2DLevelSet& operator=(const vox2DLevelSet&) = delete;
+  /// Says so on standard output if the object was never initialised.
+  ~vox2DLevelSet() {
+    if (sizeX == 0) std::cout << "empty vox2DLevelSet destructed" << std::endl;
+  }
+
+  /// One step of Phi in place: the band's values are replaced, those outside stay. Without an edge
+  /// voxel Phi is unchanged.
+  /// @param bwt      band width in voxels; below 1 works as 1
+  /// @param voldata  image of Phi's sizes (not checked)
+  /// @param w1,w3,w4,w5  pressure, curvature, inside and outside weights; w2 and w6 have no effect
+  /// @param w7,tPhi  accepted for the twin's sake, not read: there is no coupling term in 2-D
+  void UpdatePhi(vox2DMat<T, U>* Phi, int bwt, vox2DMat<T, U>* voldata, double w1, double w2,
+                 double w3, double w4, double w5, double w6, double w7, vox2DMat<T, U>* tPhi) {
+    Initialize(Phi, std::max(bwt, 1));
+    if (n_edge == 0) return;
+    sFindEdgeExact();
+    sFindUsdf();
+    sFindF(voldata, w1, w2, w3, w4, w5, w6, w7);
+    sFindEdgeFext();
+    sCalFext(w7, tPhi);
+    SubstractPhi(Phi);
+  }
+
+  /// Builds the band state from Phi: LabelEdges, then Labelnbt.
+  void Initialize(vox2DMat<T, U>* Phi, int bwt) {
+    takeSizes(Phi);
+    stages().labelEdges(Phi, false);
+    Labelnbt(bwt, Phi);
+  }
+
+  /// Labels every voxel +-1 or +-3; mask_indices becomes 1 where Phi > 0, else 0.
+  void LabelEdges(vox2DMat<T, U>* Phi) {
+    takeSizes(Phi);
+    stages().labelEdges(Phi, true);
+  }
+
+  /// Band of `bwt` voxels around the edge voxels of LabelEdges, and all its arrays.
+  void Labelnbt(int bwt, vox2DMat<T, U>* Phi) { stages().buildBand(bwt, Phi); }
+
+  /// Nearest interface point and distance of the edge voxels.
+  void sFindEdgeExact() { stages().findEdgeExact(); }
+
+  /// The same for the test voxels, by sweeps, and the signed distance of every slot.
+  void sFindUsdf() { stages().findUsdf(); }
+
+  /// Speed of the edge voxels; the region term only if w4 is not 0.
+  void sFindF(vox2DMat<T, U>* voldata, double w1, double /*w2*/, double w3, double w4, double w5,
+              double /*w6*/, double /*w7*/) {
+    stages().findF(voldata, w1, w3, w4, w5);
+  }
+
+  /// Speed at the interface points of the edge voxels.
+  void sFindEdgeFext() { stages().findEdgeFext(); }
+
+  /// Extension over the test voxels. There is no coupling term in 2-D.
+  void sCalFext(double /*w7*/, vox2DMat<T, U>* /*tPhi*/) { stages().calFext(); }
+
+  /// Writes the advanced function back into Phi at the band voxels.
+  void SubstractPhi(vox2DMat<T, U>* Phi) { stages().substractPhi(Phi); }
+
+  /// The neighbour table, under one name for both dimensions.
+  int*& links() { return spar_nbt_4neigh_ind; }
+
+ private:
+  void takeSizes(const vox2DMat<T, U>* Phi) {
+    sizeX = Phi->sizeX;
+    sizeY = Phi->sizeY;
+    mxn = sizeX * sizeY;
+  }
+
+  tavrel::Stages<vox2DLevelSet> stages() {
+    if (!memory_) {
+      own_ = std::make_unique<Memory>();
+      memory_ = own_.get();
+    }
+    return {*this, *memory_, threads_};
+  }
+
+  std::unique_ptr<Memory> own_;
+  Memory* memory_ = nullptr;
+  int threads_ = 1;
+};

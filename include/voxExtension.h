@@ -1,0 +1,191 @@
+// Extension of the interface speed over the narrow band.
+//
+// Edge voxels interpolate the speed at their interface point; test voxels take upwind averages of
+// their nearer neighbours, the discrete form of grad Fext . grad distance = 0, so that the extended
+// speed is constant along the normals and Phi stays close to a signed distance.
+// D. Adalsteinsson, J. A. Sethian, "The fast construction of extension velocities in level set
+// methods", J. Comput. Phys. 148 (1999) 2-22.
+#pragma once
+
+#include <array>
+#include <cmath>
+#include <vector>
+
+#include "voxInterface.h"
+
+namespace tavrel {
+
+/// Where the two dimensions differ in the extension over test voxels.
+template <int D>
+struct ExtensionRules;
+
+template <>
+struct ExtensionRules<3> {
+  /// Only a strictly nearer neighbour is upwind.
+  static bool upwind(double own, double neighbour) { return own > neighbour; }
+  /// On equal distances along an axis the - neighbour is taken.
+  static bool takePlus(double plus, double minus) { return plus < minus; }
+};
+
+template <>
+struct ExtensionRules<2> {
+  /// A neighbour at the same distance is upwind, too.
+  static bool upwind(double own, double neighbour) { return own >= neighbour; }
+  /// On equal distances along an axis the + neighbour is taken.
+  static bool takePlus(double plus, double minus) { return !(minus < plus); }
+};
+
+/// Speed at the interface point of edge voxels [first, last): along each crossing axis the speed is
+/// interpolated between the voxel and the neighbour across, and the crossings are weighted by the
+/// inverse squares of their distances. A voxel on the interface (Phi exactly 0) with several
+/// crossing axes takes the plain mean.
+template <int D>
+void extendToInterface(const Band<D>& band, int first, int last) {
+  for (int i = first; i < last; ++i) {
+    const Crossings<D> c = findCrossings(band, i);
+    const double own = band.F[i];
+    const auto across = [&](int m) {
+      return band.F[std::min(band.links(i)[c.farSlot[m]], band.n_edge)];
+    };
+    if (c.count == 0) {
+      band.Fext[i] = own;
+      continue;
+    }
+    if (c.count == 1) {
+      const double u = band.usdf[i];
+      band.Fext[i] = u * own + (1 - u) * across(0);
+      continue;
+    }
+    std::array<double, D> speed;
+    for (int m = 0; m < c.count; ++m) speed[m] = c.a[m] * own + (1 - c.a[m]) * across(m);
+    if (c.count == 2) {
+      const double r = std::sqrt(c.a[0] * c.a[0] + c.a[1] * c.a[1]);
+      band.Fext[i] = band.Phi[i] == 0
+                         ? (speed[0] + speed[1]) / 2
+                         : (speed[1] * (c.a[0] * c.a[0]) + c.a[1] * c.a[1] * speed[0]) / (r * r);
+    } else if constexpr (D == 3) {
+      const double v0 = c.a[2] * c.a[1];
+      const double v1 = c.a[2] * c.a[0];
+      const double v2 = c.a[0] * c.a[1];
+      const double r = std::sqrt(v0 * v0 + v1 * v1 + v2 * v2);
+      band.Fext[i] =
+          band.Phi[i] == 0
+              ? (speed[0] + speed[1] + speed[2]) / 3
+              : (v0 * v0 * speed[0] + v1 * v1 * speed[1] + v2 * v2 * speed[2]) / (r * r);
+    }
+  }
+}
+
+/// Extension over one side's test voxels, a contiguous piece of the band list.
+///
+/// The values are those of a visit in increasing distance, equal distances in band order. No sort is
+/// needed: a voxel reads only neighbours that come before it in that order, so each voxel is
+/// computed after the neighbours it depends on, in whatever order that happens.
+template <int D>
+class TestVoxelExtension {
+ public:
+  TestVoxelExtension(const Band<D>& band, int first, int last)
+      : band_(band), first_(first), done_(last - first, 0) {
+    for (int i = first; i < last; ++i) {
+      pending_.push_back(i);
+      while (!pending_.empty()) {
+        const int top = pending_.back();
+        if (isDone(top) || compute(top)) pending_.pop_back();
+      }
+    }
+  }
+
+ private:
+  struct Axis {
+    double distance;
+    int neighbour;
+  };
+
+  bool isTest(int i) const { return i >= band_.n_edge && i < band_.n_nbt; }
+  bool isDone(int i) const { return done_[i - first_]; }
+
+  /// Whether voxel i is visited before voxel j; distances that are not numbers come last.
+  bool before(int i, int j) const {
+    const double a = band_.usdf[i];
+    const double b = band_.usdf[j];
+    if (a < b) return true;
+    if (b < a) return false;
+    if (std::isnan(a) != std::isnan(b)) return std::isnan(b);
+    return i < j;
+  }
+
+  /// Whether the neighbour's final value is needed for j and not there yet; if so it is put first.
+  bool waitsFor(int neighbour, int j) {
+    if (!isTest(neighbour) || isDone(neighbour) || !before(neighbour, j)) return false;
+    pending_.push_back(neighbour);
+    return true;
+  }
+
+  /// The neighbour's value as voxel j sees it: 0 where the visit comes later.
+  double valueFor(int neighbour, int j) const {
+    return !isTest(neighbour) || before(neighbour, j) ? band_.Fext[neighbour] : 0.0;
+  }
+
+  /// Computes voxel j, or puts the neighbours it waits for on the stack and returns false.
+  bool compute(int j) {
+    const double u = band_.usdf[j];
+    const int* link = band_.links(j);
+    std::array<Axis, D> upwind;
+    int count = 0;
+    Axis fallback{};
+    for (int axis = 0; axis < D; ++axis) {
+      const double plus = band_.usdf[link[2 * axis]];
+      const double minus = band_.usdf[link[2 * axis + 1]];
+      const bool takePlus = ExtensionRules<D>::takePlus(plus, minus);
+      const Axis chosen{plus < minus ? plus : minus, link[takePlus ? 2 * axis : 2 * axis + 1]};
+      if (axis == 0) fallback = chosen;
+      if (ExtensionRules<D>::upwind(u, chosen.distance)) upwind[count++] = chosen;
+    }
+    bool ready = true;
+    for (int m = 0; m < count; ++m) ready &= !waitsFor(upwind[m].neighbour, j);
+    if (count == 0) ready = !waitsFor(fallback.neighbour, j);
+    if (!ready) return false;
+    done_[j - first_] = 1;
+    if (count == 0) {
+      band_.Fext[j] = valueFor(fallback.neighbour, j);
+    } else {
+      band_.Fext[j] = average(upwind, count, u, j);
+    }
+    return true;
+  }
+
+  /// Mean of the upwind neighbours' values, weighted by how much nearer to the interface each is.
+  double average(const std::array<Axis, D>& upwind, int count, double u, int j) const {
+    std::array<double, D> f;
+    for (int m = 0; m < count; ++m) f[m] = valueFor(upwind[m].neighbour, j);
+    if (count == 1) return f[0];
+    const double s0 = upwind[0].distance;
+    const double s1 = upwind[1].distance;
+    if (count == 2) {
+      if (D == 2 && s0 == u && s1 == u) return (f[0] + f[1]) / 2;
+      return ((s0 - u) * f[0] + (s1 - u) * f[1]) / (s0 + s1 + -2 * u);
+    }
+    if constexpr (D == 3) {
+      const double s2 = upwind[2].distance;
+      return ((s0 - u) * f[0] + (s1 - u) * f[1] + (s2 - u) * f[2]) / (s2 + s0 + s1 + -3 * u);
+    }
+    return 0;
+  }
+
+  const Band<D>& band_;
+  int first_;
+  std::vector<unsigned char> done_;
+  std::vector<int> pending_;
+};
+
+/// Extension velocities of all test voxels; the two sides are independent of each other.
+template <int D>
+void extendOverBand(const Band<D>& band, int threads) {
+  parallelFor(threads, 2, [&](int side) {
+    const int middle = band.n_edge + band.n_ptest;
+    TestVoxelExtension<D>(band, side == 0 ? band.n_edge : middle,
+                          side == 0 ? middle : band.n_nbt);
+  });
+}
+
+}  // namespace tavrel

@@ -1,0 +1,281 @@
+// The stages of one evolution step, shared by vox3DLevelSet and vox2DLevelSet.
+//
+// A step builds the narrow band around the zero level of Phi, re-initialises Phi there as a signed
+// distance, computes the speed of the interface, extends it over the band and moves Phi by it. The
+// functions here set the engines' public fields; the arithmetic is in the kernel headers.
+// Phi is negative inside; coordinates and distances are in voxels of the grid being evolved.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "voxBand.h"
+#include "voxExtension.h"
+#include "voxFatal.h"
+#include "voxInterface.h"
+#include "voxParallel.h"
+#include "voxRegionSums.h"
+#include "voxSpeed.h"
+#include "voxUtility.h"
+
+namespace tavrel {
+
+/// Uninitialised storage that only grows, so that the steps of an evolution reuse it.
+template <typename T>
+class Buffer {
+ public:
+  /// At least `count` elements; their contents are lost if the storage has to grow.
+  T* need(std::size_t count) {
+    if (count > capacity_ || !data_) {
+      data_.reset();
+      capacity_ = count + count / 4 + 1;  // pages never touched cost nothing
+      data_ = std::make_unique_for_overwrite<T[]>(capacity_);
+    }
+    return data_.get();
+  }
+
+ private:
+  std::unique_ptr<T[]> data_;
+  std::size_t capacity_ = 0;
+};
+
+/// The memory behind an engine's pointers. An evolution hands the same one to the engine of every
+/// step; an engine built without one owns its own.
+template <typename CharMatrix, typename IntMatrix>
+struct LevelSetMemory {
+  std::unique_ptr<CharMatrix> label, mask_nbt;
+  std::unique_ptr<IntMatrix> mask_indices;
+  Buffer<int> ind, sub, links;
+  Buffer<double> Phi, F, Fext, exact, usdf, sdf;
+  BitGrid positive, edge, band, scratch;
+  std::vector<RegionSums> sums;
+};
+
+/// Where the two engines differ in building their state: axes, matrices and the guard messages.
+template <int D>
+struct StageRules;
+
+template <>
+struct StageRules<3> {
+  template <typename Matrix>
+  static Grid gridOf(const Matrix& m) {
+    return {m.sizeX, m.sizeY, m.sizeZ};
+  }
+  template <typename Matrix>
+  static std::unique_ptr<Matrix> make(Grid g) {
+    return std::make_unique<Matrix>(g.X, g.Y, g.Z);
+  }
+  /// Guards of the index map: neither can fail while grid indices fit 32 bits.
+  static void check(Grid grid, int lastIndex, int largestLink, int n_nbt) {
+    if (lastIndex != grid.voxels() - 1) fatal("exception happened \n", std::cout, 1);
+    if (largestLink > n_nbt + 2) {
+      fatal("neighbor index wrong, exit" + std::to_string(largestLink) + "\n", std::cerr, 1);
+    }
+  }
+};
+
+template <>
+struct StageRules<2> {
+  template <typename Matrix>
+  static Grid gridOf(const Matrix& m) {
+    return {m.sizeX, m.sizeY, 1};
+  }
+  template <typename Matrix>
+  static std::unique_ptr<Matrix> make(Grid g) {
+    return std::make_unique<Matrix>(g.X, g.Y);
+  }
+  static void check(Grid, int, int, int) {}
+};
+
+/// The stages over the public fields of an engine. `Engine` has the documented fields, the constant
+/// `axes` and the accessor `links()` for its neighbour table.
+template <typename Engine>
+class Stages {
+ public:
+  static constexpr int D = Engine::axes;
+  using Rules = StageRules<D>;
+
+  Stages(Engine& engine, typename Engine::Memory& memory, int threads)
+      : e_(engine), m_(memory), threads_(threads) {}
+
+  /// Sign and interface labels of every voxel. `indexMap` false leaves mask_indices for
+  /// buildBand to fill, which overwrites all of it anyway.
+  template <typename Matrix>
+  void labelEdges(Matrix* Phi, bool indexMap) {
+    const Grid grid = Rules::gridOf(*Phi);
+    signBits(Phi->p, grid, m_.positive, threads_);
+    interfaceBits(m_.positive, m_.edge, threads_);
+    e_.label = matrix(m_.label, grid);
+    labelCodes(m_.positive, m_.edge, e_.label->p, threads_);
+    e_.mask_indices = matrix(m_.mask_indices, grid);
+    if (indexMap) sideIndices(m_.positive, 0, e_.mask_indices->p, threads_);
+    const auto counts = countGroups(m_.positive, m_.edge, m_.edge, 0, grid.Z);
+    e_.n_pedge = counts[positiveEdge];
+    e_.n_nedge = counts[negativeEdge];
+    e_.n_edge = e_.n_pedge + e_.n_nedge;
+  }
+
+  /// The band within `width` voxels of the interface: lists, index map, links, starting values.
+  template <typename Matrix>
+  void buildBand(int width, Matrix* Phi) {
+    const Grid grid = Rules::gridOf(*Phi);
+    m_.band = m_.edge;
+    dilateBox(m_.band, width, m_.scratch, threads_);
+    e_.mask_nbt = matrix(m_.mask_nbt, grid);
+    maskBytes(m_.band, e_.mask_nbt->p, threads_);
+    listVoxels(grid);
+    const auto relabel = [&](const int* ind, int count, signed char code) {
+      for (int i = 0; i < count; ++i) e_.label->p[ind[i]] = static_cast<char>(code);
+    };
+    relabel(e_.ori_ptest_ind, e_.n_ptest, 2);
+    relabel(e_.ori_ntest_ind, e_.n_ntest, -2);
+    linkVoxels(grid);
+    fillArrays(Phi->p);
+  }
+
+  /// Views of the band arrays for the kernels.
+  Band<D> band() const {
+    return {e_.n_pedge,  e_.n_edge,     e_.n_ptest,    e_.n_nbt,    e_.ori_nbt_sub, e_.links(),
+            e_.Spar_Phi, e_.Spar_F,     e_.Spar_Fext,  e_.Spar_exact, e_.Spar_usdf, e_.Spar_sdf};
+  }
+
+  void findEdgeExact() {
+    overEdges([&](const Band<D>& b, int first, int last) { locateInterface(b, first, last); });
+  }
+
+  void findUsdf() {
+    const Band<D> b = band();
+    sweepDistances(b, threads_);
+    parallelRanges(threads_, b.n_nbt + 2,
+                   [&](int first, int last) { signDistances(b, first, last); });
+  }
+
+  template <typename Matrix>
+  void findF(Matrix* voldata, double w1, double w3, double w4, double w5) {
+    const Grid grid = Rules::gridOf(*e_.label);
+    overEdges([&](const Band<D>& b, int first, int last) {
+      curvatureSpeed(b, e_.mask_indices->p, grid, w1, w3, first, last);
+    });
+    if (!(w4 != 0)) return;
+    m_.sums.resize(e_.n_edge);
+    regionSums(voldata->p, e_.label->p, grid, std::span<const int>(e_.ori_nbt_ind, e_.n_edge),
+               m_.sums, threads_);
+    for (int i = 0; i < e_.n_edge; ++i) {
+      e_.Spar_F[i] =
+          withRegionTerm(e_.Spar_F[i], voldata->p[e_.ori_nbt_ind[i]], m_.sums[i], w4, w5);
+    }
+  }
+
+  void findEdgeFext() {
+    overEdges([&](const Band<D>& b, int first, int last) { extendToInterface(b, first, last); });
+  }
+
+  void calFext() { extendOverBand(band(), threads_); }
+
+  /// Phi = signed distance - dt * extension velocity, with dt such that the fastest band voxel
+  /// moves by one voxel.
+  template <typename Matrix>
+  void substractPhi(Matrix* Phi) {
+    double ma = 0;
+    maxabs(e_.Spar_Fext, e_.n_nbt, &ma);
+    const double dt = ma != 0 ? 1.0 / ma : 0.0;
+    parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
+      for (int i = first; i < last; ++i) {
+        Phi->p[e_.ori_nbt_ind[i]] = e_.Spar_sdf[i] - dt * e_.Spar_Fext[i];
+      }
+    });
+  }
+
+ private:
+  template <typename Matrix>
+  Matrix* matrix(std::unique_ptr<Matrix>& slot, Grid grid) {
+    if (!slot || Rules::gridOf(*slot) != grid) {
+      slot.reset();
+      slot = Rules::template make<Matrix>(grid);
+    }
+    return slot.get();
+  }
+
+  template <typename Kernel>
+  void overEdges(Kernel&& kernel) {
+    const Band<D> b = band();
+    parallelRanges(threads_, e_.n_edge, [&](int first, int last) { kernel(b, first, last); });
+  }
+
+  void listVoxels(Grid grid) {
+    // Pieces of consecutive planes are listed independently, from counts made beforehand.
+    const int pieces = threads_ <= 1 ? 1 : 4 * threads_;
+    const auto plane = [&](int piece) { return static_cast<int>(1LL * grid.Z * piece / pieces); };
+    std::vector<std::array<int, 4>> starts(pieces + 1);
+    parallelFor(threads_, pieces, [&](int k) {
+      starts[k + 1] = countGroups(m_.positive, m_.edge, m_.band, plane(k), plane(k + 1));
+    });
+    std::array<int, 4> counts{};
+    for (const auto& piece : starts) {
+      for (int g = 0; g < 4; ++g) counts[g] += piece[g];
+    }
+    e_.n_ptest = counts[positiveTest];
+    e_.n_ntest = counts[negativeTest];
+    e_.n_nbt = e_.n_edge + e_.n_ptest + e_.n_ntest;
+    starts[0] = {0, e_.n_pedge, e_.n_edge, e_.n_edge + e_.n_ptest};
+    for (int k = 1; k <= pieces; ++k) {
+      for (int g = 0; g < 4; ++g) starts[k][g] += starts[k - 1][g];
+    }
+    // The four lists by group are pieces of the band list.
+    e_.ori_nbt_ind = m_.ind.need(e_.n_nbt);
+    e_.ori_pedge_ind = e_.ori_nbt_ind;
+    e_.ori_nedge_ind = e_.ori_nbt_ind + e_.n_pedge;
+    e_.ori_ptest_ind = e_.ori_nbt_ind + e_.n_edge;
+    e_.ori_ntest_ind = e_.ori_ptest_ind + e_.n_ptest;
+    e_.ori_nbt_sub = m_.sub.need(static_cast<std::size_t>(D) * e_.n_nbt);
+    parallelFor(threads_, pieces, [&](int k) {
+      listBand<D>(m_.positive, m_.edge, m_.band, plane(k), plane(k + 1), starts[k], e_.ori_nbt_ind,
+                  e_.ori_nbt_sub);
+    });
+  }
+
+  void linkVoxels(Grid grid) {
+    int* indices = e_.mask_indices->p;
+    sideIndices(m_.positive, e_.n_nbt, indices, threads_);
+    parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
+      for (int i = first; i < last; ++i) indices[e_.ori_nbt_ind[i]] = i;
+    });
+    e_.links() = m_.links.need(static_cast<std::size_t>(2 * D) * e_.n_nbt);
+    parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
+      linkNeighbours<D>(grid, indices, e_.ori_nbt_ind, e_.ori_nbt_sub, first, last, e_.links());
+    });
+    int largest = 0;
+    for (int i = 0; i < e_.n_nbt; ++i) largest = std::max(largest, e_.links()[2 * D * (i + 1LL) - 2]);
+    Rules::check(grid, grid.X - 1 + (grid.Y - 1) * grid.X + (grid.Z - 1) * grid.plane(), largest,
+                 e_.n_nbt);
+  }
+
+  void fillArrays(const double* Phi) {
+    const std::size_t n = e_.n_nbt;
+    e_.Spar_Phi = m_.Phi.need(n);
+    e_.Spar_F = m_.F.need(n + 1);
+    e_.Spar_Fext = m_.Fext.need(n + 2);
+    e_.Spar_exact = m_.exact.need(D * (n + 2));
+    e_.Spar_usdf = m_.usdf.need(n + 2);
+    e_.Spar_sdf = m_.sdf.need(n + 2);
+    for (std::size_t i = 0; i < n; ++i) e_.Spar_Phi[i] = Phi[e_.ori_nbt_ind[i]];
+    std::fill_n(e_.Spar_F, n + 1, 0.0);
+    std::fill_n(e_.Spar_Fext, n, 0.0);
+    e_.Spar_Fext[n] = -unknownDistance;
+    e_.Spar_Fext[n + 1] = unknownDistance;
+    std::fill_n(e_.Spar_exact, D * (n + 2), unknownDistance);
+    std::fill_n(e_.Spar_usdf, n + 2, unknownDistance);
+    std::fill_n(e_.Spar_sdf, n + 2, unknownDistance);
+  }
+
+  Engine& e_;
+  typename Engine::Memory& m_;
+  int threads_;
+};
+
+}  // namespace tavrel

@@ -1,0 +1,142 @@
+// The raw-volume command: arguments, echo lines, files. The work is in the stages of voxPipeline.h.
+
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "vox3DMat.h"
+#include "voxPara.h"
+#include "voxPipeline.h"
+#include "voxRawVolumeData.h"
+
+namespace {
+
+constexpr int floatFormat = 2;
+constexpr std::string_view formatWords[] = {"byte", "word", "float"};
+
+/// The voxel format code of a word on the command line, -1 if there is none.
+int formatCode(std::string_view word) {
+  for (int code = 0; code < 3; ++code) {
+    if (word == formatWords[code]) return code;
+  }
+  return -1;
+}
+
+/// Whether the padded volume's voxels can be counted in 32 bits. The padding brings every size to
+/// the next multiple of 4.
+bool sizesFit(int width, int height, int slices) {
+  long long voxels = 1;
+  for (const int size : {width, height, slices}) {
+    if (size < 0) return false;
+    voxels *= (size + 3LL) / 4 * 4;
+    if (voxels > std::numeric_limits<int>::max()) return false;
+  }
+  return true;
+}
+
+void echoArguments(int width, int height, int slices, const char* image, int format, double W5,
+                   const char* mask, const char* stripped, const char* phi) {
+  std::cout << "nImgWidth\t" << width << "\nnImgHeight\t" << height << "\nnImgSlices\t" << slices
+            << "\nsImgFilePath\t" << image << "\nsImgMaskFilePath\t" << mask
+            << "\nsImgSSFilePath\t" << stripped << "\nsImgPhiFilePath\t" << phi << "\nW5\t" << W5
+            << "\nnImgFormat\t" << format << "\n";
+}
+
+template <typename T, typename U>
+void writeVolume(vox3DMat<T, U>& volume, char* path, int format) {
+  voxRawVolumeData<T, U> file;
+  file.setdata(&volume);
+  file.write(path, format);
+}
+
+}  // namespace
+
+/// Strips one raw volume: reads it, prepares, evolves and finishes the mask, and writes the three
+/// outputs (the level-set function at the end of every level, then mask and stripped image).
+/// @param nImgFormat  0 byte, 1 word, 2 float; any other code gives a message and false
+/// @return true when the outputs are written; errors of files end the process
+bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, int nImgFormat,
+            double dW5, char* sImgMaskFilePath, char* sImgSSFilePath, char* sImgPhiFilePath) {
+  echoArguments(nImgWidth, nImgHeight, nImgSlices, sImgFilePath, nImgFormat, dW5, sImgMaskFilePath,
+                sImgSSFilePath, sImgPhiFilePath);
+  if (nImgFormat < 0 || nImgFormat > floatFormat) {
+    std::cout << "Skull stripping only works on grayscale images." << std::endl;
+    return false;
+  }
+  std::cout << nImgWidth << "\t" << nImgHeight << "\t" << nImgSlices << "\n"
+            << nImgFormat << "\n"
+            << dW5 << "\n";
+  std::string pImgFilePath = sImgFilePath, pImgMaskFilePath = sImgMaskFilePath,
+              pImgSSFilePath = sImgSSFilePath, pImgPhiFilePath = sImgPhiFilePath;
+  std::cout << sImgFilePath << "\n"
+            << sImgMaskFilePath << "\n"
+            << sImgSSFilePath << "\n"
+            << sImgPhiFilePath << "\n"
+            << pImgFilePath << "\n"
+            << pImgMaskFilePath << "\n"
+            << pImgSSFilePath << "\n"
+            << pImgPhiFilePath << "\n";
+
+  voxPara P;
+  tavrel::setupPipeline(P, pImgFilePath.data(), pImgMaskFilePath.data(), pImgSSFilePath.data(),
+                        nImgFormat, nImgWidth, nImgHeight, nImgSlices, dW5);
+  voxRawVolumeData<double, char> R(P.ori_fn, P.ori_datatype, P.sizeX, P.sizeY, P.sizeZ);
+  R.read();
+  vox3DMat<double, char>& D = *R.getMatobject();
+
+  tavrel::PreparedVolumes volumes = tavrel::prepare(D, P, &std::cout);
+  tavrel::EvolutionObserver observer;
+  observer.onLevel = [&](int, vox3DMat<double, char>& Phi) {
+    writeVolume(Phi, pImgPhiFilePath.data(), floatFormat);
+  };
+  tavrel::evolve(volumes, P, observer);
+  volumes.image.reset();
+  tavrel::finish(*volumes.mask, D, P);
+
+  writeVolume(*volumes.mask, P.mask_fn, P.mask_datatype);
+  const std::unique_ptr<vox3DMat<double, char>> VeSS(D * *volumes.mask);
+  writeVolume(*VeSS, P.SS_fn, P.SS_datatype);
+  return true;
+}
+
+int main(int argc, char** argv) {
+  if (argc <= 9) {
+    std::cout << "Usuage:Tavrel [W5] [ImgWidth] [ImgHeight] [ImgSlices] [RawImageFileName] "
+                 "[ImageDataFormat: byte, word or float]"
+              << std::endl
+              << std::string(26, ' ') << "[RawMaskFileName] [RawSSFileName] [RawPhiFileName]"
+              << std::endl;
+    return 1;
+  }
+  const double dW5 = std::atof(argv[1]);
+  const int nImgWidth = std::atoi(argv[2]);
+  const int nImgHeight = std::atoi(argv[3]);
+  const int nImgSlices = std::atoi(argv[4]);
+  const int nImgFormat = formatCode(argv[6]);
+  if (nImgFormat < 0) {
+    std::cout << "For data format, please enter: byte, word or float." << std::endl;
+    return 1;
+  }
+  if (!sizesFit(nImgWidth, nImgHeight, nImgSlices)) {
+    std::cout << "Image sizes must not be negative, and the volume must have fewer than 2^31 "
+                 "voxels (sizes rounded up to multiples of 4): "
+              << argv[2] << " x " << argv[3] << " x " << argv[4] << std::endl;
+    return 1;
+  }
+  try {
+    if (Tavrel(nImgWidth, nImgHeight, nImgSlices, argv[5], nImgFormat, dW5, argv[7], argv[8],
+               argv[9])) {
+      return 0;
+    }
+  } catch (const std::bad_alloc&) {
+    std::cout << "Not enough memory for a volume of " << nImgWidth << " x " << nImgHeight << " x "
+              << nImgSlices << " voxels." << std::endl;
+    return 1;
+  }
+  std::cout << "Skull stripping failed." << std::endl;
+  return 1;
+}

@@ -1,0 +1,170 @@
+#include "voxPipeline.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "vox2DLevelSet.h"
+#include "vox3DLevelSet.h"
+
+namespace {
+
+constexpr int bandWidth = 2;
+constexpr double volumeThreshold = 0.0002;  ///< convergence of a 3-D level
+constexpr double sliceThreshold = 0.002;    ///< convergence of a slice
+
+/// The ratio of computeratio, from the history alone.
+double relativeChange(int i, const double* lt) {
+  if (i < 2) return std::numeric_limits<double>::infinity();
+  const double oneStep = lt[i - 1] - lt[i - 2];
+  const double twoSteps = i > 2 ? lt[i - 1] - lt[i - 3] : oneStep;
+  return std::abs(std::min(oneStep, twoSteps)) / lt[i - 1];
+}
+
+/// A value that Phi2VeC puts inside the mask.
+bool isInside(double phi) { return !(phi >= 0); }
+
+/// How many voxels the step that `engine` has just made of Phi added to the inside.
+template <typename Engine, typename Function>
+int insideChange(const Engine& engine, const Function& Phi) {
+  int change = 0;
+  for (int i = 0; i < engine.n_nbt; ++i) {
+    change += isInside(Phi.p[engine.ori_nbt_ind[i]]) - isInside(engine.Spar_Phi[i]);
+  }
+  return change;
+}
+
+/// Evolves Phi until its inside count stops changing or `maxIterations` steps have been made.
+/// onStep(iteration, inside, ratio, engine) is called after every step.
+template <typename Engine, typename Function, typename OnStep>
+void evolveFunction(Function& Phi, double inside, Function& image, const voxPara& P,
+                    int maxIterations, double threshold, int threads,
+                    typename Engine::Memory& memory, OnStep&& onStep) {
+  std::vector<double> lt;
+  for (int i = 0; i < maxIterations; ++i) {
+    Engine engine(memory, threads);
+    engine.UpdatePhi(&Phi, bandWidth, &image, P.w1, P.w2, P.w3, P.w4, P.w5, P.w6, P.w7, &Phi);
+    inside += insideChange(engine, Phi);
+    lt.push_back(inside);
+    const double ratio = relativeChange(i, lt.data());
+    onStep(i, inside, ratio, engine);
+    // Without an interface no later step changes anything.
+    if ((i > 1 && ratio < threshold) || engine.n_edge == 0) return;
+  }
+}
+
+std::unique_ptr<vox3DMat<double, char>> finiteCopy(vox3DMat<double, char>& volume) {
+  std::unique_ptr<vox3DMat<double, char>> copy(volume.duplicate());
+  const std::size_t count = static_cast<std::size_t>(copy->mxn) * copy->sizeZ;
+  std::replace_if(copy->p, copy->p + count, [](double v) { return !std::isfinite(v); }, 0.0);
+  return copy;
+}
+
+bool allFinite(const vox3DMat<double, char>& volume) {
+  const std::size_t count = static_cast<std::size_t>(volume.mxn) * volume.sizeZ;
+  return std::all_of(volume.p, volume.p + count, [](double v) { return std::isfinite(v); });
+}
+
+/// Refines every plane of the mask on the input's own intensities.
+void refineSlices(vox3DMat<char, double>& mask, vox3DMat<double, char>& input, const voxPara& P) {
+  using Engine = vox2DLevelSet<double, char>;
+  Engine::Memory memory;
+  for (int j = 0; j < mask.sizeZ; ++j) {
+    std::unique_ptr<vox2DMat<char, double>> VeC2(mask.getslice(j));
+    const std::unique_ptr<vox2DMat<double, char>> VeI2(input.getslice(j));
+    const std::unique_ptr<vox2DMat<double, char>> Phi2(VeC2->VeC2Phi());
+    evolveFunction<Engine>(*Phi2, VeC2->Sum(), *VeI2, P, P.max_iter[0], sliceThreshold, 1, memory,
+                           [](auto&&...) {});
+    VeC2.reset(Phi2->Phi2VeC());
+    mask.setslice(VeC2.get(), j);
+  }
+}
+
+template <typename Mask>
+double countAndCompare(int i, double* lt, Mask* mask) {
+  lt[i] = mask->Sum();
+  return relativeChange(i, lt);
+}
+
+}  // namespace
+
+double computeratio(int i, double* lt, vox3DMat<char, double>* newVeC) {
+  return countAndCompare(i, lt, newVeC);
+}
+
+double computeratio(int i, double* lt, vox2DMat<char, double>* newVeC) {
+  return countAndCompare(i, lt, newVeC);
+}
+
+namespace tavrel {
+
+void setupPipeline(voxPara& P, char* inputPath, char* maskPath, char* strippedPath, int format,
+                   int sizeX, int sizeY, int sizeZ, double W5) {
+  constexpr int byteFormat = 0;
+  constexpr int noHalving = 0;
+  constexpr int segDn = 2;
+  constexpr double gamma = 1.0;
+  constexpr double seedMin = 0.3, seedMax = 0.7;
+  constexpr double w1 = 0.0, w2 = 0.0, w3 = 0.01, w4 = 1.0, w6 = 0.0, w7 = 0.0;
+  constexpr int maxIter = 1000;
+  P.setupBalloonParameters(inputPath, maskPath, strippedPath, format, byteFormat, format, sizeX,
+                           sizeY, sizeZ, noHalving, noHalving, noHalving, segDn, gamma, seedMin,
+                           seedMax, seedMin, seedMax, seedMin, seedMax, w1, w2, w3, w4, W5, w6, w7,
+                           maxIter, maxIter, maxIter);
+}
+
+PreparedVolumes prepare(vox3DMat<double, char>& input, const voxPara& P, std::ostream* report) {
+  PreparedVolumes volumes;
+  std::unique_ptr<vox3DMat<double, char>> work;
+  if (!allFinite(input)) work = finiteCopy(input);
+  work.reset((work ? *work : input).filterMinNeigbor());
+  work.reset(work->extension(P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp));
+  if (P.dnX != 0 || P.dnY != 0 || P.dnZ != 0) {
+    work.reset(work->downsampleby2(P.dnX, P.dnY, P.dnZ, "min"));
+  }
+  work->Normalize(report);
+  work->GammaAdjust(P.gamma);
+  volumes.image = std::move(work);
+
+  const auto& size = *volumes.image;
+  volumes.mask = std::make_unique<vox3DMat<char, double>>(size.sizeX, size.sizeY, size.sizeZ);
+  volumes.mask->setseed(P.seedxmin, P.seedxmax, P.seedymin, P.seedymax, P.seedzmin, P.seedzmax);
+  volumes.mask->selfdownsampleby2(P.seg_dn, P.seg_dn, P.seg_dn, "simple");
+  return volumes;
+}
+
+void evolve(PreparedVolumes& volumes, const voxPara& P, const EvolutionObserver& observer,
+            int threads) {
+  using Engine = vox3DLevelSet<double, char>;
+  Engine::Memory memory;
+  const int levels = P.seg_dn + 1;
+  for (int level = 0; level < levels; ++level) {
+    const int halvings = P.seg_dn - level;
+    std::unique_ptr<vox3DMat<double, char>> reduced;
+    if (halvings > 0) reduced.reset(volumes.image->downsampleby2(halvings, halvings, halvings, "min"));
+    vox3DMat<double, char>& image = reduced ? *reduced : *volumes.image;
+    if (level > 0) volumes.mask->selfupsampleby2(1, 1, 1, "simple");
+    const std::unique_ptr<vox3DMat<double, char>> Phi(volumes.mask->VeC2Phi());
+    const double seeded = volumes.mask->Sum();
+    volumes.mask.reset();
+    evolveFunction<Engine>(
+        *Phi, seeded, image, P, P.max_iter[level], volumeThreshold, threads, memory,
+        [&](int i, double inside, double ratio, const Engine& engine) {
+          if (observer.onStep) {
+            observer.onStep({level, levels, i, inside, ratio, engine.n_edge, engine.n_nbt});
+          }
+        });
+    volumes.mask.reset(Phi->Phi2VeC());
+    if (observer.onLevel) observer.onLevel(level, *Phi);
+  }
+}
+
+void finish(vox3DMat<char, double>& mask, vox3DMat<double, char>& input, const voxPara& P) {
+  mask.selfupsampleby2(P.dnX, P.dnY, P.dnZ, "simple");
+  mask.selfdeextension(P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp);
+  if (P.dnX > 0 || P.dnY > 0 || P.dnZ > 0) refineSlices(mask, input, P);
+  mask.imdilate3D("box", 1);
+}
+
+}  // namespace tavrel
