@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <span>
 
+#include "voxMemory.h"
 #include "voxVolumeOps.h"
 
 /// A slice of sizeX x sizeY pixels of type T. U is the pixel type of the matrices that the
@@ -26,7 +27,7 @@ class vox2DMat {
   /// A matrix of X x Y pixels, not initialised. Ends the process with status 1 if the sizes are
   /// negative or too large.
   vox2DMat(int X, int Y)
-      : p(tavrel::newVoxels<T>(tavrel::voxelCount(X, Y)).release()),
+      : p(tavrel::newArray<T>(tavrel::voxelCount(X, Y)).release()),
         sizeX(X),
         sizeY(Y),
         mxn(X * Y) {}

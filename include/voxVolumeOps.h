@@ -11,8 +11,6 @@
 #include <cstdint>
 #include <iostream>
 #include <limits>
-#include <memory>
-#include <new>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "voxFatal.h"
+#include "voxMemory.h"
 #include "voxUtility.h"
 
 namespace tavrel {
@@ -39,18 +38,6 @@ inline std::size_t voxelCount(std::int64_t X, std::int64_t Y, std::int64_t Z = 1
     count *= size;
   }
   return static_cast<std::size_t>(count);
-}
-
-/// A new array of `count` voxels, not initialised. Too little memory ends the process with
-/// status 1.
-template <class T>
-std::unique_ptr<T[]> newVoxels(std::size_t count) {
-  try {
-    return std::make_unique_for_overwrite<T[]>(count);
-  } catch (const std::bad_alloc&) {
-    fatal("not enough memory for a volume of " + std::to_string(count) + " voxels, exit\n",
-          std::cerr, 1);
-  }
 }
 
 /// Adds `m` to every voxel.

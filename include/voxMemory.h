@@ -1,0 +1,48 @@
+// Large arrays for voxels: not initialised, and backed by huge pages where the system has them.
+//
+// A fresh volume is written once from end to end, so most of its cost is the system's work of
+// handing over memory page by page. Asking for pages of 2 MiB instead of 4 KiB makes that work a
+// tenth or less. It is only a hint: arrays come from new[] and go by delete[] like any other.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <string>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
+#include "voxFatal.h"
+
+namespace tavrel {
+
+/// Asks the system to back the memory from `address` on by huge pages as it is first written to.
+/// Whole huge pages only; does nothing where there are none.
+inline void preferHugePages([[maybe_unused]] void* address, [[maybe_unused]] std::size_t bytes) {
+#if defined(__linux__)
+  constexpr std::uintptr_t kHugePage = std::uintptr_t{1} << 21;
+  const auto begin = reinterpret_cast<std::uintptr_t>(address);
+  const std::uintptr_t first = (begin + kHugePage - 1) / kHugePage * kHugePage;
+  const std::uintptr_t end = (begin + bytes) / kHugePage * kHugePage;
+  if (first < end) madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+#endif
+}
+
+/// A new array of `count` elements, not initialised. Too little memory ends the process with
+/// status 1.
+template <class T>
+std::unique_ptr<T[]> newArray(std::size_t count) {
+  try {
+    auto array = std::make_unique_for_overwrite<T[]>(count);
+    preferHugePages(array.get(), count * sizeof(T));
+    return array;
+  } catch (const std::bad_alloc&) {
+    fatal("not enough memory for " + std::to_string(count) + " voxels, exit\n", std::cerr, 1);
+  }
+}
+
+}  // namespace tavrel
