@@ -1,5 +1,5 @@
-// Draws the contour of brain masks on the three middle cuts of a volume (axial, coronal, sagittal)
-// into a PNG; one row of cuts a mask. Up is +y on the axial cut and +z on the others.
+// Draws the contour of brain masks on three cuts of a volume (axial, coronal, sagittal) into a PNG;
+// one row of cuts a mask. Up is +y on the axial cut and +z on the others.
 #include <png.h>
 
 #include <algorithm>
@@ -35,8 +35,9 @@ struct Cut {
   int right, up, normal, at;
 };
 
-/// The middle cuts of the mask's bounding box, or of the volume when the mask is empty.
-std::array<Cut, 3> middleCuts(const Volume& mask) {
+/// Cuts through the mask's bounding box (the volume when the mask is empty): in the middle, but the
+/// sagittal one beside it, where the folds of a hemisphere show.
+std::array<Cut, 3> cutsThrough(const Volume& mask) {
   std::array<int, 3> low = mask.sizes, high{}, p;
   for (p[2] = 0; p[2] < mask.sizes[2]; ++p[2])
     for (p[1] = 0; p[1] < mask.sizes[1]; ++p[1])
@@ -45,11 +46,14 @@ std::array<Cut, 3> middleCuts(const Volume& mask) {
           low[a] = std::min(low[a], p[a]);
           high[a] = std::max(high[a], p[a]);
         }
-  const auto middle = [&](int a) { return std::min(low[a] + high[a], 2 * mask.sizes[a] - 2) / 2; };
-  return {Cut{0, 1, 2, middle(2)}, Cut{0, 2, 1, middle(1)}, Cut{1, 2, 0, middle(0)}};
+  const auto at = [&](int a, double fraction) {
+    if (low[a] > high[a]) return mask.sizes[a] / 2;
+    return low[a] + static_cast<int>(fraction * (high[a] - low[a]));
+  };
+  return {Cut{0, 1, 2, at(2, 0.5)}, Cut{0, 2, 1, at(1, 0.5)}, Cut{1, 2, 0, at(0, 0.4)}};
 }
 
-/// Maps the 2nd to the 98th percentile of the voxels that are not zero to black and white.
+/// Maps the 2nd to the 99.5th percentile of the voxels that are not zero to black and white.
 class Window {
  public:
   explicit Window(const Volume& image) {
@@ -59,7 +63,7 @@ class Window {
     if (values.empty()) return;
     std::sort(values.begin(), values.end());
     low_ = values[values.size() / 50];
-    high_ = values[values.size() - 1 - values.size() / 50];
+    high_ = values[values.size() - 1 - values.size() / 200];
   }
   unsigned char operator()(double value) const {
     if (!(high_ > low_)) return 0;
@@ -115,7 +119,7 @@ void draw(const std::vector<std::string>& args) {
   const Volume image = read(args[4], tavrel::parseFormat(args[3]));
   const Window window(image);
   const std::vector<std::string> masks(args.begin() + 6, args.end());
-  const std::array<Cut, 3> cuts = middleCuts(read(masks[0], 0));
+  const std::array<Cut, 3> cuts = cutsThrough(read(masks[0], 0));
 
   const int rowHeight = std::max(sizes[1], sizes[2]) * kScale;
   const int rows = static_cast<int>(masks.size());

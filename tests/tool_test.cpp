@@ -1,0 +1,393 @@
+// The raw-volume command from end to end: messages, statuses, files, and a whole run on a phantom.
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <numeric>
+
+#include "phantom.h"
+#include "process.h"
+
+// The command's own source is part of this program too, with its main under another name.
+bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, int nImgFormat,
+            double dW5, char* sImgMaskFilePath, char* sImgSSFilePath, char* sImgPhiFilePath);
+
+namespace tavrel {
+namespace {
+
+const std::array<std::string, 3> kFormats{"byte", "word", "float"};
+constexpr char kGreyscaleOnly[] = "Skull stripping only works on grayscale images.\n";
+
+/// The bytes of a raw file that holds `values`.
+template <class Stored, class Value>
+std::string rawBytes(const std::vector<Value>& values) {
+  const std::vector<Stored> stored(values.begin(), values.end());
+  return {reinterpret_cast<const char*>(stored.data()), stored.size() * sizeof(Stored)};
+}
+
+template <class Stored>
+std::vector<Stored> rawValues(const std::string& bytes) {
+  std::vector<Stored> values(bytes.size() / sizeof(Stored));
+  std::memcpy(values.data(), bytes.data(), values.size() * sizeof(Stored));
+  return values;
+}
+
+struct Outputs {
+  std::string mask, stripped, phi;
+  bool operator==(const Outputs&) const = default;
+};
+
+class ToolTest : public FolderTest {
+ protected:
+  using Sizes = std::array<int, 3>;
+
+  /// The nine arguments of a run on the file `image`.
+  std::vector<std::string> arguments(const std::string& w5, const Sizes& sizes,
+                                     const std::string& format = "byte") const {
+    return {w5,
+            std::to_string(sizes[0]),
+            std::to_string(sizes[1]),
+            std::to_string(sizes[2]),
+            path("image"),
+            format,
+            path("mask"),
+            path("stripped"),
+            path("phi")};
+  }
+
+  Finished tavrel(const std::vector<std::string>& args) const { return run(TAVREL_COMMAND, args); }
+
+  /// A run that has to succeed.
+  Outputs strip(const std::vector<std::string>& args) const {
+    const Finished finished = tavrel(args);
+    EXPECT_EQ(finished.status, 0) << finished.out << finished.err;
+    EXPECT_EQ(finished.err, "");
+    return {readFile(args[6]), readFile(args[7]), readFile(args[8])};
+  }
+
+  /// Writes a small phantom of whole numbers from 0 to 255 in the given format.
+  std::vector<double> writePhantom(const Sizes& sizes, const std::string& format = "byte") const {
+    std::vector<double> values = makePhantom(sizes[0], sizes[1], sizes[2]).image;
+    for (double& v : values) v = std::floor(std::clamp(230 * v, 0.0, 255.0));
+    writeImage(values, format);
+    return values;
+  }
+
+  void writeImage(const std::vector<double>& values, const std::string& format) const {
+    writeFile(path("image"), format == "byte"   ? rawBytes<std::uint8_t>(values)
+                             : format == "word" ? rawBytes<std::int16_t>(values)
+                                                : rawBytes<float>(values));
+  }
+};
+
+/// What a run prints, up to its end or its first error.
+std::string echo(const std::vector<std::string>& a, const std::string& w5,
+                 const std::string& code) {
+  const std::string paths = a[4] + '\n' + a[6] + '\n' + a[7] + '\n' + a[8] + '\n';
+  return "nImgWidth\t" + a[1] + "\nnImgHeight\t" + a[2] + "\nnImgSlices\t" + a[3] +
+         "\nsImgFilePath\t" + a[4] + "\nsImgMaskFilePath\t" + a[6] + "\nsImgSSFilePath\t" + a[7] +
+         "\nsImgPhiFilePath\t" + a[8] + "\nW5\t" + w5 + "\nnImgFormat\t" + code + '\n' + a[1] +
+         '\t' + a[2] + '\t' + a[3] + '\n' + code + '\n' + w5 + '\n' + paths + paths;
+}
+
+const std::string kSorting = "double sorting called\ndouble sorting called\n";
+
+TEST_F(ToolTest, TooFewArgumentsPrintTheUsage) {
+  const std::string usage =
+      "Usuage:Tavrel [W5] [ImgWidth] [ImgHeight] [ImgSlices] [RawImageFileName] "
+      "[ImageDataFormat: byte, word or float]\n"
+      "                          [RawMaskFileName] [RawSSFileName] [RawPhiFileName]\n";
+  std::vector<std::string> eight = arguments("1", {8, 8, 8});
+  eight.pop_back();
+  for (const auto& args : {std::vector<std::string>{}, {"--help"}, {"-h"}, eight}) {
+    const Finished finished = tavrel(args);
+    EXPECT_EQ(finished.out, usage);
+    EXPECT_EQ(finished.err, "");
+    EXPECT_EQ(finished.status, 1);
+  }
+  EXPECT_TRUE(files().empty());
+}
+
+TEST_F(ToolTest, UnknownFormatWordIsRefused) {
+  for (const std::string word : {"Byte", "BYTE", "bytes", "double", "", " word", "0"}) {
+    const Finished finished = tavrel(arguments("1", {8, 8, 8}, word));
+    EXPECT_EQ(finished.out, "For data format, please enter: byte, word or float.\n") << word;
+    EXPECT_EQ(finished.err, "");
+    EXPECT_EQ(finished.status, 1);
+  }
+  EXPECT_TRUE(files().empty());
+}
+
+TEST_F(ToolTest, OtherFormatCodesAreRefusedAfterNineLines) {
+  std::vector<std::string> args = arguments("1.25", {8, 9, 10});
+  for (const int code : {3, -1, 4, std::numeric_limits<int>::min()}) {
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(Tavrel(8, 9, 10, args[4].data(), code, 1.25, args[6].data(), args[7].data(),
+                        args[8].data()));
+    const std::string whole = echo(args, "1.25", std::to_string(code));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              whole.substr(0, whole.find("\n8\t9\t10\n") + 1) + kGreyscaleOnly);
+  }
+  EXPECT_TRUE(files().empty());
+}
+
+TEST_F(ToolTest, RunEchoesItsArgumentsInOrder) {
+  const Sizes sizes{12, 9, 11};
+  for (std::size_t code = 0; code < kFormats.size(); ++code) {
+    writePhantom(sizes, kFormats[code]);
+    const auto args = arguments("1.23456789", sizes, kFormats[code]);
+    const Finished finished = tavrel(args);
+    EXPECT_EQ(finished.out, echo(args, "1.23457", std::to_string(code)) + kSorting);
+    EXPECT_EQ(finished.err, "");
+    EXPECT_EQ(finished.status, 0);
+  }
+  for (const auto& [text, echoed] : {std::pair{"abc", "0"}, {"1e-7x", "1e-07"}, {"-2", "-2"}}) {
+    const auto args = arguments(text, sizes, "float");
+    EXPECT_EQ(tavrel(args).out, echo(args, echoed, "2") + kSorting);
+  }
+}
+
+TEST_F(ToolTest, ExtraArgumentsAndTextAfterNumbersAreIgnored) {
+  const Sizes sizes{14, 16, 15};
+  writePhantom(sizes);
+  auto args = arguments("0", sizes);
+  const Outputs plain = strip(args);
+  args.insert(args.end(), {"more", path("never"), ""});
+  args[0] = "not a number";
+  args[1] += "px";
+  EXPECT_EQ(strip(args), plain);
+  EXPECT_EQ(files(), (std::set<std::string>{"image", "mask", "phi", "stripped"}));
+}
+
+TEST_F(ToolTest, ZeroSizeEndsBeforeTheFileIsOpened) {
+  for (const Sizes& sizes : {Sizes{0, 10, 10}, {10, 0, 10}, {10, 10, 0}}) {
+    const auto args = arguments("1", sizes);
+    const Finished finished = tavrel(args);
+    EXPECT_EQ(finished.out,
+              echo(args, "1", "0") +
+                  "object not initialized or input size incorrect, can't read file \n");
+    EXPECT_EQ(finished.err, "");
+    EXPECT_EQ(finished.status, 0);
+  }
+  EXPECT_TRUE(files().empty());
+}
+
+TEST_F(ToolTest, ImpossibleSizesAreRefusedBeforeAnything) {
+  constexpr int kMost = std::numeric_limits<int>::max();
+  for (const Sizes& sizes : {Sizes{-1, 8, 8},
+                             {8, -1, 8},
+                             {8, 8, -8},
+                             {-4, -4, 4},
+                             {-1, 0, 8},
+                             {2000, 2000, 2000},
+                             {1290, 1290, 1290} /* 1292 padded */,
+                             {kMost, 1, 1},
+                             {kMost, kMost, kMost},
+                             {1, 1 << 16, 1 << 16},
+                             {std::numeric_limits<int>::min(), 1, 1}}) {
+    const Finished finished = tavrel(arguments("1", sizes));
+    EXPECT_EQ(std::count(finished.out.begin(), finished.out.end(), '\n'), 1) << finished.out;
+    EXPECT_EQ(finished.err, "");
+    EXPECT_EQ(finished.status, 1);
+  }
+  EXPECT_TRUE(files().empty());
+}
+
+TEST_F(ToolTest, MissingInputEndsWithTheReadersMessage) {
+  const auto args = arguments("1", {8, 8, 8});
+  const Finished finished = tavrel(args);
+  EXPECT_EQ(finished.out, echo(args, "1", "0"));
+  EXPECT_EQ(finished.err, "  Error opening file " + path("image") + " for reading in data \n");
+  EXPECT_EQ(finished.status, 0);
+  EXPECT_TRUE(files().empty());
+}
+
+TEST_F(ToolTest, UnwritableOutputEndsTheRunAndKeepsEarlierFiles) {
+  const Sizes sizes{9, 10, 11};
+  writePhantom(sizes);
+  std::set<std::string> left{"image"};
+  for (const auto& [position, name] : {std::pair{8, "phi"}, {6, "mask"}, {7, "stripped"}}) {
+    auto args = arguments("1", sizes);
+    args[position] = path("no-such-folder/file");
+    const Finished finished = tavrel(args);
+    EXPECT_EQ(finished.err,
+              "  Inside  AnalyzeImage::saveAnalyzeImageData() \n  Error opening file " +
+                  args[position] + " for reading in data \n");
+    EXPECT_EQ(finished.status, 0);
+    EXPECT_EQ(files(), left);
+    left.insert(name);
+  }
+}
+
+TEST_F(ToolTest, FullDiskIsReported) {
+  writePhantom({9, 10, 11});
+  auto args = arguments("1", {9, 10, 11});
+  args[7] = "/dev/full";
+  const Finished finished = tavrel(args);
+  EXPECT_EQ(finished.err, "  Error writing file /dev/full \n");
+  EXPECT_EQ(finished.status, 1);
+}
+
+TEST_F(ToolTest, MissingVoxelsAreZeroAndSurplusBytesIgnored) {
+  const Sizes sizes{15, 14, 13};
+  for (const std::string& format : kFormats) {
+    writePhantom(sizes, format);
+    const std::string image = readFile(path("image"));
+    const auto args = arguments("1", sizes, format);
+    const Outputs whole = strip(args);
+    writeFile(path("image"), image + "surplus");
+    EXPECT_EQ(strip(args), whole);
+    for (const std::size_t kept : {image.size() * 2 / 3 / 4 * 4, std::size_t{0}}) {
+      writeFile(path("image"), image.substr(0, kept));
+      const Outputs cut = strip(args);
+      writeFile(path("image"), image.substr(0, kept) + std::string(image.size() - kept, '\0'));
+      EXPECT_EQ(strip(args), cut);
+    }
+  }
+}
+
+TEST_F(ToolTest, OutputsReplaceFilesAndHaveTheirSizes) {
+  const Sizes sizes{13, 18, 21};
+  const std::size_t voxels = 13 * 18 * 21;
+  writePhantom(sizes, "word");
+  for (const char* name : {"mask", "stripped", "phi"})
+    writeFile(path(name), std::string(200000, 'x'));
+  const Outputs outputs = strip(arguments("1", sizes, "word"));
+  ASSERT_EQ(outputs.mask.size(), voxels);
+  EXPECT_EQ(outputs.mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
+  EXPECT_EQ(outputs.stripped.size(), voxels * 2);
+  EXPECT_EQ(outputs.phi.size(), 16u * 20 * 24 * sizeof(float));
+}
+
+TEST_F(ToolTest, PathsOfAnyLengthWork) {
+  const Sizes sizes{8, 8, 8};
+  std::string folder = path(std::string(250, 'a'));
+  for (int depth = 0; depth < 5; ++depth) folder += '/' + std::string(250, 'b');
+  std::filesystem::create_directories(folder);
+  writePhantom(sizes);
+  auto args = arguments("1", sizes);
+  const Outputs near = strip(args);
+  std::filesystem::rename(path("image"), folder + "/image");
+  for (const auto& [position, name] :
+       {std::pair{4, "/image"}, {6, "/mask"}, {7, "/stripped"}, {8, "/phi"}})
+    args[position] = folder + name;
+  EXPECT_EQ(strip(args), near);
+}
+
+TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
+  const Sizes sizes{30, 34, 31};
+  std::vector<double> values = writePhantom(sizes);
+  const Outputs bytes = strip(arguments("1", sizes));
+  const auto inside = std::count(bytes.mask.begin(), bytes.mask.end(), '\1');
+  EXPECT_GT(inside, 1000);
+  EXPECT_LT(inside, std::ssize(values) / 2);
+
+  // A shift and a scale that are exact in every format leave the mask alone or nearly so; whatever
+  // the mask is, the product has to be exact, with negative zeros where a negative float goes.
+  for (double& v : values) v = 4 * v - 100;
+  writeImage(values, "word");
+  const Outputs words = strip(arguments("1", sizes, "word"));
+  writeImage(values, "float");
+  const Outputs floats = strip(arguments("1", sizes, "float"));
+  EXPECT_EQ(floats.mask, words.mask);
+  EXPECT_EQ(floats.phi, words.phi);
+
+  std::vector<float> wantFloats;
+  std::vector<int> wantWords;
+  for (std::size_t n = 0; n < values.size(); ++n) {
+    wantFloats.push_back(static_cast<float>(values[n]) * static_cast<float>(floats.mask[n]));
+    wantWords.push_back(static_cast<int>(values[n]) * words.mask[n]);
+  }
+  EXPECT_TRUE(std::signbit(wantFloats[0]) && wantFloats[0] == 0);
+  EXPECT_EQ(floats.stripped, rawBytes<float>(wantFloats));
+  EXPECT_EQ(words.stripped, rawBytes<std::int16_t>(wantWords));
+}
+
+TEST_F(ToolTest, FormatsOfTheSameVoxelsGiveTheSameMask) {
+  const Sizes sizes{30, 34, 31};
+  std::vector<Outputs> outputs;
+  for (const std::string& format : kFormats) {
+    writePhantom(sizes, format);
+    outputs.push_back(strip(arguments("0.9", sizes, format)));
+  }
+  for (int code : {1, 2}) {
+    EXPECT_EQ(outputs[code].mask, outputs[0].mask);
+    EXPECT_EQ(outputs[code].phi, outputs[0].phi);
+  }
+}
+
+TEST_F(ToolTest, VoxelsThatAreNotFiniteCountAsZero) {
+  const Sizes sizes{20, 22, 21};
+  std::vector<double> values = writePhantom(sizes, "float");
+  std::vector<double> zeroed = values;
+  const double odd[] = {std::numeric_limits<double>::quiet_NaN(),
+                        std::numeric_limits<double>::infinity(),
+                        -std::numeric_limits<double>::infinity()};
+  for (std::size_t n = 5, k = 0; n < values.size(); n += 97, ++k) {
+    values[n] = odd[k % 3];
+    zeroed[n] = 0;
+  }
+  writeImage(zeroed, "float");
+  const Outputs want = strip(arguments("1", sizes, "float"));
+  writeImage(values, "float");
+  const Outputs got = strip(arguments("1", sizes, "float"));
+  EXPECT_EQ(got.mask, want.mask);
+  EXPECT_EQ(got.phi, want.phi);
+}
+
+TEST_F(ToolTest, VolumesWithoutContrastStayFinite) {
+  for (const double level : {0.0, 7.0, -3e38}) {
+    writeImage(std::vector<double>(16 * 16 * 16, level), "float");
+    const Outputs outputs = strip(arguments("1", {16, 16, 16}, "float"));
+    for (const float phi : rawValues<float>(outputs.phi)) ASSERT_TRUE(std::isfinite(phi));
+  }
+}
+
+TEST_F(ToolTest, FindsTheBrainOfAPhantom) {
+  const Sizes sizes{60, 70, 64};
+  writePhantom(sizes);
+  const std::vector<unsigned char> brain = makePhantom(60, 70, 64).brain;
+  const double brainVoxels = std::accumulate(brain.begin(), brain.end(), 0.0);
+  double smaller = 0;
+  for (const char* w5 : {"0.8", "1.0", "1.2"}) {
+    const std::string mask = strip(arguments(w5, sizes)).mask;
+    const double voxels = std::accumulate(mask.begin(), mask.end(), 0.0);
+    const double common = std::inner_product(mask.begin(), mask.end(), brain.begin(), 0.0);
+    EXPECT_GT(2 * common / (voxels + brainVoxels), 0.91) << w5;
+    EXPECT_GT(voxels, smaller) << "a larger W5 gives a larger mask";
+    smaller = voxels;
+  }
+}
+
+/// Random command lines and files: whatever they are, the command ends by itself with status 0
+/// or 1.
+TEST_F(ToolTest, SurvivesRandomArgumentsAndFiles) {
+  std::uint64_t drawn = 0;
+  const auto pick = [&](std::uint64_t choices) {
+    return static_cast<std::uint64_t>(uniformAt(2026, drawn++) * static_cast<double>(choices));
+  };
+  const std::vector<std::string> numbers{
+      "",     "-",     "abc", "0x10",       "1e9", "nan", "inf",
+      "-inf", "1e308", "-1",  "3000000000", "+7",  " 9",  "99999999999999999999"};
+  for (int round = 0; round < 120; ++round) {
+    std::string bytes(pick(12000), '\0');
+    const std::uint64_t values = pick(2) ? 256 : 2;
+    for (char& byte : bytes) byte = static_cast<char>(pick(values));
+    writeFile(path("image"), bytes);
+    const auto size = [&] { return static_cast<int>(1 + pick(pick(3) ? 14 : 40)); };
+    auto args = arguments(std::to_string(-1 + 4 * uniformAt(2026, drawn++)),
+                          {size(), size(), size()}, kFormats[pick(3)]);
+    if (pick(4) == 0) args[pick(4)] = numbers[pick(numbers.size())];
+    if (pick(8) == 0) args[4 + pick(5)] = path(pick(2) ? "image" : "");
+    if (pick(16) == 0) args.resize(pick(12));
+    const Finished finished = tavrel(args);
+    ASSERT_TRUE(finished.status == 0 || finished.status == 1)
+        << "round " << round << ", status " << finished.status << '\n'
+        << finished.out << finished.err;
+    ASSERT_EQ(finished.err.find("Sanitizer"), std::string::npos) << finished.err;
+  }
+}
+
+}  // namespace
+}  // namespace tavrel
