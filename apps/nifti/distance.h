@@ -1,0 +1,22 @@
+// Exact Euclidean distances on a grid with a spacing of its own along each axis.
+//
+// Squared distances are found one axis after the other, each line as the lower envelope of
+// parabolas, in time proportional to the number of voxels (Felzenszwalb and Huttenlocher, "Distance
+// Transforms of Sampled Functions", Theory of Computing 8, 2012). Distances run between voxel
+// centres, in the unit of the spacing; x varies fastest. What lies outside the grid counts as
+// neither inside nor outside of a mask.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "header.h"
+
+namespace tavrel::nifti {
+
+/// For every voxel the squared distance to the nearest voxel whose mask value equals `target`
+/// (0 or 1); infinite where there is none.
+std::vector<double> squaredDistances(std::span<const char> mask, const Size& size,
+                                     const Spacing& spacing, char target);
+
+}  // namespace tavrel::nifti

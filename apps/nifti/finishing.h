@@ -1,0 +1,45 @@
+// From a mask that follows grey matter to a brain mask as it is drawn by hand.
+//
+// Opening with a ball cuts thin bridges (to the optic nerves, the dura, the face), the largest
+// connected piece is the brain, closing with a ball takes in the sulci, and filling takes in the
+// ventricles. Radii are in millimetres between voxel centres. Masks hold 1 inside and 0 outside, x
+// fastest; what lies beyond the volume counts as neither, so that a brain cut off by the field of
+// view keeps its cut.
+#pragma once
+
+#include <span>
+
+#include "header.h"
+
+namespace tavrel::nifti {
+
+/// What finishMask() does, in this order.
+struct FinishSettings {
+  double openMm = 0;      ///< radius of the ball to open with; 0 leaves the step out
+  bool largest = true;    ///< keep the largest piece connected over faces
+  double closeMm = 0;     ///< radius of the ball to close with; 0 leaves the step out
+  bool fillHoles = true;  ///< fill what is not connected over faces to the volume's border
+};
+
+/// Removes what a ball of this radius cannot reach from within. In place.
+void openMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius);
+/// Adds what a ball of this radius cannot reach from without. In place.
+void closeMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius);
+/// Keeps the largest face-connected piece, the first one of equals. In place.
+void keepLargest(std::span<char> mask, const Size& size);
+/// Fills background that faces do not connect to the border of the volume. In place.
+void fillHoles(std::span<char> mask, const Size& size);
+
+/// All steps of the settings. @throws Interrupted
+void finishMask(std::span<char> mask, const Size& size, const Spacing& spacing,
+                const FinishSettings& settings);
+
+/// Box around the voxels at 1: first voxel and one past the last along each axis; empty masks give
+/// equal bounds.
+struct Box {
+  Size first = {}, end = {};
+  bool empty() const { return first[0] >= end[0]; }
+};
+Box boundingBox(std::span<const char> mask, const Size& size);
+
+}  // namespace tavrel::nifti

@@ -1,0 +1,248 @@
+#include "header.h"
+
+#include <nifti/nifti2_io.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <type_traits>
+
+#include "format.h"
+
+namespace tavrel::nifti {
+namespace {
+
+using NiftiImage = std::unique_ptr<nifti_image, void (*)(nifti_image*)>;
+
+constexpr int kMostDimensions = 7;
+constexpr std::int64_t kMostVoxels = std::numeric_limits<std::int32_t>::max();
+
+template <class Fields>
+constexpr int kVersion = std::is_same_v<Fields, nifti_1_header> ? 1 : 2;
+
+/// A magic holds the version and tells whether voxels follow in the same file.
+template <class Fields>
+bool isPair(const Fields& fields) {
+  const char version = '0' + kVersion<Fields>;
+  if (fields.magic[0] == 'n' && fields.magic[2] == version && fields.magic[3] == '\0') {
+    if (fields.magic[1] == '+') return false;
+    if (fields.magic[1] == 'i') return true;
+  }
+  throw ScanError(kVersion<Fields> == 1 && fields.magic[0] == '\0'
+                      ? "is an ANALYZE 7.5 file, which does not say left from right; convert it to "
+                        "NIfTI first"
+                      : "is not a NIfTI file (wrong magic)");
+}
+
+/// Three sizes and the number of volumes, from the header's dimensions.
+template <class Fields>
+void readSizes(const Fields& fields, Header& header) {
+  const auto dimensions = fields.dim[0];
+  if (dimensions < 1 || dimensions > kMostDimensions)
+    throw ScanError(text("has an impossible number of dimensions, ", dimensions));
+  if (dimensions < 3)
+    throw ScanError(text("has ", dimensions, dimensions == 1 ? " dimension" : " dimensions",
+                         "; a head needs three"));
+  std::int64_t voxels = 1, padded = 1;
+  for (int d = 1; d <= dimensions; ++d) {
+    const std::int64_t n = fields.dim[d];
+    if (n < 1) throw ScanError(text("has an impossible size, ", n, " along dimension ", d));
+    if (d > 3) {
+      if (n > std::numeric_limits<std::int64_t>::max() / 4096 / kMostVoxels / header.volumes)
+        throw ScanError("has an absurd number of volumes");
+      header.volumes *= n;
+      continue;
+    }
+    const std::int64_t whole = (n + 3) / 4 * 4;  // the pipeline pads to multiples of four
+    if (n > kMostVoxels || padded > kMostVoxels / whole)
+      throw ScanError("has more voxels than fit the 32-bit sizes of the method");
+    voxels *= n;
+    padded *= whole;
+    header.size[d - 1] = static_cast<int>(n);
+  }
+}
+
+template <class Fields>
+void readDatatype(const Fields& fields, Header& header) {
+  switch (fields.datatype) {
+    case NIFTI_TYPE_UINT8:
+    case NIFTI_TYPE_INT8:
+    case NIFTI_TYPE_INT16:
+    case NIFTI_TYPE_UINT16:
+    case NIFTI_TYPE_INT32:
+    case NIFTI_TYPE_UINT32:
+    case NIFTI_TYPE_INT64:
+    case NIFTI_TYPE_UINT64:
+    case NIFTI_TYPE_FLOAT32:
+    case NIFTI_TYPE_FLOAT64:
+    case NIFTI_TYPE_FLOAT128:
+      break;
+    default:
+      throw ScanError(text("holds voxels of type ", nifti_datatype_string(fields.datatype),
+                           " (code ", fields.datatype, "), not real numbers"));
+  }
+  int swapSize = 0;
+  header.datatype = fields.datatype;
+  nifti_datatype_sizes(fields.datatype, &header.bytesPerVoxel, &swapSize);
+}
+
+template <class Fields>
+void readOffset(const Fields& fields, Header& header) {
+  const auto offset = static_cast<double>(fields.vox_offset);
+  const double first = header.pair ? 0.0 : double(sizeof(Fields));
+  // Files are found with offset 0 where the standard asks for the size of the header.
+  if (offset == 0) {
+    header.dataOffset = header.pair ? 0 : std::int64_t(sizeof(Fields)) + 4;
+    return;
+  }
+  if (!(offset >= first && offset < 9e15 && offset == std::floor(offset)))
+    throw ScanError(text("has an impossible data offset, ", offset));
+  header.dataOffset = static_cast<std::int64_t>(offset);
+}
+
+template <class Fields>
+void readScaling(const Fields& fields, Header& header) {
+  const double slope = fields.scl_slope, inter = fields.scl_inter;
+  if (!std::isfinite(slope) || slope == 0) return;
+  header.slope = slope;
+  header.inter = std::isfinite(inter) ? inter : 0;
+}
+
+template <class Fields>
+void readSpacing(const Fields& fields, Header& header) {
+  const int unit = XYZT_TO_SPACE(fields.xyzt_units);
+  const double scale = unit == NIFTI_UNITS_METER ? 1000 : unit == NIFTI_UNITS_MICRON ? 0.001 : 1;
+  for (int d = 0; d < 3; ++d) {
+    const double mm = std::abs(double(fields.pixdim[d + 1])) * scale;
+    const bool usable = std::isfinite(mm) && mm > 1e-6 && mm < 1e6;
+    header.spacing[d] = usable ? mm : 1;
+    if (!usable)
+      header.notices.push_back(text("voxel size along axis ", d + 1, " is ", fields.pixdim[d + 1],
+                                    " in the header; taken as 1 mm"));
+  }
+}
+
+/// What the reference library makes of the spatial transforms.
+void readOrientation(nifti_image* converted, Header& header) {
+  const NiftiImage image(converted, nifti_image_free);
+  if (!image) throw ScanError("has a header that the NIfTI library refuses");
+  if (image->sform_code <= 0 && image->qform_code <= 0) return;
+  const auto& matrix = image->sform_code > 0 ? image->sto_xyz : image->qto_xyz;
+  for (const auto& row : matrix.m)
+    for (const double value : row)
+      if (!std::isfinite(value)) return;
+  int codes[3] = {};
+  nifti_dmat44_to_orientation(matrix, &codes[0], &codes[1], &codes[2]);
+  Orientation orientation = {};
+  int found = 0;
+  for (int axis = 0; axis < 3; ++axis) {
+    if (codes[axis] < NIFTI_L2R || codes[axis] > NIFTI_S2I) return;
+    const int patient = (codes[axis] - NIFTI_L2R) / 2;  // codes come in pairs, one pair an axis
+    const bool towardsPositive = (codes[axis] - NIFTI_L2R) % 2 == 0;
+    orientation.axis[patient] = axis;
+    // NIfTI's first axis grows to the right.
+    orientation.ascending[patient] = patient == 0 ? !towardsPositive : towardsPositive;
+    found |= 1 << patient;
+  }
+  if (found == 7) header.orientation = orientation;
+}
+
+nifti_image* convert(const nifti_1_header& fields) {
+  return nifti_convert_n1hdr2nim(fields, nullptr);
+}
+nifti_image* convert(const nifti_2_header& fields) {
+  return nifti_convert_n2hdr2nim(fields, nullptr);
+}
+
+template <class Fields>
+Header parse(std::span<const std::byte> bytes) {
+  Header header;
+  Fields fields;
+  std::memcpy(&fields, bytes.data(), sizeof fields);
+  header.swapped = fields.sizeof_hdr != int(sizeof fields);
+  if (header.swapped) swap_nifti_header(&fields, kVersion<Fields>);
+  header.pair = isPair(fields);
+  readSizes(fields, header);
+  readDatatype(fields, header);
+  readOffset(fields, header);
+  readScaling(fields, header);
+  readSpacing(fields, header);
+  readOrientation(convert(fields), header);
+  header.fields = fields;
+  return header;
+}
+
+template <class Fields>
+void setMagic(Fields& fields) {
+  fields.magic[1] = '+';
+}
+
+}  // namespace
+
+std::size_t headerSize(std::span<const std::byte> start) {
+  std::int32_t size = 0;
+  if (start.size() >= kHeaderStart) std::memcpy(&size, start.data(), sizeof size);
+  for (const std::size_t known : {sizeof(nifti_1_header), sizeof(nifti_2_header)})
+    if (size == std::int32_t(known) || size == std::int32_t(__builtin_bswap32(known))) return known;
+  throw ScanError("is not a NIfTI file");
+}
+
+Header parseHeader(std::span<const std::byte> bytes) {
+  const std::size_t size = headerSize(bytes);
+  if (bytes.size() < size) throw ScanError("is truncated inside the header");
+  nifti_set_debug_level(0);  // the library writes nothing of its own
+  return size == sizeof(nifti_1_header) ? parse<nifti_1_header>(bytes)
+                                        : parse<nifti_2_header>(bytes);
+}
+
+std::vector<std::byte> headerBytes(const Header& header) {
+  return std::visit(
+      [&](auto fields) {
+        if (header.swapped) swap_nifti_header(&fields, kVersion<decltype(fields)>);
+        const auto* first = reinterpret_cast<const std::byte*>(&fields);
+        return std::vector<std::byte>(first, first + sizeof fields);
+      },
+      header.fields);
+}
+
+Header oneVolumeHeader(const Header& header, std::size_t extensionBytes) {
+  Header result = header;
+  result.pair = false;
+  std::visit(
+      [&](auto& fields) {
+        setMagic(fields);
+        result.dataOffset = std::int64_t(sizeof fields + extensionBytes);
+        fields.vox_offset = static_cast<decltype(fields.vox_offset)>(result.dataOffset);
+        if (header.volumes == 1) return;
+        fields.dim[0] = 3;
+        for (int d = 4; d <= kMostDimensions; ++d) fields.dim[d] = 1;
+      },
+      result.fields);
+  result.volumes = 1;
+  return result;
+}
+
+Header derivedHeader(const Header& header, int datatype, double displayMin, double displayMax) {
+  Header result = oneVolumeHeader(header, 4);
+  int swapSize = 0;
+  result.datatype = datatype;
+  nifti_datatype_sizes(datatype, &result.bytesPerVoxel, &swapSize);
+  result.slope = 1;
+  result.inter = 0;
+  std::visit(
+      [&](auto& fields) {
+        fields.datatype = static_cast<short>(datatype);
+        fields.bitpix = static_cast<short>(8 * result.bytesPerVoxel);
+        fields.scl_slope = 1;
+        fields.scl_inter = 0;
+        fields.cal_min = static_cast<decltype(fields.cal_min)>(displayMin);
+        fields.cal_max = static_cast<decltype(fields.cal_max)>(displayMax);
+        fields.intent_code = NIFTI_INTENT_NONE;
+        std::memset(fields.intent_name, 0, sizeof fields.intent_name);
+      },
+      result.fields);
+  return result;
+}
+
+}  // namespace tavrel::nifti

@@ -1,0 +1,201 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <iostream>
+#include <map>
+#include <set>
+
+#include "format.h"
+
+namespace tavrel::nifti {
+namespace {
+
+constexpr char kExamples[] = R"(
+Examples:
+  tavrel-nifti sub-01_T1w.nii.gz
+      writes sub-01_T1w_brain.nii.gz, sub-01_T1w_brain_mask.nii.gz and sub-01_T1w_brain_qc.png
+  tavrel-nifti --out-dir derivatives --json report.json sub-*_T1w.nii.gz
+      many scans in one call, with the figures of all of them in one file
+  tavrel-nifti --w5 1.0 --finish none --phi phi.nii.gz head.nii
+      the evolved mask as it is, and its level-set function
+
+Exit status: 0 all done, 1 wrong usage, 2 some input failed (the others are done).)";
+
+constexpr char kNone[] = "none";
+
+double parseNumber(const std::string& option, const std::string& value) {
+  std::size_t used = 0;
+  double number = std::nan("");
+  try {
+    number = std::stod(value, &used);
+  } catch (const std::exception&) {
+  }
+  if (used != value.size() || value.empty() || !std::isfinite(number))
+    throw CLI::ValidationError(option, "\"" + value + "\" is not a number");
+  return number;
+}
+
+void checkImageName(const std::string& option, const std::string& name) {
+  if (name.empty() || name == kNone || name.ends_with(".nii") || name.ends_with(".nii.gz")) return;
+  throw CLI::ValidationError(option, "\"" + name + "\" does not end in .nii or .nii.gz");
+}
+
+/// The input's file name without what marks it as an image.
+std::string stem(const std::string& input) {
+  std::string name = std::filesystem::path(input).filename().string();
+  for (const char* end : {".gz", ".nii", ".hdr", ".img"})
+    if (name.ends_with(end)) name.resize(name.size() - std::string_view(end).size());
+  return name;
+}
+
+std::string key(const std::filesystem::path& path) {
+  return std::filesystem::weakly_canonical(std::filesystem::absolute(path)).string();
+}
+
+/// Refuses runs in which two files would end up under one name.
+void checkCollisions(const Options& options) {
+  std::map<std::string, std::string> taken;
+  const auto take = [&](const std::filesystem::path& path, const std::string& by) {
+    if (path.empty()) return;
+    const auto [other, isNew] = taken.emplace(key(path), by);
+    if (!isNew)
+      throw CLI::ValidationError(path.string() + " would be written twice: for " + other->second +
+                                 " and for " + by);
+  };
+  for (const std::string& input : options.inputs)
+    for (const auto& path : outputPaths(input, options).all()) take(path, input);
+  if (!options.json.empty()) take(options.json, "--json");
+  for (const std::string& input : options.inputs)
+    if (taken.contains(key(input)))
+      throw CLI::ValidationError(input + " is an input and would be overwritten");
+}
+
+}  // namespace
+
+Options parseOptions(int argc, char** argv) {
+  Options o;
+  FinishSettings finish = kDefaultFinish;
+  std::string w5 = kDefaultW5, finishName = "brain";
+  double resampleMm = 0;
+  CLI::App app("Strips the skull and all other non-brain tissue from 3-D head images (NIfTI).",
+               "tavrel-nifti");
+  app.footer(kExamples);
+  app.get_formatter()->column_width(34);
+  app.set_version_flag("--version", std::string("tavrel-nifti ") + kVersion);
+
+  app.add_option("inputs", o.inputs, "Scans: .nii, .nii.gz, or a pair .hdr/.img")
+      ->required()
+      ->type_name("SCAN");
+
+  app.add_option("--out-dir", o.outDir,
+                 "Folder for the outputs, made if missing (default: beside each scan)")
+      ->type_name("DIR")
+      ->group("Outputs");
+  const auto single = [&](const char* name, std::string& target, const char* help) {
+    return app.add_option(name, target, help)->type_name("FILE")->group("Outputs");
+  };
+  const std::vector<CLI::Option*> singles = {
+      single("--brain", o.brain, "Name of the stripped scan, or \"none\""),
+      single("--mask", o.mask, "Name of the mask (unsigned 8-bit, 1 inside), or \"none\""),
+      single("--qc", o.qc, "Name of the picture (PNG), or \"none\""),
+      single("--phi", o.phi,
+             "Also write the level-set function (float32, negative inside, in voxels)")};
+  app.add_option("--json", o.json,
+                 "Also write a report: volumes in mL, levels, settings, checksums")
+      ->type_name("FILE")
+      ->group("Outputs");
+  app.add_flag("--force", o.force, "Overwrite outputs that exist")->group("Outputs");
+
+  app.add_option("--w5", w5,
+                 "Weight of the comparison with the surroundings; larger values give larger brains")
+      ->type_name("X|auto")
+      ->capture_default_str()
+      ->group("Method");
+  app.add_option("--volume", o.volume, "Volume of 4-D scans, counted from 0")
+      ->type_name("N")
+      ->group("Method");
+  app.add_option("--resample", resampleMm,
+                 "Strip on an isotropic grid of this spacing in mm and bring the mask back "
+                 "(default: the scan's own grid)")
+      ->type_name("MM")
+      ->check(CLI::Range(0.1, 20.0).description(""))
+      ->group("Method");
+  app.add_option("--threads", o.strip.threads, "Threads a scan; the result does not depend on it")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1024).description(""))
+      ->capture_default_str()
+      ->group("Method");
+
+  app.add_option("--finish", finishName,
+                 "\"brain\": finish the mask as set below; \"none\": leave it as evolved")
+      ->type_name("brain|none")
+      ->check(CLI::IsMember({"brain", kNone}).description(""))
+      ->capture_default_str()
+      ->group("Finishing");
+  const auto radius = [&](const char* name, double& mm, const char* help) {
+    return app.add_option(name, mm, help)
+        ->type_name("MM")
+        ->check(CLI::Range(0.0, 100.0).description(""))
+        ->capture_default_str()
+        ->group("Finishing");
+  };
+  const std::vector<CLI::Option*> parts = {
+      radius("--open", finish.openMm, "Radius in mm of the ball that cuts thin bridges; 0: off"),
+      radius("--close", finish.closeMm, "Radius in mm of the ball that takes in sulci; 0: off"),
+      app.add_flag("--largest,!--no-largest", finish.largest,
+                   "Keep only the largest connected piece (default: yes)")
+          ->group("Finishing"),
+      app.add_flag("--fill-holes,!--no-fill-holes", finish.fillHoles,
+                   "Fill what the mask encloses (default: yes)")
+          ->group("Finishing")};
+
+  app.add_flag("--quiet", o.quiet, "Print nothing but errors");
+
+  try {
+    app.parse(argc, argv);
+    if (w5 != "auto") o.strip.w5 = parseNumber("--w5", w5);
+    if (finishName == kNone) {
+      for (const CLI::Option* part : parts)
+        if (part->count())
+          throw CLI::ValidationError(part->get_name(), "has no use with --finish none");
+    } else {
+      o.strip.finish = finish;
+    }
+    if (resampleMm > 0) o.strip.resampleMm = resampleMm;
+    if (o.inputs.size() > 1)
+      for (const CLI::Option* option : singles)
+        if (option->count() && option->as<std::string>() != kNone)
+          throw CLI::ValidationError(
+              option->get_name(), "names one output, but there are several scans; use --out-dir");
+    checkImageName("--brain", o.brain);
+    checkImageName("--mask", o.mask);
+    checkImageName("--phi", o.phi);
+    o.strip.phi = !o.phi.empty() && o.phi != kNone;
+    checkCollisions(o);
+  } catch (const CLI::ParseError& error) {
+    throw ExitNow{app.exit(error) == 0 ? 0 : 1};
+  }
+  return o;
+}
+
+std::vector<std::filesystem::path> OutputPaths::all() const {
+  std::vector<std::filesystem::path> result;
+  for (const auto& path : {brain, mask, phi, qc})
+    if (!path.empty()) result.push_back(path);
+  return result;
+}
+
+OutputPaths outputPaths(const std::string& input, const Options& options) {
+  const auto folder = options.outDir.empty() ? std::filesystem::path(input).parent_path()
+                                             : std::filesystem::path(options.outDir);
+  const std::string end = input.ends_with(".nii") ? ".nii" : ".nii.gz";
+  const auto named = [&](const std::string& name, const std::string& fallback) {
+    if (name == kNone || (name.empty() && fallback.empty())) return std::filesystem::path();
+    return name.empty() ? folder / (stem(input) + fallback) : std::filesystem::path(name);
+  };
+  return {named(options.brain, "_brain" + end), named(options.mask, "_brain_mask" + end),
+          named(options.phi, ""), named(options.qc, "_brain_qc.png")};
+}
+
+}  // namespace tavrel::nifti

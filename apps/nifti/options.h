@@ -1,0 +1,48 @@
+// The command line of tavrel-nifti: what it accepts, what it means, what --help says.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "stripping.h"
+
+namespace tavrel::nifti {
+
+inline constexpr char kVersion[] = TAVREL_VERSION;
+
+/// Everything that the command line sets.
+struct Options {
+  std::vector<std::string> inputs;
+  std::string outDir;                  ///< empty: beside each input
+  std::string brain, mask, phi, qc;    ///< names of single outputs; empty: the default
+  std::string json;                    ///< empty: no report
+  std::optional<std::int64_t> volume;  ///< of 4-D files, from 0
+  StripSettings strip;
+  bool force = false;
+  bool quiet = false;
+};
+
+/// The command has nothing (more) to do: help or version were printed, or the usage was wrong.
+struct ExitNow {
+  int status;
+};
+
+/// Parses the arguments; help goes to standard output, complaints to standard error.
+/// @throws ExitNow
+Options parseOptions(int argc, char** argv);
+
+/// Where the outputs of one input go. Empty paths are not written.
+struct OutputPaths {
+  std::filesystem::path brain, mask, phi, qc;
+  std::vector<std::filesystem::path> all() const;
+};
+
+/// The outputs of `input`: sub-01_T1w.nii.gz gives sub-01_T1w_brain.nii.gz, _brain_mask.nii.gz and
+/// _brain_qc.png beside it or in the output folder, unless single names are set. Plain .nii inputs
+/// give plain .nii outputs.
+OutputPaths outputPaths(const std::string& input, const Options& options);
+
+}  // namespace tavrel::nifti

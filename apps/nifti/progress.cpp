@@ -1,0 +1,114 @@
+#include "progress.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "format.h"
+
+namespace tavrel::nifti {
+namespace {
+
+constexpr double kFirstRatio = 0.1, kLastRatio = 0.0002;
+constexpr int kBar = 20;
+constexpr auto kPause = std::chrono::milliseconds(80);  // between two live lines
+
+template <class... Args>
+std::string print(const char* format, Args... args) {
+  char buffer[200];
+  std::snprintf(buffer, sizeof buffer, format, args...);
+  return buffer;
+}
+
+/// Share of a run's time that has passed before a level: each has eight times the voxels.
+double timeBefore(int level, int levels) {
+  return (std::pow(8.0, level) - 1) / (std::pow(8.0, levels) - 1);
+}
+
+std::string bar(double fraction) {
+  const int full = int(std::lround(fraction * kBar));
+  return text('[', std::string(std::size_t(full), '#'), std::string(std::size_t(kBar - full), '-'),
+              ']');
+}
+
+}  // namespace
+
+double convergence(double ratio) {
+  if (!(ratio < kFirstRatio)) return 0;
+  if (ratio <= kLastRatio) return 1;
+  return std::log(kFirstRatio / ratio) / std::log(kFirstRatio / kLastRatio);
+}
+
+Progress::Style Progress::styleFor(int descriptor, bool quiet) {
+  return quiet ? Style::quiet : isatty(descriptor) ? Style::live : Style::plain;
+}
+
+Progress::Progress(std::ostream& out, Style style, std::string name, int columns)
+    : out_(out), style_(style), name_(std::move(name)), columns_(columns) {}
+
+Progress::~Progress() { clear(); }
+
+double Progress::seconds() const {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+}
+
+void Progress::clear() {
+  if (shown_) out_ << "\r\033[K" << std::flush;
+  shown_ = false;
+}
+
+void Progress::live(const std::string& what) {
+  if (style_ != Style::live) return;
+  std::string line = name_ + "  " + what + print("  %.0f s", seconds());
+  // The end of a long name gives way to the figures.
+  const int most = columns_ - kBar - 5;
+  if (int(line.size()) > most) {
+    const int cut = std::min(int(name_.size()), int(line.size()) - most + 2);
+    line = text("..", line.substr(std::size_t(cut)));
+    line.resize(std::size_t(std::max(0, std::min(int(line.size()), most))));
+  }
+  out_ << "\r\033[K" << bar(fraction_) << "  " << line << std::flush;
+  shown_ = true;
+  last_ = std::chrono::steady_clock::now();
+}
+
+void Progress::stage(const std::string& what) { live(what); }
+
+void Progress::showStep(const StepReport& step) {
+  const double before = timeBefore(step.level, step.levels);
+  const double share = timeBefore(step.level + 1, step.levels) - before;
+  fraction_ = std::max(fraction_, before + share * convergence(step.ratio));
+  if (style_ != Style::live || std::chrono::steady_clock::now() - last_ < kPause) return;
+  const double voxels = step.inside * std::pow(8.0, step.levels - 1 - step.level);
+  live(run_ + print("level %d/%d  iteration %d  %.0f mL", step.level + 1, step.levels,
+                    step.iteration + 1, millilitres(voxels, grid_.spacing)));
+}
+
+StripObserver Progress::observer(const Grid& grid) {
+  grid_ = grid;
+  StripObserver observer;
+  observer.onRun = [this](double w5, bool trial) {
+    run_ = trial ? print("trying W5 %.2f  ", w5) : "";
+    fraction_ = 0;
+  };
+  observer.onStep = [this](const StepReport& step) { showStep(step); };
+  observer.onLevel = [this](int level, const LevelRecord& record) {
+    if (style_ != Style::plain || !run_.empty()) return;
+    const double scale = double(grid_.size[0]) / record.size[0];
+    const double voxels = record.inside * std::pow(2.0, 3 * std::lround(std::log2(scale)));
+    out_ << name_ << ": level " << level + 1 << ", " << record.size[0] << " x " << record.size[1]
+         << " x " << record.size[2] << ", " << record.iterations << " iterations, "
+         << print("%.0f mL, %.1f s", millilitres(voxels, grid_.spacing), record.seconds)
+         << std::endl;
+  };
+  return observer;
+}
+
+void Progress::done(const std::string& line) {
+  clear();
+  if (style_ != Style::quiet) out_ << name_ << ": " << line << std::endl;
+}
+
+}  // namespace tavrel::nifti

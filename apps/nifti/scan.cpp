@@ -1,0 +1,238 @@
+#include "scan.h"
+
+#include <nifti/nifti2_io.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <memory>
+
+#include "datatype.h"
+#include "format.h"
+#include "interrupt.h"
+
+namespace tavrel::nifti {
+namespace {
+
+constexpr std::size_t kChunk = std::size_t(1) << 20;
+constexpr std::uint64_t kMostInflation = 1040;  // DEFLATE packs no tighter than 1032 to 1
+
+/// A plain or gzip-compressed file. The NIfTI library's own stream does not tell a damaged file
+/// from its end; zlib's does.
+class GzipFile {
+ public:
+  explicit GzipFile(const std::string& path) : file_(gzopen(path.c_str(), "rb"), gzclose) {
+    if (!file_) throw ScanError(text("cannot be opened: ", std::strerror(errno)));
+    gzbuffer(file_.get(), 1 << 18);
+    std::error_code failure;
+    if (!std::filesystem::is_regular_file(path, failure)) throw ScanError("is not a regular file");
+    const std::uint64_t size = std::filesystem::file_size(path, failure);
+    atMost_ = gzdirect(file_.get()) ? size : size * kMostInflation;
+  }
+
+  std::uint64_t atMost() const { return atMost_; }
+
+  std::size_t read(std::span<std::byte> bytes) {
+    errno = 0;
+    const int got = gzread(file_.get(), bytes.data(), static_cast<unsigned>(bytes.size()));
+    int code = Z_OK;
+    const char* message = gzerror(file_.get(), &code);
+    if (code == Z_BUF_ERROR) throw ScanError("is truncated (the compressed data ends too early)");
+    if (code == Z_ERRNO) throw ScanError(text("cannot be read: ", std::strerror(errno)));
+    if (got < 0 || code < 0) throw ScanError(text("is damaged (", plain(message), ")"));
+    return static_cast<std::size_t>(got);
+  }
+
+ private:
+  /// zlib puts the path before its reason.
+  static std::string plain(const std::string& message) {
+    const auto colon = message.rfind(": ");
+    return colon == std::string::npos ? message : message.substr(colon + 2);
+  }
+
+  std::unique_ptr<gzFile_s, int (*)(gzFile)> file_;
+  std::uint64_t atMost_ = 0;
+};
+
+ByteSource openSource(const std::string& path) {
+  const auto file = std::make_shared<GzipFile>(path);
+  return {[file](std::span<std::byte> bytes) { return file->read(bytes); }, file->atMost()};
+}
+
+/// Reads `count` bytes, in chunks, to where `next(size)` says.
+template <class Next>
+void readChunks(ByteSource& source, std::uint64_t count, const char* what, Next&& next) {
+  for (std::uint64_t done = 0; done < count;) {
+    checkInterrupted();
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, count - done));
+    const std::size_t got = source.read(next(size));
+    done += got;
+    if (got < size)
+      throw ScanError(text("is truncated (", done, " of ", count, " bytes of ", what, ")"));
+  }
+}
+
+void readInto(ByteSource& source, std::span<std::byte> bytes, const char* what) {
+  std::size_t at = 0;
+  readChunks(source, bytes.size(), what, [&](std::size_t size) {
+    at += size;
+    return bytes.subspan(at - size, size);
+  });
+}
+
+std::vector<std::byte> readGrowing(ByteSource& source, std::uint64_t count, const char* what) {
+  std::vector<std::byte> bytes;
+  readChunks(source, count, what, [&](std::size_t size) {
+    bytes.resize(bytes.size() + size);
+    return std::span(bytes).last(size);
+  });
+  return bytes;
+}
+
+void skip(ByteSource& source, std::uint64_t count, const char* what) {
+  std::vector<std::byte> chunk(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, count)));
+  readChunks(source, count, what, [&](std::size_t size) { return std::span(chunk).first(size); });
+}
+
+/// Reads to the end of a file, which checks its checksum.
+std::vector<std::byte> readRest(ByteSource& source, bool keep) {
+  std::vector<std::byte> kept, chunk(kChunk);
+  for (std::size_t got = kChunk; got == kChunk;) {
+    checkInterrupted();
+    got = source.read(chunk);
+    if (keep) kept.insert(kept.end(), chunk.begin(), chunk.begin() + std::ptrdiff_t(got));
+  }
+  return kept;
+}
+
+std::int64_t chooseVolume(const Header& header, std::optional<std::int64_t> volume) {
+  if (header.volumes == 1 && !volume) return 0;
+  if (!volume)
+    throw ScanError(text("holds ", header.volumes, " volumes; choose one with --volume 0 to ",
+                         header.volumes - 1));
+  if (*volume < 0 || *volume >= header.volumes)
+    throw ScanError(text("has no volume ", *volume, "; it holds ", header.volumes,
+                         header.volumes == 1 ? " volume" : " volumes", ", counted from 0"));
+  return *volume;
+}
+
+Header readHeader(ByteSource& source) {
+  std::vector<std::byte> bytes(kHeaderStart);
+  const std::size_t got = source.read(bytes);
+  if (got == 0) throw ScanError("is empty");
+  bytes.resize(got);
+  const std::size_t size = headerSize(bytes);
+  bytes.resize(size);
+  readInto(source, std::span(bytes).subspan(kHeaderStart), "header");
+  return parseHeader(bytes);
+}
+
+/// Range of T as doubles that convert back without overflow.
+template <class T>
+double highestOf() {
+  if constexpr (sizeof(T) > sizeof(double)) return std::numeric_limits<double>::max();
+  const auto highest = static_cast<double>(std::numeric_limits<T>::max());
+  return std::is_integral_v<T> && sizeof(T) == 8 ? std::nextafter(highest, 0.0) : highest;
+}
+template <class T>
+double lowestOf() {
+  if constexpr (sizeof(T) > sizeof(double)) return std::numeric_limits<double>::lowest();
+  return static_cast<double>(std::numeric_limits<T>::lowest());
+}
+
+/// Name that the library found, or nothing.
+std::string found(char* name) {
+  const std::unique_ptr<char, void (*)(void*)> owner(name, std::free);
+  return name ? name : "";
+}
+
+}  // namespace
+
+std::string findHeaderFile(const std::string& name) {
+  if (std::filesystem::is_directory(name)) throw ScanError("is a folder");
+  const std::string path = found(nifti_findhdrname(name.c_str()));
+  if (!path.empty()) return path;
+  if (std::filesystem::exists(name)) {
+    if (name.ends_with(".img") || name.ends_with(".img.gz"))
+      throw ScanError("has no header file (.hdr) beside it");
+    throw ScanError("does not end in .nii, .nii.gz, .hdr or .img");
+  }
+  throw ScanError("does not exist");
+}
+
+Scan readScan(const std::string& name, std::optional<std::int64_t> volume) {
+  const std::string path = findHeaderFile(name);
+  std::string image;
+  const auto openImage = [&] {
+    image = found(nifti_findimgname(path.c_str(), NIFTI_FTYPE_NIFTI1_2));
+    if (image.empty() || std::filesystem::equivalent(image, path))
+      throw ScanError("has no image file (.img) beside it");
+    return openSource(image);
+  };
+  Scan scan = readScan(openSource(path), openImage, volume);
+  scan.path = path;
+  scan.imagePath = image;
+  return scan;
+}
+
+Scan readScan(ByteSource source, const std::function<ByteSource()>& openImage,
+              std::optional<std::int64_t> volume) {
+  Scan scan;
+  scan.header = readHeader(source);
+  const Header& header = scan.header;
+  const std::int64_t chosen = chooseVolume(header, volume);
+  const auto headerLength = headerBytes(header).size();
+  if (header.pair) {
+    scan.extensions = readRest(source, true);
+    source = openImage();
+  }
+  const std::uint64_t bytes = voxelCount(header.size) * std::uint64_t(header.bytesPerVoxel);
+  const std::uint64_t needed =
+      std::uint64_t(header.dataOffset) + bytes * std::uint64_t(header.volumes);
+  if (needed > source.atMost)
+    throw ScanError(text("is truncated (its header announces ", needed, " bytes, more than the ",
+                         source.atMost, " that the file can hold)"));
+  if (header.pair)
+    skip(source, std::uint64_t(header.dataOffset), "image file");
+  else
+    scan.extensions =
+        readGrowing(source, std::uint64_t(header.dataOffset) - headerLength, "header");
+  skip(source, bytes * std::uint64_t(chosen), "voxels");
+  scan.stored.resize(bytes);
+  readInto(source, scan.stored, "voxels");
+  skip(source, bytes * std::uint64_t(header.volumes - 1 - chosen), "voxels");
+  readRest(source, false);
+  return scan;
+}
+
+void intensities(const Scan& scan, std::span<double> values) {
+  const Header& header = scan.header;
+  const bool scaled = header.slope < 0 || header.inter != 0;
+  const double slope = scaled ? header.slope : 1, inter = scaled ? header.inter : 0;
+  withVoxelType(header.datatype, [&]<class T>(std::type_identity<T>) {
+    const std::byte* p = scan.stored.data();
+    for (double& value : values) {
+      value = static_cast<double>(loadVoxel<T>(p, header.swapped));
+      if (scaled) value = slope * value + inter;
+      p += sizeof(T);
+    }
+  });
+}
+
+std::vector<std::byte> storedZero(const Header& header) {
+  std::vector<std::byte> bytes(std::size_t(header.bytesPerVoxel), std::byte{0});
+  if (header.inter == 0) return bytes;
+  withVoxelType(header.datatype, [&]<class T>(std::type_identity<T>) {
+    const double exact = -header.inter / header.slope;
+    const double value = std::is_integral_v<T> ? std::round(exact) : exact;
+    storeVoxel(static_cast<T>(std::clamp(value, lowestOf<T>(), highestOf<T>())), bytes.data(),
+               header.swapped);
+  });
+  return bytes;
+}
+
+}  // namespace tavrel::nifti

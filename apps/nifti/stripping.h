@@ -1,0 +1,69 @@
+// One scan through the stripping pipeline: grid, choice of W5, evolution, finishing.
+//
+// Front to the three stages of voxPipeline.h. Volumes are in the scan's own voxel order, masks hold
+// 1 inside and 0 outside, level-set functions are negative inside.
+#pragma once
+
+#include <voxPipeline.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "finishing.h"
+#include "resample.h"
+
+namespace tavrel::nifti {
+
+/// The defaults, chosen for the best worst case over the heads of docs/accuracy.md.
+inline constexpr char kDefaultW5[] = "1.1";
+inline constexpr FinishSettings kDefaultFinish = {
+    .openMm = 3, .largest = true, .closeMm = 6, .fillHoles = true};
+
+/// What the user may set about the method.
+struct StripSettings {
+  std::optional<double> w5;  ///< weight of the outside mean; absent: chosen for the scan
+  std::optional<FinishSettings> finish;  ///< absent: the evolved mask as it is
+  std::optional<double> resampleMm;  ///< spacing of the grid to strip on; absent: the scan's own
+  bool phi = false;                  ///< keep the level-set function
+  int threads = 1;
+};
+
+/// One resolution of the evolution, after its end.
+struct LevelRecord {
+  Size size = {};
+  int iterations = 0;
+  double inside = 0;  ///< voxels inside, of the level's grid
+  double seconds = 0;
+};
+
+/// Told about the work while it goes on; empty functions are skipped, and they may throw.
+struct StripObserver {
+  /// Before a run of the evolution: its W5, and how many runs there are at most (the last one is
+  /// the one that counts, the others look for W5).
+  std::function<void(double w5, bool trial)> onRun;
+  std::function<void(const StepReport&)> onStep;
+  std::function<void(int level, const LevelRecord&)> onLevel;
+};
+
+/// A stripped scan on its own grid.
+struct Stripped {
+  std::vector<char> mask;
+  std::vector<float> phi;  ///< empty unless asked for; voxels of the grid stripped on
+  double w5 = 0;           ///< the weight used
+  Grid grid;               ///< the grid stripped on
+  std::vector<LevelRecord> levels;
+};
+
+/// Values of a scan in the pipeline's own container.
+using Image = vox3DMat<double, char>;
+
+/// Runs the whole method; `image` is freed as soon as it is no longer needed.
+/// @throws Interrupted and whatever the observer throws
+Stripped stripScan(std::unique_ptr<Image> image, const Grid& grid, const StripSettings& settings,
+                   const StripObserver& observer = {});
+
+}  // namespace tavrel::nifti
