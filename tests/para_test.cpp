@@ -1,0 +1,274 @@
+// Parameter records, their printing and filling, and the sorting utilities.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ended.h"
+#include "voxArguments.h"
+#include "voxBalloonPara.h"
+#include "voxPara.h"
+#include "voxUtility.h"
+
+namespace {
+
+using tavrel::test::runApart;
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+char in[] = "in.raw", mask[] = "mask.raw", ss[] = "ss.raw", templ[] = "t.raw";
+
+void fill(voxPara& P, int size, int seg_dn) {
+  P.setupBalloonParameters(in, mask, ss, 1, 0, 2, size, 217, 184, 0, 1, 0, seg_dn, 1.0, 0.1, 0.2,
+                           0.3, 0.4, 0.5, 0.6, 1, 2, 0.01, 4, 5, 6, 7.25, 100, 200, 300);
+}
+
+std::vector<int> limits(const voxPara& P) { return {P.max_iter, P.max_iter + P.levels()}; }
+
+/// Arguments "argv[0] in mask ss ..." ended by a null pointer.
+class Arguments {
+ public:
+  explicit Arguments(std::vector<std::string> words) : words_(std::move(words)) {
+    for (std::string& word : words_) argv_.push_back(word.data());
+    argv_.push_back(nullptr);
+  }
+  char** argv() { return argv_.data(); }
+
+ private:
+  std::vector<std::string> words_;
+  std::vector<char*> argv_{nullptr};  // argv[0] is not looked at
+};
+
+TEST(Padding, FillsUpToMultiple) {
+  const auto padding = [](int size, int dn) {
+    const std::unique_ptr<int[]> p(calextension(size, dn));
+    return std::array{p[0], p[1]};
+  };
+  EXPECT_EQ(padding(181, 2), (std::array{1, 2}));
+  EXPECT_EQ(padding(182, 2), (std::array{1, 1}));
+  EXPECT_EQ(padding(184, 2), (std::array{0, 0}));
+  EXPECT_EQ(padding(1, 2), (std::array{1, 2}));
+  EXPECT_EQ(padding(0, 5), (std::array{0, 0}));
+  EXPECT_EQ(padding(7, -3), (std::array{0, 0}));
+  for (const int dn : {40, 2000, INT_MAX}) EXPECT_EQ(padding(7, dn)[1], INT_MAX) << dn;
+}
+
+TEST(Para, FillsFieldsInOrder) {
+  voxPara P;
+  fill(P, 181, 1);
+  EXPECT_EQ((std::array{P.ori_fn, P.mask_fn, P.SS_fn, P.template_fn}),
+            (std::array<char*, 4>{in, mask, ss, nullptr}));
+  EXPECT_EQ((std::array{P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp}), (std::array{0, 1, 1, 2, 0, 0}));
+  EXPECT_EQ(runApart([&] { P.printPara(); }).out,
+            "displaying parameters:\n"
+            "original data file name:in.raw\nmask file name:mask.raw\nSS file name:ss.raw\n"
+            "ori format:1\nmask format:0\nSS format:2\ntemplate format:-1\n"
+            "sizX:181 sizY:217 sizZ:184\n"
+            "downsample X:0downsample Y:1downsample Z:0seg dn:1\n"
+            "extension X:0 1extension Y:1 2extension Z:0 0\n"
+            "seed: 0.1 0.2 0.3 0.4 0.5 0.6 \n"
+            "weighting: 1 2 0.01 4 5 6 7.25\n"
+            "max_iter: 100 200 \n");
+  P.setup2VolumeParameters(in, mask, ss, templ, 1, 0, 2, 3, 181, 217, 184, 0, 0, 0, 2, 1.0, 0.1,
+                           0.2, 0.3, 0.4, 0.5, 0.6, 1, 2, 3, 4, 5, 6, 7, 100, 200, 300);
+  EXPECT_EQ((std::array{P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp}), (std::array{1, 2, 1, 2, 0, 0}));
+  const std::string printed = runApart([&] { P.printPara(); }).out;
+  EXPECT_NE(printed.find("SS file name:ss.raw\ntemplate file name:t.raw\nori"), std::string::npos);
+  EXPECT_NE(printed.find("template format:3\n"), std::string::npos);
+}
+
+TEST(Para, AsManyLimitsAsLevels) {
+  voxPara P;
+  const auto limitsFor = [&](int seg_dn) {
+    fill(P, 181, seg_dn);
+    return limits(P);
+  };
+  EXPECT_EQ(limitsFor(2), (std::vector{100, 200, 300}));
+  EXPECT_EQ(limitsFor(4), (std::vector{100, 200, 300, 300, 300}));
+  EXPECT_EQ(limitsFor(0), (std::vector{100}));
+  EXPECT_TRUE(limitsFor(-1).empty());
+  EXPECT_TRUE(limitsFor(INT_MIN).empty());
+  EXPECT_EQ(limitsFor(INT_MAX).size(), 32u);
+}
+
+TEST(Para, EmptyRecordPrintsSo) {
+  EXPECT_EQ(runApart([] { voxPara().printPara(); }).out,
+            "displaying parameters:\nobject is empty\n");
+  EXPECT_EQ(runApart([] { voxBalloonPara().printPara(); }).out,
+            "displaying parameters:\nobject is empty\n");
+}
+
+using Filler = void (voxPara::*)(char**);
+
+/// What a filler prints for the arguments "in mask ss [template] 1 2 3 4 ..." with seg_dn = 1.
+std::string printed(Filler filler, int paths, int segPosition, int last) {
+  std::vector<std::string> words{"in", "mask", "ss"};
+  if (paths == 4) words.push_back("template");
+  for (int n = paths + 1; n <= last; ++n) {
+    words.push_back(n == segPosition ? "1" : std::to_string(n));
+  }
+  Arguments arguments(words);
+  return runApart([&] {
+           voxPara P;
+           P.sizeZ = -3;
+           P.Zn = -5;
+           P.seedxmin = -4;
+           (P.*filler)(arguments.argv());
+         })
+      .out;
+}
+
+std::string head(const std::string& templ) {
+  return "displaying parameters:\noriginal data file name:in\nmask file name:mask\n"
+         "SS file name:ss\n" +
+         templ;
+}
+
+TEST(Para, ReadsArgumentVectors) {
+  EXPECT_EQ(printed(&voxPara::setupBalloon, 3, 13, 40),
+            "Balloon setup called\n" + head("") +
+                "ori format:4\nmask format:5\nSS format:6\ntemplate format:-1\n"
+                "sizX:7 sizY:8 sizZ:9\n"
+                "downsample X:10downsample Y:11downsample Z:12seg dn:1\n"
+                "extension X:1020 1021extension Y:2044 2044extension Z:4091 4092\n"
+                "seed: 15 16 17 18 19 20 \nweighting: 21 22 23 24 25 26 27\nmax_iter: 28 29 \n");
+  EXPECT_EQ(printed(&voxPara::setup2Volume, 4, 15, 40),
+            "2Volume setup called\n" + head("template file name:template\n") +
+                "ori format:5\nmask format:6\nSS format:7\ntemplate format:8\n"
+                "sizX:9 sizY:10 sizZ:11\n"
+                "downsample X:12downsample Y:13downsample Z:14seg dn:1\n"
+                "extension X:4091 4092extension Y:8187 8187extension Z:16378 16379\n"
+                "seed: 17 18 19 20 21 22 \nweighting: 23 24 25 26 27 28 29\nmax_iter: 30 31 \n");
+  EXPECT_EQ(printed(&voxPara::setup2DBalloon, 3, 11, 40),
+            "2DBalloon setup called\n" + head("") +
+                "ori format:4\nmask format:5\nSS format:6\ntemplate format:-1\n"
+                "sizX:7 sizY:8 sizZ:-3\n"
+                "downsample X:9downsample Y:10downsample Z:0seg dn:1\n"
+                "extension X:508 509extension Y:1020 1020extension Z:-5 0\n"
+                "seed: 13 14 15 16 0 0 \nweighting: 17 18 19 20 21 22 23\nmax_iter: 24 25 \n");
+  EXPECT_EQ(printed(&voxPara::setup2D2Volume, 4, 13, 40),
+            "2D2Volume setup called\n" + head("template file name:template\n") +
+                "ori format:5\nmask format:6\nSS format:7\ntemplate format:8\n"
+                "sizX:9 sizY:10 sizZ:-3\n"
+                "downsample X:11downsample Y:12downsample Z:0seg dn:1\n"
+                "extension X:2043 2044extension Y:4091 4091extension Z:-5 0\n"
+                "seed: -4 0 0 0 0 0 \nweighting: 15 16 17 18 19 20 21\nmax_iter: 22 23 \n");
+}
+
+TEST(Para, ShortArgumentVectorsCountAsZero) {
+  Arguments arguments({"in", "mask"});
+  for (const Filler filler : {&voxPara::setupBalloon, &voxPara::setup2Volume,
+                              &voxPara::setup2DBalloon, &voxPara::setup2D2Volume}) {
+    const auto ended = runApart([&] { (voxPara().*filler)(arguments.argv()); });
+    EXPECT_EQ(ended.status, tavrel::test::Ended::returned);
+    EXPECT_NE(ended.out.find("SS file name:\n"), std::string::npos);
+    EXPECT_NE(ended.out.find("max_iter: 0 \n"), std::string::npos);
+  }
+}
+
+TEST(BalloonPara, ReadsArgumentVector) {
+  Arguments arguments({"in", "2", "181", "217", "184", "0", "1", "0", "2", "0.5", "out", "1"});
+  EXPECT_EQ(runApart([&] {
+              const voxBalloonPara P(arguments.argv());
+              std::cout << P.gamma << P.out_fn << P.out_datatype;
+            }).out,
+            "displaying parameters:\ndataname:in\nformat:2\nsizX:181 sizY:217 sizZ:184\n"
+            "downsample X:0downsample Y:1downsample Z:0seg dn2\n"
+            "extension X:1 2extension Y:3 4extension Z:0 0\n0.5out1");
+}
+
+TEST(Numbers, ConvertWithoutFailing) {
+  EXPECT_EQ(tavrel::toInteger(" -12abc"), -12);
+  EXPECT_EQ(tavrel::toInteger("abc"), 0);
+  EXPECT_EQ(tavrel::toInteger("99999999999999999999"), INT_MAX);
+  EXPECT_EQ(tavrel::toInteger("-4294967297"), INT_MIN);
+  EXPECT_EQ(tavrel::toReal("1e-2x"), 0.01);
+  EXPECT_EQ(tavrel::toReal(nullptr), 0.0);
+}
+
+// ---- sorting utilities -------------------------------------------------------------------------
+
+template <class T>
+std::vector<T> sorted(std::vector<T> v, int (*compare)(const void*, const void*)) {
+  std::qsort(v.data(), v.size(), sizeof(T), compare);
+  return v;
+}
+
+TEST(Comparators, SortAscendingWithNaNLast) {
+  const auto doubles = sorted<double>({kNaN, 0.7, 0.3, kNaN, -1.0, 1.5}, comparedouble);
+  EXPECT_EQ(std::vector(doubles.begin(), doubles.end() - 2), (std::vector{-1.0, 0.3, 0.7, 1.5}));
+  EXPECT_TRUE(std::isnan(doubles[4]) && std::isnan(doubles[5]));
+  EXPECT_EQ(sorted<float>({2.5f, -1.f, 0.f}, comparefloat), (std::vector{-1.f, 0.f, 2.5f}));
+  EXPECT_EQ(sorted<int>({7, INT_MIN, 0, INT_MAX, -1}, compareint),
+            (std::vector{INT_MIN, -1, 0, 7, INT_MAX}));
+  EXPECT_EQ(sorted<char>({2, '\xFD', 0}, comparechar), (std::vector{'\xFD', '\0', '\2'}));
+  const char a = -3, b = 2;
+  EXPECT_EQ(comparechar(&a, &b), -5);
+  const int i = 30, j = 12;
+  EXPECT_EQ(compareint(&i, &j), 18);
+  const double x = 0.0, y = -0.0;
+  EXPECT_EQ(comparedouble(&x, &y), 0);
+}
+
+template <class Record>
+void checkOrdered(int (*compare)(const void*, const void*)) {
+  Record a(1, 0.5), b(2, 0.5), c(3, kNaN);
+  EXPECT_EQ(compare(&a, &b), -1);
+  EXPECT_EQ(compare(&b, &a), -1);
+  EXPECT_EQ(compare(&c, &a), 1);
+  EXPECT_EQ(compare(&a, &c), -1);
+  b.setup(4, 0.25);
+  EXPECT_EQ(compare(&a, &b), 1);
+  EXPECT_EQ(b.ind, 4);
+  EXPECT_EQ(Record().data, 0.0);
+}
+
+TEST(Comparators, DistancesAreNeverEqual) {
+  checkOrdered<OrderedPtd>(compareOrderedPtd);
+  checkOrdered<OrderedPtf>(compareOrderedPtf);
+}
+
+TEST(Triples, TableSortsByKeys) {
+  int table[] = {1, 2, 3, 1, 1, 9, 0, 5, 5, 1, 2, -4};
+  triple* records = mat2DtotripleArray(table, 4);
+  std::qsort(static_cast<void*>(records), 4, sizeof(triple), comparetriple);
+  EXPECT_EQ(runApart([&] { PrinttripleArray(records, 4); }).out,
+            "2: 0 5 5\n1: 1 1 9\n3: 1 2 -4\n0: 1 2 3\n");
+  DeletetripleArray(records, 4);
+  DeletetripleArray(nullptr, 3);
+  DeletetripleArray(mat2DtotripleArray(table, 0), 0);
+  const triple a(1, 1, 2, 3), b(2, 1, 2, 3);
+  EXPECT_EQ(comparetriple(&a, &b), -1);
+  EXPECT_EQ(comparetriple(&b, &a), -1);
+}
+
+TEST(Reductions, MaximumAndFirstMinimum) {
+  double v[] = {-4, 3, 4, -4.5}, max = -1;
+  maxabs(v, 3, &max);
+  EXPECT_EQ(max, 4.0);
+  maxabs(v, 4, &max);
+  EXPECT_EQ(max, 4.5);
+  int m[] = {2, 1, 1}, min = -1, index = -1;
+  minvandi(m, 0, &min, &index);
+  EXPECT_EQ(index, -1);
+  minvandi(m, 3, &min, &index);
+  EXPECT_EQ(min, 1);
+  EXPECT_EQ(index, 1);
+  maxabs(v, 0, &max);
+  EXPECT_EQ(max, 4.5);
+}
+
+TEST(Reductions, ExactMultiples) {
+  EXPECT_EQ(istimes(6.0, 3.0), 1);
+  EXPECT_EQ(istimes(6.5, 3.0), 0);
+  EXPECT_EQ(istimes(6.0, 0.0), 0);
+  EXPECT_EQ(istimes(5.0, 0.25), 1);
+}
+
+}  // namespace
