@@ -65,7 +65,7 @@ int below(int n) { return static_cast<int>(bits() % static_cast<unsigned>(n)); }
 /// Whole numbers from -2 to 3: ties, signs and zeros are frequent.
 template <class Matrix>
 void randomise(Matrix& m) {
-  for (std::size_t n = 0; n < count(m); ++n) m.p[n] = static_cast<char>(below(6) - 2);
+  for (std::size_t n = 0; n < count(m); ++n) m.p[n] = below(6) - 2;
 }
 
 template <class Matrix>
@@ -243,9 +243,9 @@ void checkResampling() {
       int least = 100;
       for (int n = 0; n < fx * fy * fz; ++n) {
         const auto v = old(i * fx + n % fx, j * fy + n / fx % fy, k * fz + n / fx / fy);
-        least = std::min(least, static_cast<int>(static_cast<signed char>(v)));
+        least = std::min(least, static_cast<int>(tavrel::number(v)));
       }
-      return static_cast<char>(least);
+      return least;
     });
     const auto repeated = built<Matrix>(
         X, Y, Z, [&](int i, int j, int k) { return old(i / fx * fx, j / fy * fy, k / fz * fz); });
