@@ -1,4 +1,5 @@
-// The level-set engine as plain loops: the yardstick that the shipped engine is held to bit for bit.
+// The level-set engine as plain loops: the yardstick that the shipped engine is held to bit for
+// bit.
 //
 // One narrow-band step in D = 2 or 3 dimensions, written for reading: every sweep really sorts,
 // every region sum starts from scratch, nothing is shared or skipped. State has the names of the
@@ -201,8 +202,7 @@ struct LevelSet {
         (label.p[g] > 0 ? n_p : n_n) += 1;
       });
       const double I = voldata.p[ori_nbt_ind[i]];
-      Spar_F[i] =
-          Spar_F[i] - std::fabs(I - sum_n / n_n) * w.w4 + std::fabs(I - sum_p / n_p) * w.w5;
+      Spar_F[i] = Spar_F[i] - std::fabs(I - sum_n / n_n) * w.w4 + std::fabs(I - sum_p / n_p) * w.w5;
     }
   }
 
@@ -235,8 +235,7 @@ struct LevelSet {
       } else {
         const double va0 = a[2] * a[1], va1 = a[2] * a[0], va2 = a[0] * a[1];
         const double r = std::sqrt(va0 * va0 + va1 * va1 + va2 * va2);
-        Spar_Fext[i] =
-            (va0 * va0 * tpF[0] + va1 * va1 * tpF[1] + va2 * va2 * tpF[2]) / (r * r);
+        Spar_Fext[i] = (va0 * va0 * tpF[0] + va1 * va1 * tpF[1] + va2 * va2 * tpF[2]) / (r * r);
       }
     }
   }
@@ -329,8 +328,8 @@ struct LevelSet {
       return Spar_sdf[mask_indices.p[label.index(neighbour(neighbour(q, k), l))]];
     };
     auto mixed = [&](int a, int b) {
-      return (diagonal(2 * a, 2 * b) + diagonal(2 * a + 1, 2 * b + 1) -
-              diagonal(2 * a, 2 * b + 1) - diagonal(2 * a + 1, 2 * b)) *
+      return (diagonal(2 * a, 2 * b) + diagonal(2 * a + 1, 2 * b + 1) - diagonal(2 * a, 2 * b + 1) -
+              diagonal(2 * a + 1, 2 * b)) *
              0.25;
     };
     double numerator, squares;
@@ -376,9 +375,9 @@ struct LevelSet {
         Spar_Fext[j] = ((sUsdf[a] - u) * sFext[a] + (sUsdf[b] - u) * sFext[b]) /
                        (sUsdf[a] + sUsdf[b] + (-2) * u);
     } else {
-      Spar_Fext[j] = ((sUsdf[0] - u) * sFext[0] + (sUsdf[1] - u) * sFext[1] +
-                      (sUsdf[2] - u) * sFext[2]) /
-                     (sUsdf[2] + sUsdf[0] + sUsdf[1] + (-3) * u);
+      Spar_Fext[j] =
+          ((sUsdf[0] - u) * sFext[0] + (sUsdf[1] - u) * sFext[1] + (sUsdf[2] - u) * sFext[2]) /
+          (sUsdf[2] + sUsdf[0] + sUsdf[1] + (-3) * u);
     }
   }
 };
