@@ -2,11 +2,9 @@
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# What building and testing needs; nifti's libraries are only used by apps/nifti.
+# What building and testing needs; every front end lists the packages of its libraries.
 build_packages=(g++ cmake ninja-build libpng-dev)
-if [[ -d $root/apps/nifti ]]; then
-  build_packages+=(libnifti2-dev libcli11-dev zlib1g-dev)
-fi
+mapfile -t -O ${#build_packages[@]} build_packages < <(grep -hv '^#' "$root"/apps/*/packages.txt)
 test_packages=(libgtest-dev)
 
 # as_root COMMAND...: runs it as root, through sudo if need be.
