@@ -28,6 +28,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <vector>
@@ -66,6 +67,15 @@ inline RegionSums plainRegionSums(const double* image, const char* label, Grid g
   return sums;
 }
 
+/// Number of voxels in the box around a voxel.
+inline int boxVoxels(Grid grid, int centre) {
+  const auto extent = [](int c, int size) {
+    return std::min(c + boxSize, size - 1) - std::max(c - boxSize, 0) + 1;
+  };
+  return extent(centre % grid.X, grid.X) * extent(centre / grid.X % grid.Y, grid.Y) *
+         extent(centre / grid.plane(), grid.Z);
+}
+
 /// Instruction sets the kernels are compiled for. The bytes are the same for all.
 enum class InstructionSet { portable, avx2, avx512 };
 
@@ -85,197 +95,315 @@ inline InstructionSet widestInstructionSet() {
 class RegionTile {
  public:
   static constexpr int window = 2 * boxSize + 1;
-  static constexpr int side = 64 - 2 * boxSize;  ///< columns of a tile along x and y
-  static constexpr int rows = 64;                ///< rows (and voxels a row) with the box's margin
-  static constexpr int pitch = 48;               ///< entries of a table row; side, rounded up
+  static constexpr int side = 64 - 2 * boxSize;  ///< columns of a tile along x and along y
+  static constexpr int reach = 64;               ///< the same with the margin of the boxes
 
-  /// Voxels of the tile, in order of their plane: slot s of the tile is voxel `slots[s]`.
+  /// The voxels of a tile in order of their plane, and what has been summed for them so far.
   struct Slots {
-    std::vector<int> place;                        ///< y * pitch + x within the tile
-    std::array<std::vector<std::uint64_t>, 2> sum; ///< bit patterns of the running sums
-    std::array<std::vector<int>, 2> count;
-    std::vector<int> unfinished;
+    explicit Slots(int count)
+        : place(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0), pending(count),
+          row(count) {}
+    using Bits = std::vector<std::uint64_t>;
+    std::vector<int> place;         ///< index y * side + x within the tile
+    std::array<Bits, 2> sum;        ///< bit patterns of the positive and the negative sum
+    std::vector<int> voxels;        ///< positive voxels
+    std::vector<int> pending, row;  ///< slots to which part of a plane is still to be added
   };
 
-  /// Builds the tables of the plane whose first voxel is image[0]; the tile's first column is
-  /// (x0, y0). Voxels outside the grid belong to neither side.
+  /// Builds the tables of the plane that starts at image[0]; the tile's first column is (x0, y0).
+  /// Voxels outside the grid belong to neither side.
   [[gnu::always_inline]] void build(const double* image, const char* label, int X, int Y, int x0,
                                     int y0) {
-    for (auto& side : sides_) {
-      std::fill_n(side.total, pitch, 0);
-      for (auto& binade : side.rounding) std::fill_n(binade, pitch, 0);
-      std::fill_n(side.voxels, pitch, 0);
+    const int columns = std::min(side, X - x0);
+    const int rows = std::min(side, Y - y0) + window - 1;
+    for (auto& table : tables_) {
+      std::fill_n(table.sums[0], columns, Lanes{});
+      std::fill_n(table.voxels[0], columns, 0);
+      std::fill_n(table.value[reach], reach, 0.0);
     }
     for (int r = 0; r < rows; ++r) {
-      loadRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r);
-      for (auto& side : sides_) accumulateRow(side, r);
+      loadRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r);
+      for (int s = 0; s < 2; ++s) accumulateRow(tables_[s], member_[s], r, columns);
     }
   }
 
   /// Adds the plane to slots [first, last).
   [[gnu::always_inline]] void addPlane(Slots& slots, int first, int last) {
+    const int* place = slots.place.data();
     for (int s = 0; s < 2; ++s) {
-      const Side& side = sides_[s];
-      int unfinished = 0;
-      const int* place = slots.place.data();
+      const Table& table = tables_[s];
       std::uint64_t* sum = slots.sum[s].data();
-      int* count = slots.count[s].data();
-      int* list = slots.unfinished.data();
+      int* pending = slots.pending.data();
+      int count = 0;
       for (int i = first; i < last; ++i) {
-        const int voxels =
-            side.voxels[place[i] + window * pitch] - side.voxels[place[i]];
-        count[i] += voxels;
-        std::uint64_t next = sum[i];
-        const bool done = addRows(side, place[i], window, next) | (voxels == 0);
-        sum[i] = done ? next : sum[i];
-        list[unfinished] = i;
-        unfinished += !done;
+        const Step step = addRows(Start(table, place[i], 0, sum[i]), window);
+        sum[i] = step.valid ? step.next : sum[i];
+        pending[count] = i;
+        count += !step.valid;
       }
-      for (int i = 0; i < unfinished; ++i) {
-        sum[list[i]] = addRowByRow(side, place[list[i]], sum[list[i]]);
-      }
+      addInPieces(table, slots, sum, count);
+    }
+    int* voxels = slots.voxels.data();
+    const int* before = tables_[0].voxels[0];
+    for (int i = first; i < last; ++i) {
+      voxels[i] += before[place[i] + window * side] - before[place[i]];
     }
   }
 
  private:
-  static constexpr int firstBinade = 5;  ///< tables serve sums from 2^5 ...
-  static constexpr int binades = 9;      ///< ... to below 2^14
+  static constexpr int firstBinade = 0;  ///< the tables serve sums from 1 ...
+  static constexpr int binades = 14;     ///< ... to below 2^14
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr double largest = 4;   ///< table range of image values
-  static constexpr std::uint32_t tieUnit = 1 << 21;
-  static constexpr int padded = 96;
+  static constexpr double smallest = 0x1p-52, largest = 2;  ///< image values served, and 0
+  static constexpr std::uint32_t tieUnit = 1 << 23;
+  static_assert(window * window << (binades - 1) < tieUnit / 2);
 
-  /// Tables of one side of the interface. Entry [r][x] sums rows 0 to r - 1 of window x.
-  struct Side {
-    alignas(64) std::int64_t total[(rows + 1) * pitch];
-    alignas(64) std::uint32_t rounding[binades][(rows + 1) * pitch];
-    alignas(64) int voxels[(rows + 1) * pitch];
-    alignas(64) double value[rows][rows];  ///< the voxel, or 0 if it is not on this side
-    alignas(64) std::uint32_t member[rows];  ///< all ones where on this side
+  /// The sums of one entry: lanes 0 and 1 hold the 64-bit sum of F, the others the sums of c_k.
+  using Lanes [[gnu::vector_size(64)]] = std::uint32_t;
+  static constexpr int firstLane = 2;
+
+  /// One side of the interface. sums[r][x] is over rows 0 to r - 1 of window x.
+  struct Table {
+    Lanes sums[reach + 1][side];
+    double value[reach + 1][reach];  ///< the voxel, 0 if it is not on this side; a row of zeros
+    int voxels[reach + 1][side];     ///< number of voxels, summed like `sums`
   };
 
+  /// What one side's voxels of a row hold.
+  struct Member {
+    Lanes small[reach];          ///< c_k and ties
+    std::uint64_t fixed[reach];  ///< F
+    double value[reach];
+    int voxels[reach];           ///< 1
+  };
+
+  /// The binade of a sum, counted from the first one served; `binades` or more if none of them.
+  [[gnu::always_inline]] static std::uint64_t binadeOf(std::uint64_t sum) {
+    return (sum >> 52) - (1023 + firstBinade);
+  }
+
+  /// A sum to which rows of a window are to be added, from row `begin` of the window on.
+  struct Start {
+    [[gnu::always_inline]] Start(const Table& table, int place, int begin, std::uint64_t bits)
+        : sum(bits), entry(&table.sums[begin][place]) {
+      const std::uint64_t binade = binadeOf(bits);
+      known = binade < binades;
+      k = known ? static_cast<int>(binade) : 0;
+      total = totalOf(entry);
+      rounding = roundingOf(entry, k);
+    }
+    std::uint64_t sum, total;
+    const Lanes* entry;
+    std::uint32_t rounding;
+    int k;
+    bool known;  ///< the tables serve the sum's binade
+  };
+
+  /// The outcome of adding some rows at once.
+  struct Step {
+    std::uint64_t next;  ///< bit pattern of the new sum, if valid
+    bool valid;
+  };
+
+  [[gnu::always_inline]] static Step addRows(const Start& start, int rows) {
+    const Lanes* end = start.entry + rows * side;
+    const std::uint32_t rounding = roundingOf(end, start.k) - start.rounding;
+    const auto total = static_cast<std::int64_t>(totalOf(end) - start.total);
+    const auto added = (total + static_cast<std::int32_t>(rounding)) >> (start.k + 1);
+    const std::uint64_t next = start.sum + static_cast<std::uint64_t>(added);
+    const bool noTie = rounding + tieUnit / 2 < tieUnit;
+    const bool empty = (static_cast<std::uint64_t>(total) | rounding) == 0;  // all voxels are 0
+    return {next, bool((start.known & noTie & ((next ^ start.sum) >> 52 == 0)) | empty)};
+  }
+
   [[gnu::always_inline]] void loadRow(const double* image, const char* label, int X, int Y, int x0,
-                                      int y, int r) {
-    for (auto& side : sides_) {
-      std::fill_n(side.value[r], rows, 0.0);
-      std::fill_n(side.member, rows, 0);
-    }
-    std::fill_n(flags_, rows, 0);
-    std::fill_n(fixed_, rows, 0);
-    std::fill_n(exact_, rows, 0);
-    if (y < 0 || y >= Y) return;
-    const double* imageRow = image + static_cast<std::ptrdiff_t>(y) * X + x0;
-    const char* labelRow = label + static_cast<std::ptrdiff_t>(y) * X + x0;
-    const int begin = std::max(0, -x0);
-    const int end = std::min(rows, X - x0);
-    for (int j = begin; j < end; ++j) {
-      const double v = imageRow[j];
-      const bool positive = static_cast<signed char>(labelRow[j]) > 0;
-      sides_[0].value[r][j] = positive ? v : 0.0;
-      sides_[1].value[r][j] = positive ? 0.0 : v;
-      sides_[0].member[j] = positive ? ~0u : 0u;
-      sides_[1].member[j] = positive ? 0u : ~0u;
-      const bool usable = v >= 0 && v <= largest;
-      const double scaled = usable ? v * (std::int64_t{1} << fractionBits) : 0.0;
-      const auto fixed = static_cast<std::int64_t>(scaled);
-      fixed_[j] = fixed;
-      // Half-way cases exist only where F holds all of v.
-      exact_[j] = static_cast<double>(fixed) == scaled ? tieUnit : 0;
-      flags_[j] = usable ? 0 : tieUnit;
-    }
-  }
-
-  [[gnu::always_inline]] void accumulateRow(Side& side, int r) {
-    alignas(64) std::int64_t total[padded];
-    alignas(64) std::uint32_t small[padded];
-    std::fill_n(total + rows, padded - rows, 0);
-    std::fill_n(small + rows, padded - rows, 0);
-    for (int j = 0; j < rows; ++j) {
-      total[j] = fixed_[j] & static_cast<std::int32_t>(side.member[j]);
-    }
-    addWindows(total, side.total + r * pitch);
-    for (int j = 0; j < rows; ++j) small[j] = side.member[j] & 1;
-    addWindows(small, side.voxels + r * pitch);
-    for (int k = 0; k < binades; ++k) {
-      const std::uint32_t half = 1u << k;
-      const std::uint32_t mask = 2 * half - 1;
-      for (int j = 0; j < rows; ++j) {
-        const auto low = static_cast<std::uint32_t>(fixed_[j]);
-        const std::uint32_t rest = (low + half) & mask;
-        const std::uint32_t tie = rest == 0 ? exact_[j] : 0;
-        small[j] = (half - rest + (tie | flags_[j])) & side.member[j];
+                                      int y) {
+    double v[reach] = {};
+    std::uint64_t inside[2][reach] = {};
+    if (y >= 0 && y < Y) {
+      const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(y) * X + x0;
+      for (int j = std::max(0, -x0); j < std::min(reach, X - x0); ++j) {
+        v[j] = image[row + j];
+        inside[static_cast<signed char>(label[row + j]) > 0 ? 0 : 1][j] = ~std::uint64_t{0};
       }
-      addWindows(small, side.rounding[k] + r * pitch);
+    }
+    std::uint64_t fixed[reach];
+    std::uint32_t exact[reach], unusable[reach];
+    for (int j = 0; j < reach; ++j) {
+      const bool usable = v[j] == 0 || (v[j] >= smallest && v[j] <= largest);
+      const double scaled = usable ? v[j] * (std::int64_t{1} << fractionBits) : 0.0;
+      const auto whole = static_cast<std::int64_t>(scaled);
+      fixed[j] = static_cast<std::uint64_t>(whole);
+      // Only where F holds all of v can v lie half way between two multiples.
+      exact[j] = static_cast<double>(whole) == scaled ? ~0u : 0u;
+      unusable[j] = usable ? 0u : ~0u;
+    }
+    Lanes half{}, low{}, tie{};
+    for (int k = 0; k < binades; ++k) {
+      half[firstLane + k] = 1u << k;
+      low[firstLane + k] = (2u << k) - 1;
+      tie[firstLane + k] = tieUnit;
+    }
+    for (int j = 0; j < reach; ++j) {
+      const Lanes rest = (static_cast<std::uint32_t>(fixed[j]) + half) & low;
+      const Lanes marks = ((Lanes)(rest == 0) & exact[j]) | unusable[j];
+      const Lanes small = half - rest + (marks & tie);
+      for (int s = 0; s < 2; ++s) {
+        const std::uint64_t mask = inside[s][j];
+        member_[s].small[j] = small & static_cast<std::uint32_t>(mask);
+        member_[s].fixed[j] = fixed[j] & mask;
+        member_[s].value[j] = mask != 0 ? v[j] : 0.0;
+        member_[s].voxels[j] = mask & 1;
+      }
     }
   }
 
-  /// out[pitch + x] = out[x] + (in[x] + ... + in[x + 20]), by doubling the width of the sums.
-  template <typename In, typename Out>
-  [[gnu::always_inline]] static void addWindows(const In* in, Out* out) {
-    static_assert(window == 21);
-    alignas(64) In two[80], four[64], eight[56];
-    for (int j = 0; j < 80; ++j) two[j] = in[j] + in[j + 1];
-    for (int j = 0; j < 64; ++j) four[j] = two[j] + two[j + 2];
-    for (int j = 0; j < 56; ++j) eight[j] = four[j] + four[j + 4];
-    for (int j = 0; j < pitch; ++j) {
-      out[pitch + j] = out[j] + (eight[j] + eight[j + 8] + four[j + 16] + in[j + 20]);
+  /// Slides the window along row r and adds it to the sums of the rows before.
+  [[gnu::always_inline]] static void accumulateRow(Table& table, const Member& row, int r,
+                                                   int columns) {
+    std::copy_n(row.value, reach, table.value[r]);
+    Lanes small{};
+    std::uint64_t fixed = 0;
+    int voxels = 0;
+    for (int j = 0; j < window - 1; ++j) {
+      small += row.small[j];
+      fixed += row.fixed[j];
+      voxels += row.voxels[j];
+    }
+    for (int x = 0; x < columns; ++x) {
+      small += row.small[x + window - 1];
+      fixed += row.fixed[x + window - 1];
+      voxels += row.voxels[x + window - 1];
+      const Lanes* before = &table.sums[r][x];
+      const std::uint64_t total = totalOf(before) + fixed;
+      table.sums[r + 1][x] = *before + small;
+      std::memcpy(&table.sums[r + 1][x], &total, sizeof total);
+      table.voxels[r + 1][x] = table.voxels[r][x] + voxels;
+      small -= row.small[x];
+      fixed -= row.fixed[x];
+      voxels -= row.voxels[x];
     }
   }
 
-  /// Adds `count` rows of the window at `entry` to `sum` if that can be done in one step.
-  [[gnu::always_inline]] static bool addRows(const Side& side, int entry, int count,
-                                             std::uint64_t& sum) {
-    const std::uint64_t binade = (sum >> 52) - (1023 + firstBinade);
-    const bool known = binade < binades;
-    const int k = known ? static_cast<int>(binade) : 0;
-    const std::uint32_t* rounding = side.rounding[k] + entry;
-    const std::uint32_t correction = rounding[count * pitch] - rounding[0];
-    const std::int64_t total = side.total[entry + count * pitch] - side.total[entry];
-    const std::int64_t step = (total + static_cast<std::int32_t>(correction)) >> (k + 1);
-    const std::uint64_t next = sum + static_cast<std::uint64_t>(step);
-    const bool valid = known & (correction + tieUnit / 2 < tieUnit) & ((next ^ sum) >> 52 == 0);
-    sum = valid ? next : sum;
-    return valid;
+  [[gnu::always_inline]] static std::uint64_t totalOf(const Lanes* entry) {
+    std::uint64_t total;
+    std::memcpy(&total, entry, sizeof total);
+    return total;
+  }
+  [[gnu::always_inline]] static std::uint32_t roundingOf(const Lanes* entry, int k) {
+    std::uint32_t rounding;
+    std::memcpy(&rounding,
+                reinterpret_cast<const char*>(entry) + sizeof rounding * (firstLane + k),
+                sizeof rounding);
+    return rounding;
   }
 
-  /// Adds one row of the window voxel by voxel.
-  [[gnu::always_inline]] static std::uint64_t addVoxels(const Side& side, int row, int x,
-                                                        std::uint64_t bits) {
-    double sum = std::bit_cast<double>(bits);
-    const double* value = side.value[row] + x;
-    for (int j = 0; j < window; ++j) sum += value[j];
-    return std::bit_cast<std::uint64_t>(sum);
+  /// Some slots that are worked on side by side, so that their long chains of additions overlap.
+  static constexpr int batch = 8;
+  struct Batch {
+    int place[batch];
+    int row[batch];            ///< rows of the plane added so far
+    std::uint64_t sum[batch];
+  };
+
+  /// Adds a row of the window voxel by voxel to every sum and moves on by a row; past the last row
+  /// it adds zeros.
+  [[gnu::always_inline]] static void addVoxels(const Table& table, Batch& slots) {
+    const double* value[batch];
+    double sum[batch];
+    for (int b = 0; b < batch; ++b) {
+      const int place = slots.place[b], row = slots.row[b];
+      value[b] = table.value[row < window ? place / side + row : reach] + place % side;
+      sum[b] = std::bit_cast<double>(slots.sum[b]);
+      slots.row[b] = std::min(row + 1, window);
+    }
+    for (int j = 0; j < window; ++j) {
+#pragma GCC unroll 8
+      for (int b = 0; b < batch; ++b) sum[b] += value[b][j];
+    }
+    for (int b = 0; b < batch; ++b) slots.sum[b] = std::bit_cast<std::uint64_t>(sum[b]);
   }
 
-  /// Adds the plane to one sum: as many rows at once as stay in the binade, then a row voxel by
-  /// voxel, and so on.
-  [[gnu::always_inline]] static std::uint64_t addRowByRow(const Side& side, int place,
-                                                          std::uint64_t sum) {
-    const int x = place % pitch;
-    const int top = place / pitch;
-    for (int row = 0; row < window;) {
-      const int entry = place + row * pitch;
-      int low = 0;  // rows that can be added at once; fewer than `high` can
-      for (int high = window - row + 1; high - low > 1;) {
-        const int middle = (low + high) / 2;
-        std::uint64_t trial = sum;
-        if (addRows(side, entry, middle, trial)) {
-          low = middle;
-        } else {
-          high = middle;
+  /// Adds as many rows to every sum as can be added at once.
+  [[gnu::always_inline]] static void addWholeRows(const Table& table, Batch& slots) {
+    for (int b = 0; b < batch; ++b) {
+      const int row = slots.row[b];
+      const Start start(table, slots.place[b], row, slots.sum[b]);
+      int rows = 0;
+      std::uint64_t sum = slots.sum[b];
+#pragma GCC unroll 5
+      for (int step = 16; step > 0; step /= 2) {
+        const int more = rows + step;
+        const Step trial = addRows(start, std::min(more, window - row));
+        const bool take = trial.valid & (more <= window - row);
+        rows = take ? more : rows;
+        sum = take ? trial.next : sum;
+      }
+      slots.row[b] = row + rows;
+      slots.sum[b] = sum;
+    }
+  }
+
+  /// While a sum is out of the tables' range, nothing but voxels can be added to it.
+  [[gnu::always_inline]] static void addUntilKnown(const Table& table, Batch& slots) {
+    const auto outside = [&](int b) {
+      return (binadeOf(slots.sum[b]) >= binades) & (slots.row[b] < window);
+    };
+    for (;;) {
+      Batch unknown = slots;
+      bool any = false;
+      for (int b = 0; b < batch; ++b) {
+        any |= outside(b);
+        unknown.row[b] = outside(b) ? slots.row[b] : window;
+      }
+      if (!any) return;
+      addVoxels(table, unknown);
+      for (int b = 0; b < batch; ++b) {
+        slots.row[b] = outside(b) ? slots.row[b] + 1 : slots.row[b];
+        slots.sum[b] = unknown.sum[b];
+      }
+    }
+  }
+
+  /// Adds the plane to the first `count` pending slots: as many rows at once as stay in the binade
+  /// of the sum, the row where it leaves it voxel by voxel, then the rest, if need be in further
+  /// rounds.
+  [[gnu::always_inline]] static void addInPieces(const Table& table, Slots& slots,
+                                                 std::uint64_t* sums, int count) {
+    int* pending = slots.pending.data();
+    int* rows = slots.row.data();
+    std::fill_n(rows, count, 0);
+    while (count > 0) {
+      int left = 0;
+      for (int first = 0; first < count; first += batch) {
+        const int used = std::min(batch, count - first);
+        int slot[batch];
+        Batch work;
+        for (int b = 0; b < batch; ++b) {
+          const int i = first + std::min(b, used - 1);
+          slot[b] = pending[i];
+          work.place[b] = slots.place[slot[b]];
+          work.row[b] = rows[i];
+          work.sum[b] = sums[slot[b]];
+        }
+        addWholeRows(table, work);
+        addVoxels(table, work);
+        addUntilKnown(table, work);
+        for (int b = 0; b < used; ++b) {
+          const Start start(table, work.place[b], work.row[b], work.sum[b]);
+          const Step rest = addRows(start, window - work.row[b]);
+          sums[slot[b]] = rest.valid ? rest.next : work.sum[b];
+          pending[left] = slot[b];
+          rows[left] = work.row[b];
+          left += !(rest.valid | (work.row[b] == window));
         }
       }
-      if (low > 0) addRows(side, entry, low, sum);
-      row += low;
-      if (row < window) sum = addVoxels(side, top + row++, x, sum);
+      count = left;
     }
-    return sum;
   }
 
-  std::array<Side, 2> sides_;  // positive, negative
-  alignas(64) std::int64_t fixed_[rows];
-  alignas(64) std::uint32_t exact_[rows];  ///< tieUnit where fixed_ holds all of the value
-  alignas(64) std::uint32_t flags_[rows];  ///< tieUnit where the tables cannot serve the value
+  std::array<Table, 2> tables_;  // positive, negative
+  std::array<Member, 2> member_;
 };
 
 /// One tile from its first plane to its last. `starts[z]` is the first slot of plane z.
@@ -341,15 +469,11 @@ inline void regionSums(const double* image, const char* label, Grid grid,
     const int x0 = t % tilesX * side;
     const int y0 = t / tilesX * side;
     const auto tile = std::make_unique_for_overwrite<RegionTile>();
-    RegionTile::Slots slots;
-    slots.place.resize(count);
-    slots.unfinished.resize(count);
-    for (auto& sum : slots.sum) sum.assign(count, 0);
-    for (auto& n : slots.count) n.assign(count, 0);
+    RegionTile::Slots slots(count);
     const int* mine = order.data() + planes.front();
     for (int i = 0; i < count; ++i) {
       const int g = centres[mine[i]];
-      slots.place[i] = (g / grid.X % grid.Y - y0) * RegionTile::pitch + g % grid.X - x0;
+      slots.place[i] = (g / grid.X % grid.Y - y0) * RegionTile::side + g % grid.X - x0;
     }
 #if defined(__x86_64__)
     if (instructions == InstructionSet::avx512) {
@@ -360,8 +484,9 @@ inline void regionSums(const double* image, const char* label, Grid grid,
 #endif
       sumTilePortable(*tile, slots, image, label, grid, x0, y0, planes);
     for (int i = 0; i < count; ++i) {
-      sums[mine[i]] = {std::bit_cast<double>(slots.sum[0][i]), std::bit_cast<double>(slots.sum[1][i]),
-                       slots.count[0][i], slots.count[1][i]};
+      sums[mine[i]] = {std::bit_cast<double>(slots.sum[0][i]),
+                       std::bit_cast<double>(slots.sum[1][i]), slots.voxels[i],
+                       boxVoxels(grid, centres[mine[i]]) - slots.voxels[i]};
     }
   });
 }
