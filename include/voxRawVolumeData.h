@@ -157,14 +157,14 @@ class voxRawVolumeData {
     return 1;
   }
 
-  /// Writes the volume to the path `fn` in format `type`; see `tavrel::writeRaw`. Without voxels,
+  /// Writes the volume to `path` in format `type`; see `tavrel::writeRaw`. Without voxels,
   /// or with sizes that are not those of `D`, it ends the process with status 0. Returns 1.
-  int write(const char* fn, int type) {
+  int write(const char* path, int type) {
     if (!filled()) {
       tavrel::fatal("object not initialized or input size incorrect, can't save data \n", std::cout,
                     0);
     }
-    tavrel::writeRaw(fn, type, std::span<const T>(voxels()));
+    tavrel::writeRaw(path, type, std::span<const T>(voxels()));
     return 1;
   }
 
