@@ -276,9 +276,9 @@ TEST_F(ToolTest, PathsOfAnyLengthWork) {
 }
 
 TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
-  const Sizes sizes{30, 34, 31};
+  const Sizes sizes{22, 24, 23};
   std::vector<double> values = writePhantom(sizes);
-  const Outputs bytes = strip(arguments("1", sizes));
+  const Outputs bytes = strip(arguments("0.8", sizes));
   const auto inside = std::count(bytes.mask.begin(), bytes.mask.end(), '\1');
   EXPECT_GT(inside, 1000);
   EXPECT_LT(inside, std::ssize(values) / 2);
@@ -287,12 +287,14 @@ TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
   // the mask is, the product has to be exact, with negative zeros where a negative float goes.
   for (double& v : values) v = 4 * v - 100;
   writeImage(values, "word");
-  const Outputs words = strip(arguments("1", sizes, "word"));
+  const Outputs words = strip(arguments("0.8", sizes, "word"));
   writeImage(values, "float");
-  const Outputs floats = strip(arguments("1", sizes, "float"));
+  const Outputs floats = strip(arguments("0.8", sizes, "float"));
   EXPECT_EQ(floats.mask, words.mask);
   EXPECT_EQ(floats.phi, words.phi);
 
+  ASSERT_EQ(floats.mask.size(), values.size());
+  ASSERT_EQ(words.mask.size(), values.size());
   std::vector<float> wantFloats;
   std::vector<int> wantWords;
   for (std::size_t n = 0; n < values.size(); ++n) {
@@ -305,7 +307,7 @@ TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
 }
 
 TEST_F(ToolTest, FormatsOfTheSameVoxelsGiveTheSameMask) {
-  const Sizes sizes{30, 34, 31};
+  const Sizes sizes{22, 24, 23};
   std::vector<Outputs> outputs;
   for (const std::string& format : kFormats) {
     writePhantom(sizes, format);
@@ -345,16 +347,17 @@ TEST_F(ToolTest, VolumesWithoutContrastStayFinite) {
 }
 
 TEST_F(ToolTest, FindsTheBrainOfAPhantom) {
-  const Sizes sizes{60, 70, 64};
+  const Sizes sizes{48, 56, 51};
   writePhantom(sizes);
-  const std::vector<unsigned char> brain = makePhantom(60, 70, 64).brain;
+  const std::vector<unsigned char> brain = makePhantom(48, 56, 51).brain;
   const double brainVoxels = std::accumulate(brain.begin(), brain.end(), 0.0);
   double smaller = 0;
   for (const char* w5 : {"0.8", "1.0", "1.2"}) {
     const std::string mask = strip(arguments(w5, sizes)).mask;
+    ASSERT_EQ(mask.size(), brain.size());
     const double voxels = std::accumulate(mask.begin(), mask.end(), 0.0);
     const double common = std::inner_product(mask.begin(), mask.end(), brain.begin(), 0.0);
-    EXPECT_GT(2 * common / (voxels + brainVoxels), 0.91) << w5;
+    EXPECT_GT(2 * common / (voxels + brainVoxels), 0.9) << w5;
     EXPECT_GT(voxels, smaller) << "a larger W5 gives a larger mask";
     smaller = voxels;
   }
