@@ -98,16 +98,21 @@ class RegionTile {
   static constexpr int side = 64 - 2 * boxSize;  ///< columns of a tile along x and along y
   static constexpr int reach = 64;               ///< the same with the margin of the boxes
 
+  /// A slot to which the plane is still to be added from row `row` of its window on.
+  struct Piece {
+    int slot, row;
+  };
+
   /// The voxels of a tile in order of their plane, and what has been summed for them so far.
   struct Slots {
     explicit Slots(int count)
-        : place(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0), pending(count),
-          row(count) {}
+        : place(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0), starting(count + 1),
+          leaving(count + 1) {}
     using Bits = std::vector<std::uint64_t>;
-    std::vector<int> place;         ///< index y * side + x within the tile
-    std::array<Bits, 2> sum;        ///< bit patterns of the positive and the negative sum
-    std::vector<int> voxels;        ///< positive voxels
-    std::vector<int> pending, row;  ///< slots to which part of a plane is still to be added
+    std::vector<int> place;   ///< index y * side + x within the tile
+    std::array<Bits, 2> sum;  ///< bit patterns of the positive and the negative sum
+    std::vector<int> voxels;  ///< positive voxels
+    std::vector<Piece> starting, leaving;  ///< work lists of one plane
   };
 
   /// Builds the tables of the plane that starts at image[0]; the tile's first column is (x0, y0).
@@ -118,7 +123,6 @@ class RegionTile {
     const int rows = std::min(side, Y - y0) + window - 1;
     for (auto& table : tables_) {
       std::fill_n(table.sums[0], columns, Lanes{});
-      std::fill_n(table.voxels[0], columns, 0);
       std::fill_n(table.value[reach], reach, 0.0);
     }
     for (int r = 0; r < rows; ++r) {
@@ -133,48 +137,52 @@ class RegionTile {
     for (int s = 0; s < 2; ++s) {
       const Table& table = tables_[s];
       std::uint64_t* sum = slots.sum[s].data();
-      int* pending = slots.pending.data();
-      int count = 0;
+      Piece* starting = slots.starting.data();
+      Piece* leaving = slots.leaving.data();
+      int starts = 0, leaves = 0;
       for (int i = first; i < last; ++i) {
         const Step step = addRows(Start(table, place[i], 0, sum[i]), window);
-        sum[i] = step.valid ? step.next : sum[i];
-        pending[count] = i;
-        count += !step.valid;
+        sum[i] += step.valid ? step.added : 0;
+        const bool known = binadeOf(sum[i]) < binades;
+        starting[starts] = leaving[leaves] = {i, 0};
+        starts += !step.valid & !known;
+        leaves += !step.valid & known;
       }
-      addInPieces(table, slots, sum, count);
+      leaves = addFirstRows(table, slots, sum, starts, leaves);
+      while (leaves > 0) leaves = addInPieces(table, slots, sum, leaves);
     }
     int* voxels = slots.voxels.data();
-    const int* before = tables_[0].voxels[0];
+    const Lanes* before = tables_[0].sums[0];
     for (int i = first; i < last; ++i) {
-      voxels[i] += before[place[i] + window * side] - before[place[i]];
+      voxels[i] += laneOf(before + place[i] + window * side, countLane) -
+                   laneOf(before + place[i], countLane);
     }
   }
 
  private:
-  static constexpr int firstBinade = 0;  ///< the tables serve sums from 1 ...
-  static constexpr int binades = 14;     ///< ... to below 2^14
+  static constexpr int firstBinade = 4;  ///< the tables serve sums from 2^4 ...
+  static constexpr int binades = 10;     ///< ... to below 2^14
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr double smallest = 0x1p-52, largest = 2;  ///< image values served, and 0
-  static constexpr std::uint32_t tieUnit = 1 << 23;
+  static constexpr double smallest = 0x1p-48, largest = 4;  ///< image values served, and 0
+  static constexpr std::uint32_t tieUnit = 1 << 20;
   static_assert(window * window << (binades - 1) < tieUnit / 2);
 
-  /// The sums of one entry: lanes 0 and 1 hold the 64-bit sum of F, the others the sums of c_k.
+  /// The sums of one entry: lanes 0 and 1 hold the 64-bit sum of F, the next `binades` lanes the
+  /// sums of c_k, the one after them the number of voxels.
   using Lanes [[gnu::vector_size(64)]] = std::uint32_t;
-  static constexpr int firstLane = 2;
+  static constexpr int firstLane = 2, countLane = firstLane + binades;
 
   /// One side of the interface. sums[r][x] is over rows 0 to r - 1 of window x.
   struct Table {
     Lanes sums[reach + 1][side];
     double value[reach + 1][reach];  ///< the voxel, 0 if it is not on this side; a row of zeros
-    int voxels[reach + 1][side];     ///< number of voxels, summed like `sums`
   };
 
   /// What one side's voxels of a row hold.
   struct Member {
-    Lanes small[reach];          ///< c_k and ties
+    Lanes small[reach];          ///< c_k and ties, and 1 for the count
     std::uint64_t fixed[reach];  ///< F
     double value[reach];
-    int voxels[reach];           ///< 1
   };
 
   /// The binade of a sum, counted from the first one served; `binades` or more if none of them.
@@ -184,36 +192,35 @@ class RegionTile {
 
   /// A sum to which rows of a window are to be added, from row `begin` of the window on.
   struct Start {
-    [[gnu::always_inline]] Start(const Table& table, int place, int begin, std::uint64_t bits)
-        : sum(bits), entry(&table.sums[begin][place]) {
-      const std::uint64_t binade = binadeOf(bits);
-      known = binade < binades;
+    [[gnu::always_inline]] Start(const Table& table, int place, int begin, std::uint64_t sum)
+        : entry(&table.sums[begin][place]) {
+      const std::uint64_t binade = binadeOf(sum);
+      const bool known = binade < binades;
       k = known ? static_cast<int>(binade) : 0;
+      // Values served are at least one ulp of the first binade, so room 1 admits only zeros.
+      room = known ? (std::int64_t{1} << 52) - static_cast<std::int64_t>(sum << 12 >> 12) : 1;
       total = totalOf(entry);
-      rounding = roundingOf(entry, k);
+      rounding = laneOf(entry, firstLane + k);
     }
-    std::uint64_t sum, total;
     const Lanes* entry;
+    std::uint64_t total;
+    std::int64_t room;  ///< what the sum's bit pattern must stay below to keep its binade
     std::uint32_t rounding;
     int k;
-    bool known;  ///< the tables serve the sum's binade
   };
 
-  /// The outcome of adding some rows at once.
+  /// What rows of a window add to the bit pattern of a sum, and whether that is valid.
   struct Step {
-    std::uint64_t next;  ///< bit pattern of the new sum, if valid
+    std::int64_t added;
     bool valid;
   };
-
   [[gnu::always_inline]] static Step addRows(const Start& start, int rows) {
     const Lanes* end = start.entry + rows * side;
-    const std::uint32_t rounding = roundingOf(end, start.k) - start.rounding;
+    const std::uint32_t rounding = laneOf(end, firstLane + start.k) - start.rounding;
     const auto total = static_cast<std::int64_t>(totalOf(end) - start.total);
     const auto added = (total + static_cast<std::int32_t>(rounding)) >> (start.k + 1);
-    const std::uint64_t next = start.sum + static_cast<std::uint64_t>(added);
     const bool noTie = rounding + tieUnit / 2 < tieUnit;
-    const bool empty = (static_cast<std::uint64_t>(total) | rounding) == 0;  // all voxels are 0
-    return {next, bool((start.known & noTie & ((next ^ start.sum) >> 52 == 0)) | empty)};
+    return {added, bool((added < start.room) & noTie)};
   }
 
   [[gnu::always_inline]] void loadRow(const double* image, const char* label, int X, int Y, int x0,
@@ -235,25 +242,26 @@ class RegionTile {
       const auto whole = static_cast<std::int64_t>(scaled);
       fixed[j] = static_cast<std::uint64_t>(whole);
       // Only where F holds all of v can v lie half way between two multiples.
-      exact[j] = static_cast<double>(whole) == scaled ? ~0u : 0u;
-      unusable[j] = usable ? 0u : ~0u;
+      exact[j] = static_cast<double>(whole) == scaled ? tieUnit : 0u;
+      unusable[j] = usable ? 0u : tieUnit;
     }
-    Lanes half{}, low{}, tie{};
+    Lanes half{}, low{}, serves{};
     for (int k = 0; k < binades; ++k) {
       half[firstLane + k] = 1u << k;
       low[firstLane + k] = (2u << k) - 1;
-      tie[firstLane + k] = tieUnit;
+      serves[firstLane + k] = ~0u;
     }
+    half[countLane] = 1;
     for (int j = 0; j < reach; ++j) {
       const Lanes rest = (static_cast<std::uint32_t>(fixed[j]) + half) & low;
-      const Lanes marks = ((Lanes)(rest == 0) & exact[j]) | unusable[j];
-      const Lanes small = half - rest + (marks & tie);
+      // rest is below 2^15, so that only rest = 0 borrows into the highest bit: a half-way case.
+      const Lanes marks = ((0 - ((rest - 1) >> 31)) & exact[j]) | unusable[j];
+      const Lanes small = half - rest + (marks & serves);
       for (int s = 0; s < 2; ++s) {
         const std::uint64_t mask = inside[s][j];
         member_[s].small[j] = small & static_cast<std::uint32_t>(mask);
         member_[s].fixed[j] = fixed[j] & mask;
         member_[s].value[j] = mask != 0 ? v[j] : 0.0;
-        member_[s].voxels[j] = mask & 1;
       }
     }
   }
@@ -264,24 +272,19 @@ class RegionTile {
     std::copy_n(row.value, reach, table.value[r]);
     Lanes small{};
     std::uint64_t fixed = 0;
-    int voxels = 0;
     for (int j = 0; j < window - 1; ++j) {
       small += row.small[j];
       fixed += row.fixed[j];
-      voxels += row.voxels[j];
     }
     for (int x = 0; x < columns; ++x) {
       small += row.small[x + window - 1];
       fixed += row.fixed[x + window - 1];
-      voxels += row.voxels[x + window - 1];
       const Lanes* before = &table.sums[r][x];
       const std::uint64_t total = totalOf(before) + fixed;
       table.sums[r + 1][x] = *before + small;
       std::memcpy(&table.sums[r + 1][x], &total, sizeof total);
-      table.voxels[r + 1][x] = table.voxels[r][x] + voxels;
       small -= row.small[x];
       fixed -= row.fixed[x];
-      voxels -= row.voxels[x];
     }
   }
 
@@ -290,116 +293,119 @@ class RegionTile {
     std::memcpy(&total, entry, sizeof total);
     return total;
   }
-  [[gnu::always_inline]] static std::uint32_t roundingOf(const Lanes* entry, int k) {
-    std::uint32_t rounding;
-    std::memcpy(&rounding,
-                reinterpret_cast<const char*>(entry) + sizeof rounding * (firstLane + k),
-                sizeof rounding);
-    return rounding;
+  [[gnu::always_inline]] static std::uint32_t laneOf(const Lanes* entry, int lane) {
+    std::uint32_t value;
+    std::memcpy(&value, reinterpret_cast<const char*>(entry) + sizeof value * lane, sizeof value);
+    return value;
   }
 
-  /// Some slots that are worked on side by side, so that their long chains of additions overlap.
+  /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
   static constexpr int batch = 8;
   struct Batch {
     int place[batch];
-    int row[batch];            ///< rows of the plane added so far
+    int row[batch];  ///< rows of the plane added so far
     std::uint64_t sum[batch];
   };
 
-  /// Adds a row of the window voxel by voxel to every sum and moves on by a row; past the last row
-  /// it adds zeros.
-  [[gnu::always_inline]] static void addVoxels(const Table& table, Batch& slots) {
+  /// The next pieces of a list; the last batch is filled up with copies of the last piece.
+  [[gnu::always_inline]] static void load(const Slots& slots, const std::uint64_t* sums,
+                                          const Piece* pieces, int used, Batch& work) {
+    for (int b = 0; b < batch; ++b) {
+      const Piece piece = pieces[std::min(b, used - 1)];
+      work.place[b] = slots.place[piece.slot];
+      work.row[b] = piece.row;
+      work.sum[b] = sums[piece.slot];
+    }
+  }
+
+  /// Adds one row of the window voxel by voxel to every sum; past the last row, zeros.
+  [[gnu::always_inline]] static void addVoxels(const Table& table, Batch& work,
+                                               const int (&row)[batch]) {
     const double* value[batch];
     double sum[batch];
     for (int b = 0; b < batch; ++b) {
-      const int place = slots.place[b], row = slots.row[b];
-      value[b] = table.value[row < window ? place / side + row : reach] + place % side;
-      sum[b] = std::bit_cast<double>(slots.sum[b]);
-      slots.row[b] = std::min(row + 1, window);
+      const int y = work.place[b] / side, x = work.place[b] % side;
+      value[b] = table.value[row[b] < window ? y + row[b] : reach] + x;
+      sum[b] = std::bit_cast<double>(work.sum[b]);
     }
     for (int j = 0; j < window; ++j) {
 #pragma GCC unroll 8
       for (int b = 0; b < batch; ++b) sum[b] += value[b][j];
     }
-    for (int b = 0; b < batch; ++b) slots.sum[b] = std::bit_cast<std::uint64_t>(sum[b]);
+    for (int b = 0; b < batch; ++b) work.sum[b] = std::bit_cast<std::uint64_t>(sum[b]);
   }
 
   /// Adds as many rows to every sum as can be added at once.
-  [[gnu::always_inline]] static void addWholeRows(const Table& table, Batch& slots) {
+  [[gnu::always_inline]] static void addWholeRows(const Table& table, Batch& work) {
     for (int b = 0; b < batch; ++b) {
-      const int row = slots.row[b];
-      const Start start(table, slots.place[b], row, slots.sum[b]);
+      const int left = window - work.row[b];
+      const Start start(table, work.place[b], work.row[b], work.sum[b]);
       int rows = 0;
-      std::uint64_t sum = slots.sum[b];
 #pragma GCC unroll 5
       for (int step = 16; step > 0; step /= 2) {
         const int more = rows + step;
-        const Step trial = addRows(start, std::min(more, window - row));
-        const bool take = trial.valid & (more <= window - row);
+        const bool take = addRows(start, std::min(more, left)).valid & (more <= left);
         rows = take ? more : rows;
-        sum = take ? trial.next : sum;
       }
-      slots.row[b] = row + rows;
-      slots.sum[b] = sum;
+      work.sum[b] += addRows(start, rows).added;
+      work.row[b] += rows;
     }
   }
 
-  /// While a sum is out of the tables' range, nothing but voxels can be added to it.
-  [[gnu::always_inline]] static void addUntilKnown(const Table& table, Batch& slots) {
-    const auto outside = [&](int b) {
-      return (binadeOf(slots.sum[b]) >= binades) & (slots.row[b] < window);
-    };
-    for (;;) {
-      Batch unknown = slots;
-      bool any = false;
-      for (int b = 0; b < batch; ++b) {
-        any |= outside(b);
-        unknown.row[b] = outside(b) ? slots.row[b] : window;
-      }
-      if (!any) return;
-      addVoxels(table, unknown);
-      for (int b = 0; b < batch; ++b) {
-        slots.row[b] = outside(b) ? slots.row[b] + 1 : slots.row[b];
-        slots.sum[b] = unknown.sum[b];
-      }
-    }
-  }
-
-  /// Adds the plane to the first `count` pending slots: as many rows at once as stay in the binade
-  /// of the sum, the row where it leaves it voxel by voxel, then the rest, if need be in further
-  /// rounds.
-  [[gnu::always_inline]] static void addInPieces(const Table& table, Slots& slots,
-                                                 std::uint64_t* sums, int count) {
-    int* pending = slots.pending.data();
-    int* rows = slots.row.data();
-    std::fill_n(rows, count, 0);
-    while (count > 0) {
-      int left = 0;
-      for (int first = 0; first < count; first += batch) {
-        const int used = std::min(batch, count - first);
-        int slot[batch];
-        Batch work;
+  /// Sums that the tables do not serve, most of all those that start from 0: rows are added voxel
+  /// by voxel until they do. What is then left of the plane is appended to `leaving`, which holds
+  /// `leaves` pieces; returns their new number.
+  [[gnu::always_inline]] static int addFirstRows(const Table& table, Slots& slots,
+                                                 std::uint64_t* sums, int starts, int leaves) {
+    for (int first = 0; first < starts; first += batch) {
+      const Piece* pieces = slots.starting.data() + first;
+      const int used = std::min(batch, starts - first);
+      Batch work;
+      load(slots, sums, pieces, used, work);
+      addWholeRows(table, work);  // zeros
+      for (bool any = true; any;) {
+        int row[batch];
+        any = false;
         for (int b = 0; b < batch; ++b) {
-          const int i = first + std::min(b, used - 1);
-          slot[b] = pending[i];
-          work.place[b] = slots.place[slot[b]];
-          work.row[b] = rows[i];
-          work.sum[b] = sums[slot[b]];
+          const bool add = (binadeOf(work.sum[b]) >= binades) & (work.row[b] < window);
+          row[b] = add ? work.row[b] : window;
+          work.row[b] += add;
+          any |= add;
         }
-        addWholeRows(table, work);
-        addVoxels(table, work);
-        addUntilKnown(table, work);
-        for (int b = 0; b < used; ++b) {
-          const Start start(table, work.place[b], work.row[b], work.sum[b]);
-          const Step rest = addRows(start, window - work.row[b]);
-          sums[slot[b]] = rest.valid ? rest.next : work.sum[b];
-          pending[left] = slot[b];
-          rows[left] = work.row[b];
-          left += !(rest.valid | (work.row[b] == window));
-        }
+        if (any) addVoxels(table, work, row);
       }
-      count = left;
+      for (int b = 0; b < used; ++b) {
+        sums[pieces[b].slot] = work.sum[b];
+        slots.leaving[leaves] = {pieces[b].slot, work.row[b]};
+        leaves += work.row[b] < window;
+      }
     }
+    return leaves;
+  }
+
+  /// Sums that leave their binade in this plane: as many rows at once as stay in it, the row where
+  /// the sum leaves it voxel by voxel, then the rest. Pieces that are still not done (a sum may
+  /// leave several binades) stay in the list; returns their number.
+  [[gnu::always_inline]] static int addInPieces(const Table& table, Slots& slots,
+                                                std::uint64_t* sums, int count) {
+    int left = 0;
+    for (int first = 0; first < count; first += batch) {
+      Piece* pieces = slots.leaving.data() + first;
+      const int used = std::min(batch, count - first);
+      Batch work;
+      load(slots, sums, pieces, used, work);
+      addWholeRows(table, work);
+      addVoxels(table, work, work.row);
+      for (int b = 0; b < used; ++b) {
+        const int slot = pieces[b].slot;
+        const int row = std::min(work.row[b] + 1, window);
+        const Step rest = addRows(Start(table, work.place[b], row, work.sum[b]), window - row);
+        sums[slot] = work.sum[b] + (rest.valid ? rest.added : 0);
+        slots.leaving[left] = {slot, row};
+        left += !rest.valid & (row < window);
+      }
+    }
+    return left;
   }
 
   std::array<Table, 2> tables_;  // positive, negative
