@@ -44,7 +44,7 @@ void readSizes(const Fields& fields, Header& header) {
   if (dimensions < 3)
     throw ScanError(text("has ", dimensions, dimensions == 1 ? " dimension" : " dimensions",
                          "; a head needs three"));
-  std::int64_t voxels = 1, padded = 1;
+  std::int64_t padded = 1;
   for (int d = 1; d <= dimensions; ++d) {
     const std::int64_t n = fields.dim[d];
     if (n < 1) throw ScanError(text("has an impossible size, ", n, " along dimension ", d));
@@ -57,7 +57,6 @@ void readSizes(const Fields& fields, Header& header) {
     const std::int64_t whole = (n + 3) / 4 * 4;  // the pipeline pads to multiples of four
     if (n > kMostVoxels || padded > kMostVoxels / whole)
       throw ScanError("has more voxels than fit the 32-bit sizes of the method");
-    voxels *= n;
     padded *= whole;
     header.size[d - 1] = static_cast<int>(n);
   }

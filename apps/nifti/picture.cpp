@@ -150,8 +150,8 @@ class Cut {
     }
     canvas.touched();
     drawContour(canvas, left, top);
-    canvas.write(left + 4, top + height / 2.0, 15, plane_.left);
-    canvas.write(left + width - 14, top + height / 2.0, 15, plane_.right);
+    canvas.write(left + 2, top + 14, 15, plane_.left);
+    canvas.write(left + width - 13, top + 14, 15, plane_.right);
   }
 
  private:

@@ -18,7 +18,7 @@
 namespace tavrel::nifti {
 namespace {
 
-constexpr std::size_t kChunk = std::size_t(1) << 20;
+constexpr std::size_t kChunk = std::size_t(1) << 16;
 constexpr std::uint64_t kMostInflation = 1040;  // DEFLATE packs no tighter than 1032 to 1
 
 /// A plain or gzip-compressed file. The NIfTI library's own stream does not tell a damaged file

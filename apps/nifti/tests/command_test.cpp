@@ -1,0 +1,356 @@
+// The real command, run as a user runs it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "nifti_files.h"
+#include "phantom.h"
+#include "report.h"
+
+namespace {
+
+using namespace test_files;
+
+struct Result {
+  int status = -1;  // 128 plus the signal for a killed process
+  std::string out, err;
+};
+
+std::string readText(const fs::path& path) {
+  const Bytes bytes = readBytes(path);
+  return {bytes.begin(), bytes.end()};
+}
+
+/// A command that runs with its streams in files of a folder of its own.
+class Process {
+ public:
+  Process(
+      const std::string& program, const std::vector<std::string>& arguments,
+      const std::function<void()>& inChild = [] {}) {
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    const std::string out = streams_ / "out", err = streams_ / "err";
+    child_ = fork();
+    if (child_ != 0) return;
+    dup2(open(out.c_str(), O_WRONLY | O_CREAT, 0600), 1);
+    dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), 2);
+    inChild();
+    execv(program.c_str(), argv.data());
+    _exit(99);
+  }
+  pid_t id() const { return child_; }
+  std::string out() const { return readText(streams_ / "out"); }
+  Result wait() {
+    int status = 0;
+    waitpid(child_, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out(),
+            readText(streams_ / "err")};
+  }
+
+ private:
+  TemporaryFolder streams_;
+  pid_t child_ = 0;
+};
+
+Result run(
+    const std::vector<std::string>& arguments, const std::function<void()>& inChild = [] {}) {
+  return Process(TAVREL_NIFTI_COMMAND, arguments, inChild).wait();
+}
+
+/// A phantom head as voxels of type T, brightest tissue about `white`.
+template <class T>
+std::vector<T> phantom(const FileSpec& spec, double white) {
+  const auto& n = spec.size;
+  const auto image = tavrel::makePhantom(int(n[0]), int(n[1]), int(n[2])).image;
+  std::vector<T> voxels;
+  for (const double v : image)
+    voxels.push_back(T(std::is_integral_v<T> ? std::lround(std::max(0.0, v) * white) : v * white));
+  return voxels;
+}
+
+constexpr std::array<std::int64_t, 3> kSmall = {37, 42, 40};
+
+/// A folder with one scan, scan.nii.gz.
+class Command : public testing::Test {
+ protected:
+  void SetUp() override {
+    writeNifti(folder_ / "scan.nii.gz", {.size = kSmall},
+               phantom<std::int16_t>({.size = kSmall}, 200));
+  }
+  std::string name(const std::string& file) const { return folder_ / file; }
+  TemporaryFolder folder_;
+  const std::vector<std::string> onlyScan_ = {"scan.nii.gz"};
+};
+
+template <class Fields>
+Fields headerOf(const fs::path& path) {
+  Fields fields;
+  std::memcpy(&fields, inflate(path).data(), sizeof fields);
+  return fields;
+}
+
+TEST_F(Command, WritesBrainMaskAndPictureBesideTheScan) {
+  const Result result = run({name("scan.nii.gz"), "--w5", "1.0", "--phi", name("phi.nii")});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(folder_.list(),
+            (std::vector<std::string>{"phi.nii", "scan.nii.gz", "scan_brain.nii.gz",
+                                      "scan_brain_mask.nii.gz", "scan_brain_qc.png"}));
+  // One line a level and one for the scan.
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 4) << result.out;
+  EXPECT_NE(result.out.find("level 3, 40 x 44 x 40"), std::string::npos) << result.out;
+
+  const Bytes scan = inflate(name("scan.nii.gz")), brain = inflate(name("scan_brain.nii.gz")),
+              mask = inflate(name("scan_brain_mask.nii.gz")), phi = readBytes(name("phi.nii"));
+  const std::size_t voxels = 37 * 42 * 40, scanData = scan.size() - 2 * voxels;
+  ASSERT_EQ(brain.size(), scan.size());
+  ASSERT_EQ(mask.size(), 352 + voxels);
+  ASSERT_EQ(phi.size(), 352 + 4 * voxels);
+  EXPECT_TRUE(std::equal(scan.begin(), scan.begin() + std::ptrdiff_t(scanData), brain.begin()))
+      << "the brain's header and extensions are the scan's";
+  std::size_t inside = 0, negative = 0;
+  for (std::size_t v = 0; v < voxels; ++v) {
+    const char *stored = &scan[scanData + 2 * v], *kept = &brain[scanData + 2 * v];
+    inside += std::size_t(mask[352 + v]);
+    const char zero[2] = {};
+    ASSERT_EQ(std::memcmp(kept, mask[352 + v] ? stored : zero, 2), 0);
+    float value;
+    std::memcpy(&value, &phi[352 + 4 * v], 4);
+    negative += value < 0;
+  }
+  EXPECT_GT(inside, voxels / 10);
+  EXPECT_GT(double(negative), 0.5 * double(inside));
+  EXPECT_LT(negative, voxels / 2);
+
+  // The geometry of the mask and the function is the scan's, byte for byte.
+  for (const Bytes& other : {mask, phi})
+    for (const auto& [first, end] : {std::pair{40, 56}, {76, 108}, {123, 124}, {252, 328}})
+      EXPECT_TRUE(std::equal(&scan[std::size_t(first)], &scan[std::size_t(end)],
+                             &other[std::size_t(first)]));
+}
+
+/// Runs Tavrel on raw voxels and returns its mask.
+Bytes rawMask(const TemporaryFolder& folder, const char* format, const void* voxels,
+              std::size_t bytes) {
+  const char* first = static_cast<const char*>(voxels);
+  writeBytes(folder / "raw", Bytes(first, first + bytes));
+  Process(TAVREL_COMMAND, {"1.1", "37", "42", "40", folder / "raw", format, folder / "raw_mask",
+                           folder / "raw_ss", folder / "raw_phi"})
+      .wait();
+  return readBytes(folder / "raw_mask");
+}
+
+TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
+  const auto compare = [&]<class T>(const char* format, int datatype, std::type_identity<T>,
+                                    bool swapped) {
+    const FileSpec spec{.size = kSmall, .datatype = datatype, .slope = 3};
+    auto voxels = phantom<T>(spec, 180);
+    if constexpr (std::is_floating_point_v<T>) voxels[77] = NAN;
+    writeNifti(folder_ / "a.nii", spec, voxels);
+    if (swapped) swapByteOrder(folder_ / "a.nii", sizeof(T));
+    const Result result = run({name("a.nii"), "--w5", "1.1", "--finish", "none", "--force"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const Bytes mask = readBytes(folder_ / "a_brain_mask.nii");
+    const Bytes expected = rawMask(folder_, format, voxels.data(), voxels.size() * sizeof(T));
+    ASSERT_EQ(expected.size(), voxels.size());
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), mask.begin() + 352)) << format;
+    EXPECT_GT(std::count(expected.begin(), expected.end(), 1), 1000);
+  };
+  compare("byte", NIFTI_TYPE_UINT8, std::type_identity<std::uint8_t>{}, false);
+  compare("word", NIFTI_TYPE_INT16, std::type_identity<std::int16_t>{}, true);
+  compare("float", NIFTI_TYPE_FLOAT32, std::type_identity<float>{}, false);
+}
+
+TEST_F(Command, KeepsVersionByteOrderScalingAndBackground) {
+  // A scaled, shifted NIfTI-2 pair in which air is stored as -32000 and stands for about 0.
+  const FileSpec spec{
+      .size = kSmall, .fileType = NIFTI_FTYPE_NIFTI2_2, .slope = 0.01, .inter = 320};
+  auto voxels = phantom<std::int16_t>(spec, 20000);
+  for (auto& v : voxels) v = std::int16_t(v - 32000);
+  writeNifti(folder_ / "pair.hdr", spec, voxels);
+  ASSERT_EQ(run({name("pair.img"), "--w5", "1.0"}).status, 0);
+  const auto in = headerOf<nifti_2_header>(folder_ / "pair.hdr");
+  const auto out = headerOf<nifti_2_header>(folder_ / "pair_brain.nii.gz");
+  EXPECT_EQ(std::string(out.magic), "n+2");
+  EXPECT_EQ(out.scl_slope, 0.01);
+  EXPECT_EQ(out.scl_inter, 320);
+  EXPECT_EQ(std::memcmp(in.pixdim, out.pixdim, sizeof in.pixdim), 0);
+  EXPECT_EQ(
+      std::memcmp(&in.qform_code, &out.qform_code,
+                  offsetof(nifti_2_header, slice_code) - offsetof(nifti_2_header, qform_code)),
+      0);
+  const Bytes brain = inflate(folder_ / "pair_brain.nii.gz");
+  std::int16_t corner;
+  std::memcpy(&corner, &brain[std::size_t(out.vox_offset)], 2);
+  EXPECT_EQ(corner, -32000);
+
+  writeNifti(folder_ / "big.nii", {.size = kSmall}, phantom<std::int16_t>({.size = kSmall}, 200));
+  swapByteOrder(folder_ / "big.nii", 2);
+  ASSERT_EQ(run({name("big.nii"), "--w5", "1.0"}).status, 0);
+  ASSERT_EQ(run({name("scan.nii.gz"), "--w5", "1.0"}).status, 0);
+  const Bytes bigMask = readBytes(folder_ / "big_brain_mask.nii");
+  EXPECT_EQ(bigMask[3], 348 & 0xff);
+  const Bytes mask = inflate(folder_ / "scan_brain_mask.nii.gz");
+  EXPECT_TRUE(std::equal(mask.begin() + 352, mask.end(), bigMask.begin() + 352, bigMask.end()));
+}
+
+TEST_F(Command, ReportsEveryScanAndGoesOnAfterAFailure) {
+  writeBytes(folder_ / "bad.nii.gz", {'n', 'o', 't', ' ', 'a', ' ', 's', 'c', 'a', 'n'});
+  writeNifti(folder_ / "four.nii", {.size = kSmall, .volumes = 1},
+             phantom<std::int16_t>({.size = kSmall}, 200));
+  const Result result =
+      run({name("bad.nii.gz"), name("scan.nii.gz"), name("missing.nii"), name("four.nii"),
+           "--out-dir", name("out"), "--json", name("report.json"), "--w5", "1.0", "--quiet"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "tavrel-nifti: " + name("bad.nii.gz") + ": is not a NIfTI file\n" +
+                            "tavrel-nifti: " + name("missing.nii") + ": does not exist\n" +
+                            "tavrel-nifti: 2 of 4 failed: " + name("bad.nii.gz") + " " +
+                            name("missing.nii") + "\n");
+  const auto report = nlohmann::json::parse(readText(folder_ / "report.json"));
+  ASSERT_EQ(report["scans"].size(), 4u);
+  EXPECT_EQ(report["scans"][0]["error"], "is not a NIfTI file");
+  EXPECT_EQ(report["settings"]["w5"], 1.0);
+  const auto& scan = report["scans"][1];
+  EXPECT_EQ(scan["sha256"], tavrel::nifti::sha256(folder_ / "scan.nii.gz"));
+  EXPECT_EQ(scan["levels"].size(), 3u);
+  const Bytes mask = inflate(folder_ / "out/scan_brain_mask.nii.gz");
+  const auto voxels = std::count(mask.begin() + 352, mask.end(), 1);
+  EXPECT_EQ(scan["voxels"], voxels);
+  EXPECT_NEAR(scan["volume_ml"], double(voxels) * 1.25 * 0.9 * 1.5 / 1000, 1e-3);
+  EXPECT_EQ(report["scans"][3]["volume_ml"], scan["volume_ml"]);
+}
+
+TEST(Report, ChecksumIsTheStandardOne) {
+  const TemporaryFolder folder;
+  writeBytes(folder / "abc", {'a', 'b', 'c'});
+  EXPECT_EQ(tavrel::nifti::sha256(folder / "abc"),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+}
+
+TEST_F(Command, DoesNotOverwriteUnlessForced) {
+  writeBytes(folder_ / "scan_brain_mask.nii.gz", {'m', 'i', 'n', 'e'});
+  const auto before = folder_.list();
+  const Result result = run({name("scan.nii.gz"), "--w5", "1.0"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("scan_brain_mask.nii.gz exists; --force overwrites it"),
+            std::string::npos);
+  EXPECT_EQ(folder_.list(), before);
+  EXPECT_EQ(readText(folder_ / "scan_brain_mask.nii.gz"), "mine");
+  EXPECT_EQ(run({name("scan.nii.gz"), "--w5", "1.0", "--force"}).status, 0);
+  EXPECT_GT(inflate(folder_ / "scan_brain_mask.nii.gz").size(), 37u * 42 * 40);
+  struct stat status = {};
+  stat(name("scan_brain_mask.nii.gz").c_str(), &status);
+  const mode_t mask = umask(0);
+  umask(mask);
+  EXPECT_EQ(status.st_mode & 0777, 0666 & ~mask);
+}
+
+TEST_F(Command, LeavesNothingBehindWhereItCannotWrite) {
+  const Result missing =
+      run({name("scan.nii.gz"), "--w5", "1.0", "--brain", name("no/such/brain.nii")});
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_NE(missing.err.find("is not a folder"), std::string::npos) << missing.err;
+  const Result unwritable = run({name("scan.nii.gz"), "--w5", "1.0", "--mask", "/proc/mask.nii"});
+  EXPECT_EQ(unwritable.status, 2);
+  EXPECT_NE(unwritable.err.find("/proc"), std::string::npos) << unwritable.err;
+  EXPECT_EQ(folder_.list(), onlyScan_);
+  if (geteuid() != 0) {
+    fs::permissions(folder_.path(), fs::perms::owner_read | fs::perms::owner_exec);
+    const Result readOnly = run({name("scan.nii.gz"), "--w5", "1.0"});
+    fs::permissions(folder_.path(), fs::perms::owner_all);
+    EXPECT_EQ(readOnly.status, 2);
+    EXPECT_NE(readOnly.err.find("is not writable"), std::string::npos);
+  }
+  // A limit on file sizes stands for a full disk: the write fails in its middle.
+  const Result full = run({name("scan.nii.gz"), "--w5", "1.0"}, [] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  });
+  EXPECT_EQ(full.status, 2);
+  EXPECT_NE(full.err.find("scan_brain.nii.gz cannot be written: File too large"), std::string::npos)
+      << full.err;
+  EXPECT_EQ(folder_.list(), onlyScan_);
+}
+
+TEST_F(Command, CtrlCLeavesNoFile) {
+  const FileSpec spec{.size = {120, 130, 120}};
+  writeNifti(folder_ / "large.nii", spec, phantom<std::int16_t>(spec, 200));
+  const auto before = folder_.list();
+  Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--w5", "1.0"});
+  for (int wait = 0; wait < 3000 && process.out().empty(); ++wait)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_NE(process.out().find("level 1"), std::string::npos);
+  kill(process.id(), SIGINT);
+  const Result result = process.wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.err, "tavrel-nifti: interrupted\n");
+  EXPECT_EQ(folder_.list(), before);
+}
+
+TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
+  const std::string scan = name("scan.nii.gz");
+  const std::vector<std::vector<std::string>> wrong = {
+      {},
+      {scan, "--w5", "much"},
+      {scan, "--w5", "1.0x"},
+      {scan, "--w5", "nan"},
+      {scan, "--finish", "some"},
+      {scan, "--finish", "none", "--open", "2"},
+      {scan, "--open", "-1"},
+      {scan, "--resample", "0"},
+      {scan, "--threads", "0"},
+      {scan, "--nonsense"},
+      {scan, "--mask", "mask.img"},
+      {scan, "--mask", name("same.nii"), "--brain", name("same.nii")},
+      {scan, "--force", "--brain", scan},
+      {scan, name("other.nii"), "--brain", name("b.nii")},
+      {scan, name("x/scan.nii.gz"), "--out-dir", name("out")},
+  };
+  for (const auto& arguments : wrong) {
+    const Result result = run(arguments);
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_NE(result.err, "");
+  }
+  EXPECT_EQ(folder_.list(), onlyScan_);
+  const Result help = run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* option :
+       {"--out-dir", "--w5", "--finish", "--resample", "--threads", "--json", "Examples"})
+    EXPECT_NE(help.out.find(option), std::string::npos) << option;
+  EXPECT_EQ(run({"--version"}).out, "tavrel-nifti 1.0.0\n");
+}
+
+TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {
+  const std::string scan = name("scan.nii.gz");
+  ASSERT_EQ(run({scan, "--w5", "1.0", "--brain", "none", "--qc", "none", "--resample", "1.5",
+                 "--phi", name("phi.nii.gz")})
+                .status,
+            0);
+  const Bytes resampled = inflate(name("scan_brain_mask.nii.gz"));
+  EXPECT_EQ(inflate(name("phi.nii.gz")).size(), 352 + 4u * 37 * 42 * 40);
+  const auto maskWith = [&](const char* threads) {
+    EXPECT_EQ(run({scan, "--w5", "1.0", "--force", "--threads", threads}).status, 0);
+    return inflate(name("scan_brain_mask.nii.gz"));
+  };
+  const Bytes own = maskWith("1");
+  EXPECT_EQ(maskWith("3"), own);
+  ASSERT_EQ(resampled.size(), own.size());
+  double both = 0, sum = 0;
+  for (std::size_t v = 352; v < own.size(); ++v)
+    both += own[v] & resampled[v], sum += own[v] + resampled[v];
+  EXPECT_GT(2 * both / sum, 0.9);
+}
+
+}  // namespace
