@@ -106,13 +106,14 @@ class RegionTile {
   /// The voxels of a tile in order of their plane, and what has been summed for them so far.
   struct Slots {
     explicit Slots(int count)
-        : place(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0), starting(count + 1),
-          leaving(count + 1) {}
+        : place(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0), unfinished(count),
+          starting(count), leaving(count) {}
     using Bits = std::vector<std::uint64_t>;
     std::vector<int> place;   ///< index y * side + x within the tile
     std::array<Bits, 2> sum;  ///< bit patterns of the positive and the negative sum
     std::vector<int> voxels;  ///< positive voxels
-    std::vector<Piece> starting, leaving;  ///< work lists of one plane
+    std::vector<int> unfinished;           ///< work lists of one plane
+    std::vector<Piece> starting, leaving;
   };
 
   /// Builds the tables of the plane that starts at image[0]; the tile's first column is (x0, y0).
@@ -137,16 +138,20 @@ class RegionTile {
     for (int s = 0; s < 2; ++s) {
       const Table& table = tables_[s];
       std::uint64_t* sum = slots.sum[s].data();
-      Piece* starting = slots.starting.data();
-      Piece* leaving = slots.leaving.data();
-      int starts = 0, leaves = 0;
+      int* unfinished = slots.unfinished.data();
+      int count = 0;
       for (int i = first; i < last; ++i) {
         const Step step = addRows(Start(table, place[i], 0, sum[i]), window);
         sum[i] += step.valid ? step.added : 0;
-        const bool known = binadeOf(sum[i]) < binades;
-        starting[starts] = leaving[leaves] = {i, 0};
-        starts += !step.valid & !known;
-        leaves += !step.valid & known;
+        unfinished[count] = i;
+        count += !step.valid;
+      }
+      int starts = 0, leaves = 0;
+      for (int i = 0; i < count; ++i) {
+        const bool served = binadeOf(sum[unfinished[i]]) < binades;
+        slots.starting[starts] = slots.leaving[leaves] = {unfinished[i], 0};
+        starts += !served;
+        leaves += served;
       }
       leaves = addFirstRows(table, slots, sum, starts, leaves);
       while (leaves > 0) leaves = addInPieces(table, slots, sum, leaves);
@@ -335,19 +340,38 @@ class RegionTile {
     for (int b = 0; b < batch; ++b) work.sum[b] = std::bit_cast<std::uint64_t>(sum[b]);
   }
 
-  /// Adds as many rows to every sum as can be added at once.
+  /// Adds as many rows to every sum as can be added at once, or a row less: the rows are found from
+  /// the sums of F alone, with a margin for the rounding of every voxel. Rows with a half-way case
+  /// are not added.
   [[gnu::always_inline]] static void addWholeRows(const Table& table, Batch& work) {
     for (int b = 0; b < batch; ++b) {
       const int left = window - work.row[b];
       const Start start(table, work.place[b], work.row[b], work.sum[b]);
+      const std::int64_t margin = window * window / 2 + 1;
+      const std::int64_t room = (start.room - margin) * (std::int64_t{2} << start.k);
       int rows = 0;
 #pragma GCC unroll 5
       for (int step = 16; step > 0; step /= 2) {
         const int more = rows + step;
-        const bool take = addRows(start, std::min(more, left)).valid & (more <= left);
-        rows = take ? more : rows;
+        const Lanes* end = start.entry + std::min(more, left) * side;
+        const auto total = static_cast<std::int64_t>(totalOf(end) - start.total);
+        rows = (total < room) & (more <= left) ? more : rows;
       }
-      work.sum[b] += addRows(start, rows).added;
+      const Step found = addRows(start, rows);
+      work.sum[b] += found.valid ? found.added : 0;
+      work.row[b] += found.valid ? rows : 0;
+    }
+  }
+
+  /// Moves every piece on to its first row with a voxel that is not 0.
+  [[gnu::always_inline]] static void skipZeros(const Table& table, Batch& work) {
+    for (int b = 0; b < batch; ++b) {
+      const Start start(table, work.place[b], work.row[b], 0);
+      int rows = 0;
+      for (int step = 16; step > 0; step /= 2) {
+        const int more = std::min(rows + step, window - work.row[b]);
+        rows = addRows(start, more).valid ? more : rows;
+      }
       work.row[b] += rows;
     }
   }
@@ -362,7 +386,7 @@ class RegionTile {
       const int used = std::min(batch, starts - first);
       Batch work;
       load(slots, sums, pieces, used, work);
-      addWholeRows(table, work);  // zeros
+      skipZeros(table, work);
       for (bool any = true; any;) {
         int row[batch];
         any = false;
