@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <span>
 #include <vector>
 
@@ -95,21 +96,26 @@ inline InstructionSet widestInstructionSet() {
 class RegionTile {
  public:
   static constexpr int window = 2 * boxSize + 1;
-  static constexpr int side = 64 - 2 * boxSize;  ///< columns of a tile along x and along y
-  static constexpr int reach = 64;               ///< the same with the margin of the boxes
+  static constexpr int side = 48;                    ///< columns of a tile along x and along y
+  static constexpr int reach = side + 2 * boxSize;   ///< the same with the margin of the boxes
+  /// A tile's voxels are visited block by block, so that the tables they read stay in the nearest
+  /// cache.
+  static constexpr int blockSide = 8;
+  static constexpr int blocks = (side / blockSide) * (side / blockSide);
 
   /// A slot to which the plane is still to be added from row `row` of its window on.
   struct Piece {
     int slot, row;
   };
 
-  /// The voxels of a tile in order of their plane, and what has been summed for them so far.
+  /// The voxels of a tile by block and plane, and what has been summed for them so far.
   struct Slots {
     explicit Slots(int count)
-        : place(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0), unfinished(count),
-          starting(count), leaving(count) {}
+        : place(count), valuePlace(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0),
+          unfinished(count), starting(count), leaving(count) {}
     using Bits = std::vector<std::uint64_t>;
-    std::vector<int> place;   ///< index y * side + x within the tile
+    std::vector<int> place;       ///< index y * side + x within the tile
+    std::vector<int> valuePlace;  ///< index y * reach + x
     std::array<Bits, 2> sum;  ///< bit patterns of the positive and the negative sum
     std::vector<int> voxels;  ///< positive voxels
     std::vector<int> unfinished;           ///< work lists of one plane
@@ -132,19 +138,30 @@ class RegionTile {
     }
   }
 
-  /// Adds the plane to slots [first, last).
-  [[gnu::always_inline]] void addPlane(Slots& slots, int first, int last) {
+  /// Slots [first, last).
+  struct Range {
+    int first, last;
+  };
+
+  /// Adds the plane to all slots of the ranges.
+  [[gnu::always_inline]] void addPlane(Slots& slots, std::span<const Range> ranges) {
     const int* place = slots.place.data();
+    int* voxels = slots.voxels.data();
     for (int s = 0; s < 2; ++s) {
       const Table& table = tables_[s];
       std::uint64_t* sum = slots.sum[s].data();
       int* unfinished = slots.unfinished.data();
       int count = 0;
-      for (int i = first; i < last; ++i) {
-        const Step step = addRows(Start(table, place[i], 0, sum[i]), window);
-        sum[i] += step.valid ? step.added : 0;
-        unfinished[count] = i;
-        count += !step.valid;
+      for (const Range range : ranges) {
+        for (int i = range.first; i < range.last; ++i) {
+          const Start start(table.sums[0] + place[i], sum[i]);
+          const Step step = addRows(start, window);
+          sum[i] += step.valid ? step.added : 0;
+          unfinished[count] = i;
+          count += !step.valid;
+          const std::uint32_t all = laneOf(start.entry + window * side, countLane);
+          if (s == 0) voxels[i] += static_cast<int>(all - laneOf(start.entry, countLane));
+        }
       }
       int starts = 0, leaves = 0;
       for (int i = 0; i < count; ++i) {
@@ -155,12 +172,6 @@ class RegionTile {
       }
       leaves = addFirstRows(table, slots, sum, starts, leaves);
       while (leaves > 0) leaves = addInPieces(table, slots, sum, leaves);
-    }
-    int* voxels = slots.voxels.data();
-    const Lanes* before = tables_[0].sums[0];
-    for (int i = first; i < last; ++i) {
-      voxels[i] += laneOf(before + place[i] + window * side, countLane) -
-                   laneOf(before + place[i], countLane);
     }
   }
 
@@ -195,10 +206,9 @@ class RegionTile {
     return (sum >> 52) - (1023 + firstBinade);
   }
 
-  /// A sum to which rows of a window are to be added, from row `begin` of the window on.
+  /// A sum to which the rows from `entry` on are to be added.
   struct Start {
-    [[gnu::always_inline]] Start(const Table& table, int place, int begin, std::uint64_t sum)
-        : entry(&table.sums[begin][place]) {
+    [[gnu::always_inline]] Start(const Lanes* at, std::uint64_t sum) : entry(at) {
       const std::uint64_t binade = binadeOf(sum);
       const bool known = binade < binades;
       k = known ? static_cast<int>(binade) : 0;
@@ -307,17 +317,20 @@ class RegionTile {
   /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
   static constexpr int batch = 8;
   struct Batch {
-    int place[batch];
-    int row[batch];  ///< rows of the plane added so far
+    const Lanes* entry[batch];    ///< the window's first entry
+    const double* value[batch];   ///< its first voxel
+    int row[batch];               ///< rows of the plane added so far
     std::uint64_t sum[batch];
   };
 
   /// The next pieces of a list; the last batch is filled up with copies of the last piece.
-  [[gnu::always_inline]] static void load(const Slots& slots, const std::uint64_t* sums,
-                                          const Piece* pieces, int used, Batch& work) {
+  [[gnu::always_inline]] static void load(const Table& table, const Slots& slots,
+                                          const std::uint64_t* sums, const Piece* pieces,
+                                          int used, Batch& work) {
     for (int b = 0; b < batch; ++b) {
       const Piece piece = pieces[std::min(b, used - 1)];
-      work.place[b] = slots.place[piece.slot];
+      work.entry[b] = table.sums[0] + slots.place[piece.slot];
+      work.value[b] = table.value[0] + slots.valuePlace[piece.slot];
       work.row[b] = piece.row;
       work.sum[b] = sums[piece.slot];
     }
@@ -329,8 +342,7 @@ class RegionTile {
     const double* value[batch];
     double sum[batch];
     for (int b = 0; b < batch; ++b) {
-      const int y = work.place[b] / side, x = work.place[b] % side;
-      value[b] = table.value[row[b] < window ? y + row[b] : reach] + x;
+      value[b] = row[b] < window ? work.value[b] + row[b] * reach : table.value[reach];
       sum[b] = std::bit_cast<double>(work.sum[b]);
     }
     for (int j = 0; j < window; ++j) {
@@ -343,10 +355,10 @@ class RegionTile {
   /// Adds as many rows to every sum as can be added at once, or a row less: the rows are found from
   /// the sums of F alone, with a margin for the rounding of every voxel. Rows with a half-way case
   /// are not added.
-  [[gnu::always_inline]] static void addWholeRows(const Table& table, Batch& work) {
+  [[gnu::always_inline]] static void addWholeRows(Batch& work) {
     for (int b = 0; b < batch; ++b) {
       const int left = window - work.row[b];
-      const Start start(table, work.place[b], work.row[b], work.sum[b]);
+      const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
       const std::int64_t margin = window * window / 2 + 1;
       const std::int64_t room = (start.room - margin) * (std::int64_t{2} << start.k);
       int rows = 0;
@@ -364,9 +376,9 @@ class RegionTile {
   }
 
   /// Moves every piece on to its first row with a voxel that is not 0.
-  [[gnu::always_inline]] static void skipZeros(const Table& table, Batch& work) {
+  [[gnu::always_inline]] static void skipZeros(Batch& work) {
     for (int b = 0; b < batch; ++b) {
-      const Start start(table, work.place[b], work.row[b], 0);
+      const Start start(work.entry[b] + work.row[b] * side, 0);
       int rows = 0;
       for (int step = 16; step > 0; step /= 2) {
         const int more = std::min(rows + step, window - work.row[b]);
@@ -385,8 +397,8 @@ class RegionTile {
       const Piece* pieces = slots.starting.data() + first;
       const int used = std::min(batch, starts - first);
       Batch work;
-      load(slots, sums, pieces, used, work);
-      skipZeros(table, work);
+      load(table, slots, sums, pieces, used, work);
+      skipZeros(work);
       for (bool any = true; any;) {
         int row[batch];
         any = false;
@@ -417,13 +429,14 @@ class RegionTile {
       Piece* pieces = slots.leaving.data() + first;
       const int used = std::min(batch, count - first);
       Batch work;
-      load(slots, sums, pieces, used, work);
-      addWholeRows(table, work);
+      load(table, slots, sums, pieces, used, work);
+      addWholeRows(work);
       addVoxels(table, work, work.row);
       for (int b = 0; b < used; ++b) {
         const int slot = pieces[b].slot;
         const int row = std::min(work.row[b] + 1, window);
-        const Step rest = addRows(Start(table, work.place[b], row, work.sum[b]), window - row);
+        const Step rest =
+            addRows(Start(work.entry[b] + row * side, work.sum[b]), window - row);
         sums[slot] = work.sum[b] + (rest.valid ? rest.added : 0);
         slots.leaving[left] = {slot, row};
         left += !rest.valid & (row < window);
@@ -436,18 +449,24 @@ class RegionTile {
   std::array<Member, 2> member_;
 };
 
-/// One tile from its first plane to its last. `starts[z]` is the first slot of plane z.
+/// One tile from its first plane to its last. `starts[block * grid.Z + z]` is the first slot of
+/// plane z of a block, counted from the first entry.
 [[gnu::always_inline]] inline void sumTile(RegionTile& tile, RegionTile::Slots& slots,
                                            const double* image, const char* label, Grid grid,
                                            int x0, int y0, std::span<const int> starts) {
-  const int first = starts.front();
+  std::array<RegionTile::Range, RegionTile::blocks> ranges;
   for (int z = 0; z < grid.Z; ++z) {
-    const int begin = starts[std::max(z - boxSize, 0)] - first;
-    const int end = starts[std::min(z + boxSize + 1, grid.Z)] - first;
-    if (begin == end) continue;
+    int used = 0;
+    for (int block = 0; block < RegionTile::blocks; ++block) {
+      const int* planes = &starts[block * grid.Z];
+      const int first = planes[std::max(z - boxSize, 0)] - starts[0];
+      const int last = planes[std::min(z + boxSize + 1, grid.Z)] - starts[0];
+      if (first < last) ranges[used++] = {first, last};
+    }
+    if (used == 0) continue;
     const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(z) * grid.plane();
     tile.build(image + plane, label + plane, grid.X, grid.Y, x0, y0);
-    tile.addPlane(slots, begin, end);
+    tile.addPlane(slots, std::span(ranges).first(used));
   }
 }
 
@@ -479,21 +498,27 @@ inline void regionSums(const double* image, const char* label, Grid grid,
   constexpr int side = RegionTile::side;
   const int tilesX = (grid.X + side - 1) / side;
   const int tilesY = (grid.Y + side - 1) / side;
+  // Counting sort by tile, block and plane.
   const auto bucket = [&](int g) {
     const int x = g % grid.X, y = g / grid.X % grid.Y, z = g / grid.plane();
-    return (y / side * tilesX + x / side) * grid.Z + z;
+    const int block = y % side / RegionTile::blockSide * (side / RegionTile::blockSide) +
+                      x % side / RegionTile::blockSide;
+    const int tile = y / side * tilesX + x / side;
+    return (static_cast<std::size_t>(tile) * RegionTile::blocks + block) * grid.Z + z;
   };
-  // Counting sort by tile and plane.
-  std::vector<int> starts(static_cast<std::size_t>(tilesX) * tilesY * grid.Z + 1, 0);
+  const std::size_t planesATile = static_cast<std::size_t>(RegionTile::blocks) * grid.Z;
+  std::vector<int> starts(planesATile * tilesX * tilesY + 1, 0);
   std::vector<int> order(centres.size());
   for (const int g : centres) ++starts[bucket(g) + 1];
-  for (std::size_t b = 1; b < starts.size(); ++b) starts[b] += starts[b - 1];
+  std::partial_sum(starts.begin(), starts.end(), starts.begin());
   {
     std::vector<int> next(starts.begin(), starts.end() - 1);
-    for (std::size_t i = 0; i < centres.size(); ++i) order[next[bucket(centres[i])]++] = static_cast<int>(i);
+    for (std::size_t i = 0; i < centres.size(); ++i) {
+      order[next[bucket(centres[i])]++] = static_cast<int>(i);
+    }
   }
   parallelFor(threads, tilesX * tilesY, [&](int t) {
-    const std::span<const int> planes(starts.data() + static_cast<std::size_t>(t) * grid.Z, grid.Z + 1);
+    const auto planes = std::span(starts).subspan(t * planesATile, planesATile + 1);
     const int count = planes.back() - planes.front();
     if (count == 0) return;
     const int x0 = t % tilesX * side;
@@ -502,8 +527,10 @@ inline void regionSums(const double* image, const char* label, Grid grid,
     RegionTile::Slots slots(count);
     const int* mine = order.data() + planes.front();
     for (int i = 0; i < count; ++i) {
-      const int g = centres[mine[i]];
-      slots.place[i] = (g / grid.X % grid.Y - y0) * RegionTile::side + g % grid.X - x0;
+      const int x = centres[mine[i]] % grid.X - x0;
+      const int y = centres[mine[i]] / grid.X % grid.Y - y0;
+      slots.place[i] = y * RegionTile::side + x;
+      slots.valuePlace[i] = y * RegionTile::reach + x;
     }
 #if defined(__x86_64__)
     if (instructions == InstructionSet::avx512) {
