@@ -18,6 +18,7 @@
 #include "voxExtension.h"
 #include "voxFatal.h"
 #include "voxInterface.h"
+#include "voxMemory.h"
 #include "voxParallel.h"
 #include "voxRegionSums.h"
 #include "voxSpeed.h"
@@ -34,7 +35,7 @@ class Buffer {
     if (count > capacity_ || !data_) {
       data_.reset();
       capacity_ = count + count / 4 + 1;  // pages never touched cost nothing
-      data_ = std::make_unique_for_overwrite<T[]>(capacity_);
+      data_ = newArray<T>(capacity_);
     }
     return data_.get();
   }
@@ -53,6 +54,7 @@ struct LevelSetMemory {
   Buffer<int> ind, sub, links;
   Buffer<double> Phi, F, Fext, exact, usdf, sdf;
   BitGrid positive, edge, band, scratch;
+  RegionSummer regions;
   std::vector<RegionSums> sums;
 };
 
@@ -163,8 +165,8 @@ class Stages {
     });
     if (!(w4 != 0)) return;
     m_.sums.resize(e_.n_edge);
-    regionSums(voldata->p, e_.label->p, grid, std::span<const int>(e_.ori_nbt_ind, e_.n_edge),
-               m_.sums, threads_);
+    m_.regions.sum(voldata->p, e_.label->p, grid, std::span<const int>(e_.ori_nbt_ind, e_.n_edge),
+                   m_.sums, threads_);
     for (int i = 0; i < e_.n_edge; ++i) {
       e_.Spar_F[i] =
           withRegionTerm(e_.Spar_F[i], voldata->p[e_.ori_nbt_ind[i]], m_.sums[i], w4, w5);

@@ -20,14 +20,15 @@
 
 namespace tavrel {
 
+inline constexpr std::size_t hugePage = std::size_t{1} << 21;
+
 /// Asks the system to back the memory from `address` on by huge pages as it is first written to.
 /// Whole huge pages only; does nothing where there are none.
 inline void preferHugePages([[maybe_unused]] void* address, [[maybe_unused]] std::size_t bytes) {
 #if defined(__linux__)
-  constexpr std::uintptr_t kHugePage = std::uintptr_t{1} << 21;
   const auto begin = reinterpret_cast<std::uintptr_t>(address);
-  const std::uintptr_t first = (begin + kHugePage - 1) / kHugePage * kHugePage;
-  const std::uintptr_t end = (begin + bytes) / kHugePage * kHugePage;
+  const std::uintptr_t first = (begin + hugePage - 1) / hugePage * hugePage;
+  const std::uintptr_t end = (begin + bytes) / hugePage * hugePage;
   if (first < end) madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
 #endif
 }

@@ -30,12 +30,14 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <numeric>
 #include <span>
 #include <vector>
 
 #include "voxBand.h"
 #include "voxExactMath.h"
+#include "voxMemory.h"
 #include "voxParallel.h"
 
 namespace tavrel {
@@ -87,13 +89,13 @@ inline InstructionSet widestInstructionSet() {
       __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl")) {
     return InstructionSet::avx512;
   }
-  if (__builtin_cpu_supports("avx2")) return InstructionSet::avx2;
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2")) return InstructionSet::avx2;
 #endif
   return InstructionSet::portable;
 }
 
 /// Tables of one plane of one tile, and the steps that use them. See the top of this file.
-class RegionTile {
+class alignas(hugePage) RegionTile {
  public:
   static constexpr int window = 2 * boxSize + 1;
   static constexpr int side = 48;                    ///< columns of a tile along x and along y
@@ -110,13 +112,15 @@ class RegionTile {
 
   /// The voxels of a tile by block and plane, and what has been summed for them so far.
   struct Slots {
-    explicit Slots(int count)
-        : place(count), valuePlace(count), sum{Bits(count, 0), Bits(count, 0)}, voxels(count, 0),
-          unfinished(count), starting(count), leaving(count) {}
-    using Bits = std::vector<std::uint64_t>;
+    void reset(int count) {
+      for (auto* list : {&place, &valuePlace, &unfinished}) list->resize(count);
+      for (auto* list : {&starting, &leaving}) list->resize(count);
+      for (auto& bits : sum) bits.assign(count, 0);
+      voxels.assign(count, 0);
+    }
     std::vector<int> place;       ///< index y * side + x within the tile
     std::vector<int> valuePlace;  ///< index y * reach + x
-    std::array<Bits, 2> sum;  ///< bit patterns of the positive and the negative sum
+    std::array<std::vector<std::uint64_t>, 2> sum;  ///< bit patterns of the positive and the negative sum
     std::vector<int> voxels;  ///< positive voxels
     std::vector<int> unfinished;           ///< work lists of one plane
     std::vector<Piece> starting, leaving;
@@ -470,82 +474,117 @@ class RegionTile {
   }
 }
 
+// The same code for each instruction set.
+using TileKernel = void(RegionTile&, RegionTile::Slots&, const double*, const char*, Grid, int, int,
+                        std::span<const int>);
+
 inline void sumTilePortable(RegionTile& tile, RegionTile::Slots& slots, const double* image,
                             const char* label, Grid grid, int x0, int y0,
                             std::span<const int> starts) {
   sumTile(tile, slots, image, label, grid, x0, y0, starts);
 }
 #if defined(__x86_64__)
-[[gnu::target("avx2,bmi,bmi2")]] inline void sumTileAvx2(RegionTile& tile, RegionTile::Slots& slots,
-                                                const double* image, const char* label, Grid grid,
-                                                int x0, int y0, std::span<const int> starts) {
-  sumTile(tile, slots, image, label, grid, x0, y0, starts);
-}
-[[gnu::target("avx2,bmi,bmi2,avx512f,avx512bw,avx512dq,avx512vl,prefer-vector-width=512")]] inline void sumTileAvx512(
+[[gnu::target("avx2,bmi,bmi2,popcnt")]] inline void sumTileAvx2(
     RegionTile& tile, RegionTile::Slots& slots, const double* image, const char* label, Grid grid,
     int x0, int y0, std::span<const int> starts) {
   sumTile(tile, slots, image, label, grid, x0, y0, starts);
 }
+[[gnu::target("avx2,bmi,bmi2,popcnt,avx512f,avx512bw,avx512dq,avx512vl,prefer-vector-width=512")]]
+inline void sumTileAvx512(RegionTile& tile, RegionTile::Slots& slots, const double* image,
+                          const char* label, Grid grid, int x0, int y0,
+                          std::span<const int> starts) {
+  sumTile(tile, slots, image, label, grid, x0, y0, starts);
+}
 #endif
 
-/// Region sums of many voxels at once.
-/// @param image, label  one value a voxel of the grid; label > 0 (as signed 8 bits) is positive
-/// @param centres       grid indices of the voxels
-/// @param sums          receives the result of centres[i] in sums[i]
-inline void regionSums(const double* image, const char* label, Grid grid,
-                       std::span<const int> centres, std::span<RegionSums> sums, int threads = 1,
-                       InstructionSet instructions = widestInstructionSet()) {
-  constexpr int side = RegionTile::side;
-  const int tilesX = (grid.X + side - 1) / side;
-  const int tilesY = (grid.Y + side - 1) / side;
-  // Counting sort by tile, block and plane.
-  const auto bucket = [&](int g) {
-    const int x = g % grid.X, y = g / grid.X % grid.Y, z = g / grid.plane();
-    const int block = y % side / RegionTile::blockSide * (side / RegionTile::blockSide) +
-                      x % side / RegionTile::blockSide;
-    const int tile = y / side * tilesX + x / side;
-    return (static_cast<std::size_t>(tile) * RegionTile::blocks + block) * grid.Z + z;
+inline TileKernel* kernelFor([[maybe_unused]] InstructionSet instructions) {
+#if defined(__x86_64__)
+  if (instructions == InstructionSet::avx512) return sumTileAvx512;
+  if (instructions == InstructionSet::avx2) return sumTileAvx2;
+#endif
+  return sumTilePortable;
+}
+
+/// Region sums of many voxels at once. An object keeps its work space from call to call.
+class RegionSummer {
+ public:
+  /// @param image, label  one value a voxel of the grid; label > 0 (as signed 8 bits) is positive
+  /// @param centres       grid indices of the voxels
+  /// @param sums          receives the result of centres[i] in sums[i]
+  void sum(const double* image, const char* label, Grid grid, std::span<const int> centres,
+           std::span<RegionSums> sums, int threads = 1,
+           InstructionSet instructions = widestInstructionSet()) {
+    constexpr int side = RegionTile::side;
+    const int tilesX = (grid.X + side - 1) / side;
+    const int tilesY = (grid.Y + side - 1) / side;
+    const std::size_t planesATile = static_cast<std::size_t>(RegionTile::blocks) * grid.Z;
+    sortByTile(grid, centres, tilesX, planesATile * tilesX * tilesY);
+    parallelFor(threads, tilesX * tilesY, [&](int t) {
+      const auto starts = std::span(starts_).subspan(t * planesATile, planesATile + 1);
+      const auto mine = std::span(order_).subspan(starts.front(), starts.back() - starts.front());
+      if (mine.empty()) return;
+      const int x0 = t % tilesX * side;
+      const int y0 = t / tilesX * side;
+      std::unique_ptr<Worker> worker = borrowWorker();
+      RegionTile::Slots& slots = worker->slots;
+      slots.reset(static_cast<int>(mine.size()));
+      for (std::size_t i = 0; i < mine.size(); ++i) {
+        const int x = centres[mine[i]] % grid.X - x0;
+        const int y = centres[mine[i]] / grid.X % grid.Y - y0;
+        slots.place[i] = y * RegionTile::side + x;
+        slots.valuePlace[i] = y * RegionTile::reach + x;
+      }
+      kernelFor(instructions)(worker->tile, slots, image, label, grid, x0, y0, starts);
+      for (std::size_t i = 0; i < mine.size(); ++i) {
+        sums[mine[i]] = {std::bit_cast<double>(slots.sum[0][i]),
+                         std::bit_cast<double>(slots.sum[1][i]), slots.voxels[i],
+                         boxVoxels(grid, centres[mine[i]]) - slots.voxels[i]};
+      }
+      returnWorker(std::move(worker));
+    });
+  }
+
+ private:
+  struct Worker {
+    Worker() { preferHugePages(&tile, sizeof tile); }
+    RegionTile tile;
+    RegionTile::Slots slots;
   };
-  const std::size_t planesATile = static_cast<std::size_t>(RegionTile::blocks) * grid.Z;
-  std::vector<int> starts(planesATile * tilesX * tilesY + 1, 0);
-  std::vector<int> order(centres.size());
-  for (const int g : centres) ++starts[bucket(g) + 1];
-  std::partial_sum(starts.begin(), starts.end(), starts.begin());
-  {
-    std::vector<int> next(starts.begin(), starts.end() - 1);
+
+  /// order_ = the voxels by tile, block and plane, starts_ = where each of these begins.
+  void sortByTile(Grid grid, std::span<const int> centres, int tilesX, std::size_t buckets) {
+    constexpr int side = RegionTile::side, blockSide = RegionTile::blockSide;
+    const auto bucket = [&](int g) {
+      const int x = g % grid.X, y = g / grid.X % grid.Y, z = g / grid.plane();
+      const int block = y % side / blockSide * (side / blockSide) + x % side / blockSide;
+      const int tile = y / side * tilesX + x / side;
+      return (static_cast<std::size_t>(tile) * RegionTile::blocks + block) * grid.Z + z;
+    };
+    starts_.assign(buckets + 1, 0);
+    order_.resize(centres.size());
+    for (const int g : centres) ++starts_[bucket(g) + 1];
+    std::partial_sum(starts_.begin(), starts_.end(), starts_.begin());
+    next_.assign(starts_.begin(), starts_.end() - 1);
     for (std::size_t i = 0; i < centres.size(); ++i) {
-      order[next[bucket(centres[i])]++] = static_cast<int>(i);
+      order_[next_[bucket(centres[i])]++] = static_cast<int>(i);
     }
   }
-  parallelFor(threads, tilesX * tilesY, [&](int t) {
-    const auto planes = std::span(starts).subspan(t * planesATile, planesATile + 1);
-    const int count = planes.back() - planes.front();
-    if (count == 0) return;
-    const int x0 = t % tilesX * side;
-    const int y0 = t / tilesX * side;
-    const auto tile = std::make_unique_for_overwrite<RegionTile>();
-    RegionTile::Slots slots(count);
-    const int* mine = order.data() + planes.front();
-    for (int i = 0; i < count; ++i) {
-      const int x = centres[mine[i]] % grid.X - x0;
-      const int y = centres[mine[i]] / grid.X % grid.Y - y0;
-      slots.place[i] = y * RegionTile::side + x;
-      slots.valuePlace[i] = y * RegionTile::reach + x;
-    }
-#if defined(__x86_64__)
-    if (instructions == InstructionSet::avx512) {
-      sumTileAvx512(*tile, slots, image, label, grid, x0, y0, planes);
-    } else if (instructions == InstructionSet::avx2) {
-      sumTileAvx2(*tile, slots, image, label, grid, x0, y0, planes);
-    } else
-#endif
-      sumTilePortable(*tile, slots, image, label, grid, x0, y0, planes);
-    for (int i = 0; i < count; ++i) {
-      sums[mine[i]] = {std::bit_cast<double>(slots.sum[0][i]),
-                       std::bit_cast<double>(slots.sum[1][i]), slots.voxels[i],
-                       boxVoxels(grid, centres[mine[i]]) - slots.voxels[i]};
-    }
-  });
-}
+
+  std::unique_ptr<Worker> borrowWorker() {
+    const std::lock_guard guard(lock_);
+    if (idle_.empty()) return std::make_unique<Worker>();
+    std::unique_ptr<Worker> worker = std::move(idle_.back());
+    idle_.pop_back();
+    return worker;
+  }
+  void returnWorker(std::unique_ptr<Worker> worker) {
+    const std::lock_guard guard(lock_);
+    idle_.push_back(std::move(worker));
+  }
+
+  std::vector<int> starts_, next_, order_;
+  std::vector<std::unique_ptr<Worker>> idle_;
+  std::mutex lock_;
+};
 
 }  // namespace tavrel
