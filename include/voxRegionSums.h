@@ -356,26 +356,50 @@ class alignas(hugePage) RegionTile {
     for (int b = 0; b < batch; ++b) work.sum[b] = std::bit_cast<std::uint64_t>(sum[b]);
   }
 
-  /// Adds as many rows to every sum as can be added at once, or a row less: the rows are found from
-  /// the sums of F alone, with a margin for the rounding of every voxel. Rows with a half-way case
-  /// are not added.
+  /// The largest number of rows, up to `most`, for which fits(end of the rows) holds; what holds for
+  /// some rows must hold for fewer.
+  template <typename Fits>
+  [[gnu::always_inline]] static int mostRows(const Lanes* entry, int most, Fits&& fits) {
+    int rows = 0;
+#pragma GCC unroll 5
+    for (int step = 16; step > 0; step /= 2) {
+      const int more = rows + step;
+      rows = fits(entry + std::min(more, most) * side) & (more <= most) ? more : rows;
+    }
+    return rows;
+  }
+
+  /// Adds as many rows to every sum as can be added at once, sometimes one less: the rows are found
+  /// from the sums of F alone, with a margin for the rounding of every voxel.
   [[gnu::always_inline]] static void addWholeRows(Batch& work) {
+    bool ties = false;
+    int rows[batch];
     for (int b = 0; b < batch; ++b) {
-      const int left = window - work.row[b];
       const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
       const std::int64_t margin = window * window / 2 + 1;
       const std::int64_t room = (start.room - margin) * (std::int64_t{2} << start.k);
-      int rows = 0;
-#pragma GCC unroll 5
-      for (int step = 16; step > 0; step /= 2) {
-        const int more = rows + step;
-        const Lanes* end = start.entry + std::min(more, left) * side;
-        const auto total = static_cast<std::int64_t>(totalOf(end) - start.total);
-        rows = (total < room) & (more <= left) ? more : rows;
-      }
-      const Step found = addRows(start, rows);
+      rows[b] = mostRows(start.entry, window - work.row[b], [&](const Lanes* end) {
+        return static_cast<std::int64_t>(totalOf(end) - start.total) < room;
+      });
+      const Step found = addRows(start, rows[b]);
+      ties |= !found.valid;
       work.sum[b] += found.valid ? found.added : 0;
-      work.row[b] += found.valid ? rows : 0;
+      work.row[b] += found.valid ? rows[b] : 0;
+      rows[b] = found.valid ? 0 : rows[b];
+    }
+    if (ties) addRowsBeforeTies(work, rows);
+  }
+
+  /// The same among rows[b] rows that hold a half-way case: those before it.
+  [[gnu::always_inline]] static void addRowsBeforeTies(Batch& work, const int (&rows)[batch]) {
+    for (int b = 0; b < batch; ++b) {
+      const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
+      const int before = mostRows(start.entry, rows[b], [&](const Lanes* end) {
+        return laneOf(end, firstLane + start.k) - start.rounding + tieUnit / 2 < tieUnit;
+      });
+      const Step found = addRows(start, before);
+      work.sum[b] += found.valid ? found.added : 0;
+      work.row[b] += found.valid ? before : 0;
     }
   }
 
@@ -383,12 +407,9 @@ class alignas(hugePage) RegionTile {
   [[gnu::always_inline]] static void skipZeros(Batch& work) {
     for (int b = 0; b < batch; ++b) {
       const Start start(work.entry[b] + work.row[b] * side, 0);
-      int rows = 0;
-      for (int step = 16; step > 0; step /= 2) {
-        const int more = std::min(rows + step, window - work.row[b]);
-        rows = addRows(start, more).valid ? more : rows;
-      }
-      work.row[b] += rows;
+      work.row[b] += mostRows(start.entry, window - work.row[b], [&](const Lanes* end) {
+        return (totalOf(end) == start.total) & (laneOf(end, firstLane) == start.rounding);
+      });
     }
   }
 
