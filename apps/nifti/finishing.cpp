@@ -63,15 +63,6 @@ void grow(Crop& part, const Spacing& spacing, double radius, char value) {
     if (distances[v] <= limit) part.voxels[v] = value;
 }
 
-void growBothWays(std::span<char> mask, const Size& size, const Spacing& spacing, double radius,
-                  char first) {
-  if (!(radius > 0)) return;
-  Crop part = crop(mask, size, spacing, radius);
-  grow(part, spacing, radius, first);
-  grow(part, spacing, radius, char(1 - first));
-  paste(part, mask, size);
-}
-
 /// Numbers the face-connected pieces of voxels that equal `value`, from 1 on, in the order of their
 /// first voxels; other voxels get 0. Returns the number of voxels of each piece ([0] is unused).
 std::vector<std::size_t> labelPieces(std::span<const char> mask, const Size& size, char value,
@@ -125,23 +116,28 @@ Box boundingBox(std::span<const char> mask, const Size& size) {
   return box.empty() ? Box{} : box;
 }
 
-void openMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius) {
-  growBothWays(mask, size, spacing, radius, 0);
+void openMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius,
+              bool largest) {
+  Crop part = crop(mask, size, spacing, radius);
+  if (radius > 0) grow(part, spacing, radius, 0);
+  if (largest) keepLargest(part.voxels, part.size);
+  if (radius > 0) grow(part, spacing, radius, 1);
+  paste(part, mask, size);
 }
 
 void closeMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius) {
-  growBothWays(mask, size, spacing, radius, 1);
+  if (!(radius > 0)) return;
+  Crop part = crop(mask, size, spacing, radius);
+  grow(part, spacing, radius, 1);
+  grow(part, spacing, radius, 0);
+  paste(part, mask, size);
 }
 
 void keepLargest(std::span<char> mask, const Size& size) {
-  Crop part = crop(mask, size, {1, 1, 1}, 0);
   std::vector<std::uint32_t> labels;
-  const auto counts = labelPieces(part.voxels, part.size, 1, labels);
-  const auto largest =
-      std::uint32_t(std::max_element(counts.begin(), counts.end()) - counts.begin());
-  for (std::size_t v = 0; v < part.voxels.size(); ++v)
-    part.voxels[v] = part.voxels[v] && labels[v] == largest;
-  paste(part, mask, size);
+  const auto counts = labelPieces(mask, size, 1, labels);
+  const auto largest = std::uint32_t(std::max_element(counts.begin(), counts.end()) - counts.begin());
+  for (std::size_t v = 0; v < mask.size(); ++v) mask[v] = mask[v] && labels[v] == largest;
 }
 
 void fillHoles(std::span<char> mask, const Size& size) {
@@ -163,9 +159,8 @@ void fillHoles(std::span<char> mask, const Size& size) {
 
 void finishMask(std::span<char> mask, const Size& size, const Spacing& spacing,
                 const FinishSettings& settings) {
-  openMask(mask, size, spacing, settings.openMm);
+  openMask(mask, size, spacing, settings.openMm, settings.largest);
   checkInterrupted();
-  if (settings.largest) keepLargest(mask, size);
   closeMask(mask, size, spacing, settings.closeMm);
   checkInterrupted();
   if (settings.fillHoles) fillHoles(mask, size);

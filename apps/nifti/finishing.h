@@ -1,8 +1,8 @@
 // From a mask that follows grey matter to a brain mask as it is drawn by hand.
 //
-// Opening with a ball cuts thin bridges (to the optic nerves, the dura, the face), the largest
-// connected piece is the brain, closing with a ball takes in the sulci, and filling takes in the
-// ventricles. Radii are in millimetres between voxel centres. Masks hold 1 inside and 0 outside, x
+// Opening with a ball (erosion, then dilation) cuts bridges to the optic nerves, the dura, the face;
+// the largest piece of what is left between the two is the brain. Closing with a ball takes in the
+// sulci, and filling takes in the ventricles. Radii are in millimetres between voxel centres. Masks hold 1 inside and 0 outside, x
 // fastest; what lies beyond the volume counts as neither, so that a brain cut off by the field of
 // view keeps its cut.
 #pragma once
@@ -16,13 +16,15 @@ namespace tavrel::nifti {
 /// What finishMask() does, in this order.
 struct FinishSettings {
   double openMm = 0;      ///< radius of the ball to open with; 0 leaves the step out
-  bool largest = true;    ///< keep the largest piece connected over faces
+  bool largest = true;    ///< keep the largest piece, see openMask()
   double closeMm = 0;     ///< radius of the ball to close with; 0 leaves the step out
   bool fillHoles = true;  ///< fill what is not connected over faces to the volume's border
 };
 
-/// Removes what a ball of this radius cannot reach from within. In place.
-void openMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius);
+/// Removes what a ball of this radius cannot reach from within, and if `largest` is set all pieces
+/// but the largest that its centre can roam without a break over faces. In place.
+void openMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius,
+              bool largest);
 /// Adds what a ball of this radius cannot reach from without. In place.
 void closeMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius);
 /// Keeps the largest face-connected piece, the first one of equals. In place.

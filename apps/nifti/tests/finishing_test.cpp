@@ -79,7 +79,7 @@ TEST(Finishing, OpeningAndClosingAreThoseOfABall) {
       for (const double density : {0.1, 0.5, 0.9}) {
         const auto mask = randomMask(size, density, random);
         auto opened = mask, closed = mask;
-        openMask(opened, size, mm, radius);
+        openMask(opened, size, mm, radius, false);
         closeMask(closed, size, mm, radius);
         EXPECT_EQ(opened, plainGrow(plainGrow(mask, size, mm, radius, 0), size, mm, radius, 1));
         EXPECT_EQ(closed, plainGrow(plainGrow(mask, size, mm, radius, 1), size, mm, radius, 0));
