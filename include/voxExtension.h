@@ -101,7 +101,9 @@ class TestVoxelExtension {
     int neighbour;
   };
 
-  bool isTest(int i) const { return i >= band_.n_edge && i < band_.n_nbt; }
+  bool isTest(int i) const {
+    return static_cast<unsigned>(i - band_.n_edge) < static_cast<unsigned>(band_.n_nbt - band_.n_edge);
+  }
   bool isDone(int i) const { return done_[i - first_]; }
 
   /// Whether voxel i is visited before voxel j; distances that are not numbers come last.
@@ -114,11 +116,9 @@ class TestVoxelExtension {
     return i < j;
   }
 
-  /// Whether the neighbour's final value is needed for j and not there yet; if so it is put first.
-  bool waitsFor(int neighbour, int j) {
-    if (!isTest(neighbour) || isDone(neighbour) || !before(neighbour, j)) return false;
-    pending_.push_back(neighbour);
-    return true;
+  /// Whether the neighbour's final value is needed for j and not there yet.
+  bool waitsFor(int neighbour, int j) const {
+    return isTest(neighbour) && !isDone(neighbour) && before(neighbour, j);
   }
 
   /// The neighbour's value as voxel j sees it: 0 where the visit comes later.
@@ -130,32 +130,45 @@ class TestVoxelExtension {
   bool compute(int j) {
     const double u = band_.usdf[j];
     const int* link = band_.links(j);
-    std::array<Axis, D> upwind;
+    std::array<Axis, D + 1> upwind;  // one place more, so that every axis can be written
     int count = 0;
-    Axis fallback{};
     for (int axis = 0; axis < D; ++axis) {
       const double plus = band_.usdf[link[2 * axis]];
       const double minus = band_.usdf[link[2 * axis + 1]];
-      const bool takePlus = ExtensionRules<D>::takePlus(plus, minus);
-      const Axis chosen{plus < minus ? plus : minus, link[takePlus ? 2 * axis : 2 * axis + 1]};
-      if (axis == 0) fallback = chosen;
-      if (ExtensionRules<D>::upwind(u, chosen.distance)) upwind[count++] = chosen;
+      const int slot = 2 * axis + !ExtensionRules<D>::takePlus(plus, minus);
+      upwind[count] = {plus < minus ? plus : minus, link[slot]};
+      count += ExtensionRules<D>::upwind(u, upwind[count].distance);
     }
+    if (count == 0) return computeWithoutUpwind(j);
     bool ready = true;
-    for (int m = 0; m < count; ++m) ready &= !waitsFor(upwind[m].neighbour, j);
-    if (count == 0) ready = !waitsFor(fallback.neighbour, j);
+    for (int m = 0; m < count; ++m) {
+      if (waitsFor(upwind[m].neighbour, j)) {
+        pending_.push_back(upwind[m].neighbour);
+        ready = false;
+      }
+    }
     if (!ready) return false;
     done_[j - first_] = 1;
-    if (count == 0) {
-      band_.Fext[j] = valueFor(fallback.neighbour, j);
-    } else {
-      band_.Fext[j] = average(upwind, count, u, j);
+    band_.Fext[j] = average(upwind, count, u, j);
+    return true;
+  }
+
+  /// No axis is upwind: the value of the nearer x neighbour, whatever it is at the visit.
+  bool computeWithoutUpwind(int j) {
+    const int* link = band_.links(j);
+    const bool takePlus = ExtensionRules<D>::takePlus(band_.usdf[link[0]], band_.usdf[link[1]]);
+    const int neighbour = link[takePlus ? 0 : 1];
+    if (waitsFor(neighbour, j)) {
+      pending_.push_back(neighbour);
+      return false;
     }
+    done_[j - first_] = 1;
+    band_.Fext[j] = valueFor(neighbour, j);
     return true;
   }
 
   /// Mean of the upwind neighbours' values, weighted by how much nearer to the interface each is.
-  double average(const std::array<Axis, D>& upwind, int count, double u, int j) const {
+  double average(const std::array<Axis, D + 1>& upwind, int count, double u, int j) const {
     std::array<double, D> f;
     for (int m = 0; m < count; ++m) f[m] = valueFor(upwind[m].neighbour, j);
     if (count == 1) return f[0];

@@ -8,6 +8,7 @@
 // 175-195. Points by interpolation: D. Adalsteinsson, J. A. Sethian, J. Comput. Phys. 148 (1999).
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
@@ -116,7 +117,7 @@ template <int D>
 class Sweeps {
  public:
   Sweeps(const Band<D>& band, int first, int last)
-      : band_(band), first_(first), last_(last), stale_(last - first, 1) {
+      : band_(band), first_(first), last_(last), stale_(last - first + 1, 1) {
     for (int i = first; i < last; ++i) {
       const int* now = band.coordinates(i);
       const int* before = i > first ? band.coordinates(i - 1) : nullptr;
@@ -161,8 +162,9 @@ class Sweeps {
     stale_[i - first_] = 0;
     if (!relax(i)) return;
     for (int k = 0; k < 2 * D; ++k) {
+      // Neighbours on other lists are marked in a spare place at the end.
       const unsigned neighbour = band_.links(i)[k] - first_;
-      if (neighbour < stale_.size()) stale_[neighbour] = 1;
+      stale_[std::min(neighbour, static_cast<unsigned>(last_ - first_))] = 1;
     }
   }
 
@@ -173,23 +175,26 @@ class Sweeps {
     double nearest = band_.usdf[link[0]];
     for (int k = 1; k < 2 * D; ++k) {
       const double u = band_.usdf[link[k]];
-      if (u < nearest) nearest = u;
+      nearest = u < nearest ? u : nearest;
     }
     if (!(nearest < unknownDistance)) return false;
-    const int* own = band_.coordinates(i);
-    double best = 0;
-    const double* source = nullptr;
+    std::array<double, D> own;
+    for (int j = 0; j < D; ++j) own[j] = band_.coordinates(i)[j];
+    std::array<double, 2 * D> squared;
     for (int k = 0; k < 2 * D; ++k) {
       const double* point = band_.point(link[k]);
-      double squared = (own[0] - point[0]) * (own[0] - point[0]);
-      for (int j = 1; j < D; ++j) squared += (own[j] - point[j]) * (own[j] - point[j]);
-      if (k == 0 || squared < best) {
-        best = squared;
-        source = point;
-      }
+      squared[k] = (own[0] - point[0]) * (own[0] - point[0]);
+      for (int j = 1; j < D; ++j) squared[k] += (own[j] - point[j]) * (own[j] - point[j]);
+    }
+    // Which neighbour wins is unpredictable, so it is found without branches.
+    double best = squared[0];
+    int winner = 0;
+    for (int k = 1; k < 2 * D; ++k) {
+      winner += (k - winner) & -int{squared[k] < best};
+      best = squared[k] < best ? squared[k] : best;
     }
     if (!(best + 0.0001 >= nearest * nearest)) return false;
-    return assign(i, std::sqrt(best), source);
+    return assign(i, std::sqrt(best), band_.point(link[winner]));
   }
 
   bool assign(int i, double distance, const double* source) {

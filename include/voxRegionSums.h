@@ -137,7 +137,7 @@ class alignas(hugePage) RegionTile {
       std::fill_n(table.value[reach], reach, 0.0);
     }
     for (int r = 0; r < rows; ++r) {
-      loadRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r);
+      loadRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r);
       for (int s = 0; s < 2; ++s) accumulateRow(tables_[s], member_[s], r, columns);
     }
   }
@@ -202,7 +202,6 @@ class alignas(hugePage) RegionTile {
   struct Member {
     Lanes small[reach];          ///< c_k and ties, and 1 for the count
     std::uint64_t fixed[reach];  ///< F
-    double value[reach];
   };
 
   /// The binade of a sum, counted from the first one served; `binades` or more if none of them.
@@ -243,7 +242,7 @@ class alignas(hugePage) RegionTile {
   }
 
   [[gnu::always_inline]] void loadRow(const double* image, const char* label, int X, int Y, int x0,
-                                      int y) {
+                                      int y, int r) {
     double v[reach] = {};
     std::uint64_t inside[2][reach] = {};
     if (y >= 0 && y < Y) {
@@ -280,7 +279,7 @@ class alignas(hugePage) RegionTile {
         const std::uint64_t mask = inside[s][j];
         member_[s].small[j] = small & static_cast<std::uint32_t>(mask);
         member_[s].fixed[j] = fixed[j] & mask;
-        member_[s].value[j] = mask != 0 ? v[j] : 0.0;
+        tables_[s].value[r][j] = mask != 0 ? v[j] : 0.0;
       }
     }
   }
@@ -288,7 +287,6 @@ class alignas(hugePage) RegionTile {
   /// Slides the window along row r and adds it to the sums of the rows before.
   [[gnu::always_inline]] static void accumulateRow(Table& table, const Member& row, int r,
                                                    int columns) {
-    std::copy_n(row.value, reach, table.value[r]);
     Lanes small{};
     std::uint64_t fixed = 0;
     for (int j = 0; j < window - 1; ++j) {

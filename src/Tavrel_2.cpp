@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -47,10 +48,9 @@ void echoArguments(int width, int height, int slices, const char* image, int for
 }
 
 template <typename T, typename U>
-void writeVolume(vox3DMat<T, U>& volume, char* path, int format) {
-  voxRawVolumeData<T, U> file;
-  file.setdata(&volume);
-  file.write(path, format);
+void writeVolume(const vox3DMat<T, U>& volume, const std::string& path, int format) {
+  const std::size_t voxels = static_cast<std::size_t>(volume.mxn) * volume.sizeZ;
+  tavrel::writeRaw(path.c_str(), format, std::span<const T>(volume.p, voxels));
 }
 
 }  // namespace
@@ -91,7 +91,7 @@ bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, i
   tavrel::PreparedVolumes volumes = tavrel::prepare(D, P, &std::cout);
   tavrel::EvolutionObserver observer;
   observer.onLevel = [&](int, vox3DMat<double, char>& Phi) {
-    writeVolume(Phi, pImgPhiFilePath.data(), floatFormat);
+    writeVolume(Phi, pImgPhiFilePath, floatFormat);
   };
   tavrel::evolve(volumes, P, observer);
   volumes.image.reset();
