@@ -299,6 +299,34 @@ TYPED_TEST(Engine, BandOfWidthZeroIsTheEdge) {
   compareStages<TypeParam::D>(Phi, Phi, Phi, 0, {});
 }
 
+TYPED_TEST(Engine, TellsOfDiagonalNeighboursOutsideANarrowBand) {
+  constexpr int D = TypeParam::D;
+  Random r(6);
+  const Grid<double> Phi = randomFunction(kBlobs, Point{14, 13, D == 3 ? 12 : 1}, r);
+  typename TypeParam::Engine got;
+  tavrel::plain::LevelSet<D> want;
+  const auto matPhi = toMatrix<D>(Phi);
+  got.LabelEdges(matPhi.get());
+  want.LabelEdges(Phi);
+  got.Labelnbt(0, matPhi.get());
+  want.Labelnbt(0, Phi);
+  got.sFindUsdf();  // no test voxels: only the signs
+  want.sFindUsdf();
+  std::string lines;
+  for (int i = 0; D == 3 && i < want.n_edge; ++i) {
+    const int* c = &want.ori_nbt_sub[D * i];
+    const Point q{std::max(c[0] - 1, 0), c[1], std::max(c[2] - 1, 0)};
+    const int index = want.mask_indices.p[Phi.index(q)];
+    if (index > want.n_nbt) lines += "ind10:" + std::to_string(index) + "\n";
+  }
+  EXPECT_EQ(lines.empty(), D == 2);
+  testing::internal::CaptureStdout();
+  got.sFindF(matPhi.get(), 0, 0, 0.3, 1, 1, 0, 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), lines);
+  want.sFindF(Phi, {.w3 = 0.3, .w4 = 1, .w5 = 1});
+  expectSameState<D>(got, want, true);
+}
+
 // ---- worked examples --------------------------------------------------------------------------
 
 /// A grid of n voxels an axis filled with f(x, y, z).
