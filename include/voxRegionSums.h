@@ -127,18 +127,19 @@ class alignas(hugePage) RegionTile {
   };
 
   /// Builds the tables of the plane that starts at image[0]; the tile's first column is (x0, y0).
-  /// Voxels outside the grid belong to neither side.
+  /// Voxels outside the grid belong to neither side. `Bytes` is the length of the vectors used.
+  template <int Bytes>
   [[gnu::always_inline]] void build(const double* image, const char* label, int X, int Y, int x0,
                                     int y0) {
     const int columns = std::min(side, X - x0);
     const int rows = std::min(side, Y - y0) + window - 1;
     for (auto& table : tables_) {
-      std::fill_n(table.sums[0], columns, Lanes{});
+      std::fill_n(table.sums[0], columns, Entry{});
       std::fill_n(table.value[reach], reach, 0.0);
     }
     for (int r = 0; r < rows; ++r) {
-      loadRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r);
-      for (int s = 0; s < 2; ++s) accumulateRow(tables_[s], member_[s], r, columns);
+      loadRow<Bytes>(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r);
+      for (int s = 0; s < 2; ++s) accumulateRow<Bytes>(tables_[s], row_[s], r, columns);
     }
   }
 
@@ -163,8 +164,10 @@ class alignas(hugePage) RegionTile {
           sum[i] += step.valid ? step.added : 0;
           unfinished[count] = i;
           count += !step.valid;
-          const std::uint32_t all = laneOf(start.entry + window * side, countLane);
-          if (s == 0) voxels[i] += static_cast<int>(all - laneOf(start.entry, countLane));
+          if (s == 0) {
+            const Entry* end = start.entry + window * side;
+            voxels[i] += static_cast<int>(end->voxels() - start.entry->voxels());
+          }
         }
       }
       int starts = 0, leaves = 0;
@@ -187,21 +190,28 @@ class alignas(hugePage) RegionTile {
   static constexpr std::uint32_t tieUnit = 1 << 20;
   static_assert(window * window << (binades - 1) < tieUnit / 2);
 
-  /// The sums of one entry: lanes 0 and 1 hold the 64-bit sum of F, the next `binades` lanes the
-  /// sums of c_k, the one after them the number of voxels.
-  using Lanes [[gnu::vector_size(64)]] = std::uint32_t;
-  static constexpr int firstLane = 2, countLane = firstLane + binades;
+  /// Sums over some voxels: lanes 0 and 1 hold the 64-bit sum of F, the next `binades` lanes the
+  /// sums of c_k and of ties, the one after them the number of voxels.
+  struct alignas(64) Entry {
+    std::uint32_t lanes[16];
+
+    [[gnu::always_inline]] std::uint64_t total() const {
+      std::uint64_t value;
+      std::memcpy(&value, lanes, sizeof value);
+      return value;
+    }
+    [[gnu::always_inline]] void setTotal(std::uint64_t value) {
+      std::memcpy(lanes, &value, sizeof value);
+    }
+    [[gnu::always_inline]] std::uint32_t rounding(int k) const { return lanes[firstLane + k]; }
+    [[gnu::always_inline]] std::uint32_t voxels() const { return lanes[firstLane + binades]; }
+  };
+  static constexpr int firstLane = 2;
 
   /// One side of the interface. sums[r][x] is over rows 0 to r - 1 of window x.
   struct Table {
-    Lanes sums[reach + 1][side];
+    Entry sums[reach + 1][side];
     double value[reach + 1][reach];  ///< the voxel, 0 if it is not on this side; a row of zeros
-  };
-
-  /// What one side's voxels of a row hold.
-  struct Member {
-    Lanes small[reach];          ///< c_k and ties, and 1 for the count
-    std::uint64_t fixed[reach];  ///< F
   };
 
   /// The binade of a sum, counted from the first one served; `binades` or more if none of them.
@@ -211,16 +221,16 @@ class alignas(hugePage) RegionTile {
 
   /// A sum to which the rows from `entry` on are to be added.
   struct Start {
-    [[gnu::always_inline]] Start(const Lanes* at, std::uint64_t sum) : entry(at) {
+    [[gnu::always_inline]] Start(const Entry* at, std::uint64_t sum) : entry(at) {
       const std::uint64_t binade = binadeOf(sum);
       const bool known = binade < binades;
       k = known ? static_cast<int>(binade) : 0;
       // Values served are at least one ulp of the first binade, so room 1 admits only zeros.
       room = known ? (std::int64_t{1} << 52) - static_cast<std::int64_t>(sum << 12 >> 12) : 1;
-      total = totalOf(entry);
-      rounding = laneOf(entry, firstLane + k);
+      total = entry->total();
+      rounding = entry->rounding(k);
     }
-    const Lanes* entry;
+    const Entry* entry;
     std::uint64_t total;
     std::int64_t room;  ///< what the sum's bit pattern must stay below to keep its binade
     std::uint32_t rounding;
@@ -233,14 +243,17 @@ class alignas(hugePage) RegionTile {
     bool valid;
   };
   [[gnu::always_inline]] static Step addRows(const Start& start, int rows) {
-    const Lanes* end = start.entry + rows * side;
-    const std::uint32_t rounding = laneOf(end, firstLane + start.k) - start.rounding;
-    const auto total = static_cast<std::int64_t>(totalOf(end) - start.total);
+    const Entry* end = start.entry + rows * side;
+    const std::uint32_t rounding = end->rounding(start.k) - start.rounding;
+    const auto total = static_cast<std::int64_t>(end->total() - start.total);
     const auto added = (total + static_cast<std::int32_t>(rounding)) >> (start.k + 1);
     const bool noTie = rounding + tieUnit / 2 < tieUnit;
     return {added, bool((added < start.room) & noTie)};
   }
 
+  /// Reads a row of the tile with its margin: the values of both sides and their entries, in
+  /// vectors of `Bytes` bytes.
+  template <int Bytes>
   [[gnu::always_inline]] void loadRow(const double* image, const char* label, int X, int Y, int x0,
                                       int y, int r) {
     double v[reach] = {};
@@ -263,63 +276,74 @@ class alignas(hugePage) RegionTile {
       exact[j] = static_cast<double>(whole) == scaled ? tieUnit : 0u;
       unusable[j] = usable ? 0u : tieUnit;
     }
-    Lanes half{}, low{}, serves{};
+    alignas(64) std::uint32_t halves[16] = {}, lowBits[16] = {}, binadeLanes[16] = {};
     for (int k = 0; k < binades; ++k) {
-      half[firstLane + k] = 1u << k;
-      low[firstLane + k] = (2u << k) - 1;
-      serves[firstLane + k] = ~0u;
+      halves[firstLane + k] = 1u << k;
+      lowBits[firstLane + k] = (2u << k) - 1;
+      binadeLanes[firstLane + k] = ~0u;
     }
-    half[countLane] = 1;
-    for (int j = 0; j < reach; ++j) {
-      const Lanes rest = (static_cast<std::uint32_t>(fixed[j]) + half) & low;
-      // rest is below 2^15, so that only rest = 0 borrows into the highest bit: a half-way case.
-      const Lanes marks = ((0 - ((rest - 1) >> 31)) & exact[j]) | unusable[j];
-      const Lanes small = half - rest + (marks & serves);
-      for (int s = 0; s < 2; ++s) {
-        const std::uint64_t mask = inside[s][j];
-        member_[s].small[j] = small & static_cast<std::uint32_t>(mask);
-        member_[s].fixed[j] = fixed[j] & mask;
-        tables_[s].value[r][j] = mask != 0 ? v[j] : 0.0;
+    halves[firstLane + binades] = 1;  // counts the voxel
+    typedef std::uint32_t Vector [[gnu::vector_size(Bytes)]];
+    for (int part = 0; part < 64; part += Bytes) {
+      Vector half, low, served;
+      std::memcpy(&half, halves + part / 4, Bytes);
+      std::memcpy(&low, lowBits + part / 4, Bytes);
+      std::memcpy(&served, binadeLanes + part / 4, Bytes);
+      for (int j = 0; j < reach; ++j) {
+        // rest is below 2^31, so that only 0 borrows into the highest bit: a half-way case.
+        const Vector rest = (static_cast<std::uint32_t>(fixed[j]) + half) & low;
+        const Vector ties = ((0 - ((rest - 1) >> 31)) & exact[j]) | unusable[j];
+        const Vector lanes = half - rest + (ties & served);
+        for (int s = 0; s < 2; ++s) {
+          const Vector mine = lanes & static_cast<std::uint32_t>(inside[s][j]);
+          std::memcpy(row_[s][j].lanes + part / 4, &mine, Bytes);
+        }
+      }
+    }
+    for (int s = 0; s < 2; ++s) {
+      for (int j = 0; j < reach; ++j) {
+        row_[s][j].setTotal(fixed[j] & inside[s][j]);
+        tables_[s].value[r][j] = inside[s][j] != 0 ? v[j] : 0.0;
       }
     }
   }
 
   /// Slides the window along row r and adds it to the sums of the rows before.
-  [[gnu::always_inline]] static void accumulateRow(Table& table, const Member& row, int r,
+  template <int Bytes>
+  [[gnu::always_inline]] static void accumulateRow(Table& table, const Entry (&row)[reach], int r,
                                                    int columns) {
-    Lanes small{};
-    std::uint64_t fixed = 0;
-    for (int j = 0; j < window - 1; ++j) {
-      small += row.small[j];
-      fixed += row.fixed[j];
+    const Entry* before = table.sums[r];
+    Entry* after = table.sums[r + 1];
+    typedef std::uint32_t Vector [[gnu::vector_size(Bytes)]];
+    for (int part = 0; part < 64; part += Bytes) {
+      Vector sum{}, next;
+      for (int j = 0; j < window - 1; ++j) {
+        std::memcpy(&next, row[j].lanes + part / 4, Bytes);
+        sum += next;
+      }
+      for (int x = 0; x < columns; ++x) {
+        std::memcpy(&next, row[x + window - 1].lanes + part / 4, Bytes);
+        sum += next;
+        std::memcpy(&next, before[x].lanes + part / 4, Bytes);
+        next += sum;
+        std::memcpy(after[x].lanes + part / 4, &next, Bytes);
+        std::memcpy(&next, row[x].lanes + part / 4, Bytes);
+        sum -= next;
+      }
     }
+    std::uint64_t total = 0;
+    for (int j = 0; j < window - 1; ++j) total += row[j].total();
     for (int x = 0; x < columns; ++x) {
-      small += row.small[x + window - 1];
-      fixed += row.fixed[x + window - 1];
-      const Lanes* before = &table.sums[r][x];
-      const std::uint64_t total = totalOf(before) + fixed;
-      table.sums[r + 1][x] = *before + small;
-      std::memcpy(&table.sums[r + 1][x], &total, sizeof total);
-      small -= row.small[x];
-      fixed -= row.fixed[x];
+      total += row[x + window - 1].total();
+      after[x].setTotal(before[x].total() + total);
+      total -= row[x].total();
     }
-  }
-
-  [[gnu::always_inline]] static std::uint64_t totalOf(const Lanes* entry) {
-    std::uint64_t total;
-    std::memcpy(&total, entry, sizeof total);
-    return total;
-  }
-  [[gnu::always_inline]] static std::uint32_t laneOf(const Lanes* entry, int lane) {
-    std::uint32_t value;
-    std::memcpy(&value, reinterpret_cast<const char*>(entry) + sizeof value * lane, sizeof value);
-    return value;
   }
 
   /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
   static constexpr int batch = 8;
   struct Batch {
-    const Lanes* entry[batch];    ///< the window's first entry
+    const Entry* entry[batch];    ///< the window's first entry
     const double* value[batch];   ///< its first voxel
     int row[batch];               ///< rows of the plane added so far
     std::uint64_t sum[batch];
@@ -355,16 +379,19 @@ class alignas(hugePage) RegionTile {
   }
 
   /// The largest number of rows, up to `most`, for which fits(end of the rows) holds; what holds for
-  /// some rows must hold for fewer.
+  /// some rows must hold for fewer. A binary search; its way is unpredictable, so it takes no
+  /// branches.
   template <typename Fits>
-  [[gnu::always_inline]] static int mostRows(const Lanes* entry, int most, Fits&& fits) {
-    int rows = 0;
+  [[gnu::always_inline]] static int mostRows(const Entry* entry, int most, Fits&& fits) {
+    const Entry* const last = entry + most * side;
+    const Entry* end = entry;
 #pragma GCC unroll 5
     for (int step = 16; step > 0; step /= 2) {
-      const int more = rows + step;
-      rows = fits(entry + std::min(more, most) * side) & (more <= most) ? more : rows;
+      const Entry* const more = end + step * side;
+      const bool fit = fits(std::min(more, last)) & (more <= last);
+      end += step * side & -std::ptrdiff_t{fit};
     }
-    return rows;
+    return static_cast<int>((end - entry) / side);
   }
 
   /// Adds as many rows to every sum as can be added at once, sometimes one less: the rows are found
@@ -376,8 +403,8 @@ class alignas(hugePage) RegionTile {
       const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
       const std::int64_t margin = window * window / 2 + 1;
       const std::int64_t room = (start.room - margin) * (std::int64_t{2} << start.k);
-      rows[b] = mostRows(start.entry, window - work.row[b], [&](const Lanes* end) {
-        return static_cast<std::int64_t>(totalOf(end) - start.total) < room;
+      rows[b] = mostRows(start.entry, window - work.row[b], [&](const Entry* end) {
+        return static_cast<std::int64_t>(end->total() - start.total) < room;
       });
       const Step found = addRows(start, rows[b]);
       ties |= !found.valid;
@@ -392,8 +419,8 @@ class alignas(hugePage) RegionTile {
   [[gnu::always_inline]] static void addRowsBeforeTies(Batch& work, const int (&rows)[batch]) {
     for (int b = 0; b < batch; ++b) {
       const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
-      const int before = mostRows(start.entry, rows[b], [&](const Lanes* end) {
-        return laneOf(end, firstLane + start.k) - start.rounding + tieUnit / 2 < tieUnit;
+      const int before = mostRows(start.entry, rows[b], [&](const Entry* end) {
+        return end->rounding(start.k) - start.rounding + tieUnit / 2 < tieUnit;
       });
       const Step found = addRows(start, before);
       work.sum[b] += found.valid ? found.added : 0;
@@ -405,8 +432,8 @@ class alignas(hugePage) RegionTile {
   [[gnu::always_inline]] static void skipZeros(Batch& work) {
     for (int b = 0; b < batch; ++b) {
       const Start start(work.entry[b] + work.row[b] * side, 0);
-      work.row[b] += mostRows(start.entry, window - work.row[b], [&](const Lanes* end) {
-        return (totalOf(end) == start.total) & (laneOf(end, firstLane) == start.rounding);
+      work.row[b] += mostRows(start.entry, window - work.row[b], [&](const Entry* end) {
+        return ((end->total() ^ start.total) | (end->rounding(0) ^ start.rounding)) == 0;
       });
     }
   }
@@ -469,11 +496,12 @@ class alignas(hugePage) RegionTile {
   }
 
   std::array<Table, 2> tables_;  // positive, negative
-  std::array<Member, 2> member_;
+  Entry row_[2][reach];          // the row being added
 };
 
 /// One tile from its first plane to its last. `starts[block * grid.Z + z]` is the first slot of
 /// plane z of a block, counted from the first entry.
+template <int Bytes>
 [[gnu::always_inline]] inline void sumTile(RegionTile& tile, RegionTile::Slots& slots,
                                            const double* image, const char* label, Grid grid,
                                            int x0, int y0, std::span<const int> starts) {
@@ -488,7 +516,7 @@ class alignas(hugePage) RegionTile {
     }
     if (used == 0) continue;
     const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(z) * grid.plane();
-    tile.build(image + plane, label + plane, grid.X, grid.Y, x0, y0);
+    tile.build<Bytes>(image + plane, label + plane, grid.X, grid.Y, x0, y0);
     tile.addPlane(slots, std::span(ranges).first(used));
   }
 }
@@ -500,19 +528,19 @@ using TileKernel = void(RegionTile&, RegionTile::Slots&, const double*, const ch
 inline void sumTilePortable(RegionTile& tile, RegionTile::Slots& slots, const double* image,
                             const char* label, Grid grid, int x0, int y0,
                             std::span<const int> starts) {
-  sumTile(tile, slots, image, label, grid, x0, y0, starts);
+  sumTile<16>(tile, slots, image, label, grid, x0, y0, starts);
 }
 #if defined(__x86_64__)
 [[gnu::target("avx2,bmi,bmi2,popcnt")]] inline void sumTileAvx2(
     RegionTile& tile, RegionTile::Slots& slots, const double* image, const char* label, Grid grid,
     int x0, int y0, std::span<const int> starts) {
-  sumTile(tile, slots, image, label, grid, x0, y0, starts);
+  sumTile<32>(tile, slots, image, label, grid, x0, y0, starts);
 }
-[[gnu::target("avx2,bmi,bmi2,popcnt,avx512f,avx512bw,avx512dq,avx512vl,prefer-vector-width=512")]]
+[[gnu::target("avx2,bmi,bmi2,popcnt,avx512f,avx512bw,avx512dq,avx512vl")]]
 inline void sumTileAvx512(RegionTile& tile, RegionTile::Slots& slots, const double* image,
                           const char* label, Grid grid, int x0, int y0,
                           std::span<const int> starts) {
-  sumTile(tile, slots, image, label, grid, x0, y0, starts);
+  sumTile<64>(tile, slots, image, label, grid, x0, y0, starts);
 }
 #endif
 
