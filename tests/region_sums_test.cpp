@@ -35,6 +35,8 @@ const Case cases[] = {
      [](Random& r) { return r.below(256) / 256.0 + (r.below(9) ? 0 : std::ldexp(1, -44)); }},
     {"many scales", [](Random& r) { return std::ldexp(r.between(0, 1), r.below(60) - 55); }},
     {"below the last place", [](Random& r) { return r.below(30) ? std::ldexp(1, -60) : 3.0; }},
+    {"sparse and tiny",
+     [](Random& r) { return r.below(400) ? 0 : std::ldexp(1, r.below(5) - 50); }},
     {"denormal", [](Random& r) { return r.between(0, 1) * 1e-310; }},
     {"some negative", [](Random& r) { return r.between(-0.1, 1); }},
     {"negative", [](Random& r) { return r.below(4) ? -r.between(0, 1) : -0.0; }},
