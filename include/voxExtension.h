@@ -87,11 +87,12 @@ class TestVoxelExtension {
   TestVoxelExtension(const Band<D>& band, int first, int last)
       : band_(band), first_(first), done_(last - first, 0) {
     for (int i = first; i < last; ++i) {
-      pending_.push_back(i);
+      if (isDone(i) || compute(i)) continue;
       while (!pending_.empty()) {
         const int top = pending_.back();
         if (isDone(top) || compute(top)) pending_.pop_back();
       }
+      compute(i);
     }
   }
 

@@ -183,11 +183,11 @@ class alignas(hugePage) RegionTile {
   }
 
  private:
-  static constexpr int firstBinade = 4;  ///< the tables serve sums from 2^4 ...
-  static constexpr int binades = 10;     ///< ... to below 2^14
+  static constexpr int firstBinade = 2;  ///< the tables serve sums from 2^2 ...
+  static constexpr int binades = 12;     ///< ... to below 2^14
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr double smallest = 0x1p-48, largest = 4;  ///< image values served, and 0
-  static constexpr std::uint32_t tieUnit = 1 << 20;
+  static constexpr double smallest = 0x1p-50, largest = 4;  ///< image values served, and 0
+  static constexpr std::uint32_t tieUnit = 1 << 21;
   static_assert(window * window << (binades - 1) < tieUnit / 2);
 
   /// Sums over some voxels: lanes 0 and 1 hold the 64-bit sum of F, the next `binades` lanes the
