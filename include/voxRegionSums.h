@@ -3,24 +3,27 @@
 //
 // The plain sum is a chain of rounded additions in z, y, x order, and its last bits are part of the
 // result. While the running sum S stays in one binade [2^e, 2^(e+1)), adding v >= 0 adds
-// round(v / ulp) to S read as an integer, with ulp = 2^(e-52), whatever S is - unless v lies half way
-// between two multiples of ulp. Integers may be summed in any order, so a whole piece of the box can
-// be added in one step, which is valid when
-//   * S is in the binade the integers were made for, and still is after the step (S only grows, so it
+// round(v / ulp) to S read as an integer, with ulp = 2^(e-52), whatever S is - unless v lies half
+// way between two multiples of ulp. Integers may be summed in any order, so a whole piece of the
+// box can be added in one step, which is valid when
+//   * S is in the binade the integers were made for, and still is after the step (S only grows, so
+//   it
 //     then never left it), and
 //   * no voxel of the piece is a half-way case, negative, or out of the tables' range.
 // Pieces that fail are split: a plane into rows, the row where S leaves its binade into voxels.
 //
-// Tables. With F = floor(v * 2^B), the integer of v in the binade whose ulp drops the last k bits of
-// F is (F + c_k) / 2^k, where c_k = (round F to k bits) - F is small. So one 64-bit sum of F and one
-// 32-bit sum of c_k a binade serve all binades; a half-way voxel adds `tieUnit` to the latter, larger
-// than all c_k of a plane together, so that it shows. Sums run over windows of 21 voxels along x and
-// are accumulated along y: any set of consecutive rows of a window is the difference of two entries.
+// Tables. With F = floor(v * 2^B), the integer of v in the binade whose ulp drops the last k bits
+// of F is (F + c_k) / 2^k, where c_k = (round F to k bits) - F is small. So one 64-bit sum of F and
+// one 32-bit sum of c_k a binade serve all binades; a half-way voxel adds `tieUnit` to the latter,
+// larger than all c_k of a plane together, so that it shows. Sums run over windows of 21 voxels
+// along x and are accumulated along y: any set of consecutive rows of a window is the difference of
+// two entries.
 //
 // Work is done a tile of columns at a time, plane by plane along z: each plane's tables are built
 // once, in cache, and added to every interface voxel of the tile whose box contains the plane.
-// Exact floating-point summation by integers: U. Kulisch, "Computer Arithmetic and Validity" (2008);
-// the ulp argument: J.-M. Muller et al., "Handbook of Floating-Point Arithmetic" (2018), ch. 2.
+// Exact floating-point summation by integers: U. Kulisch, "Computer Arithmetic and Validity"
+// (2008); the ulp argument: J.-M. Muller et al., "Handbook of Floating-Point Arithmetic" (2018),
+// ch. 2.
 #pragma once
 
 #include <algorithm>
@@ -98,8 +101,8 @@ inline InstructionSet widestInstructionSet() {
 class alignas(hugePage) RegionTile {
  public:
   static constexpr int window = 2 * boxSize + 1;
-  static constexpr int side = 48;                    ///< columns of a tile along x and along y
-  static constexpr int reach = side + 2 * boxSize;   ///< the same with the margin of the boxes
+  static constexpr int side = 48;                   ///< columns of a tile along x and along y
+  static constexpr int reach = side + 2 * boxSize;  ///< the same with the margin of the boxes
   /// A tile's voxels are visited block by block, so that the tables they read stay in the nearest
   /// cache.
   static constexpr int blockSide = 8;
@@ -120,9 +123,10 @@ class alignas(hugePage) RegionTile {
     }
     std::vector<int> place;       ///< index y * side + x within the tile
     std::vector<int> valuePlace;  ///< index y * reach + x
-    std::array<std::vector<std::uint64_t>, 2> sum;  ///< bit patterns of the positive and the negative sum
-    std::vector<int> voxels;  ///< positive voxels
-    std::vector<int> unfinished;           ///< work lists of one plane
+    std::array<std::vector<std::uint64_t>, 2>
+        sum;                      ///< bit patterns of the positive and the negative sum
+    std::vector<int> voxels;      ///< positive voxels
+    std::vector<int> unfinished;  ///< work lists of one plane
     std::vector<Piece> starting, leaving;
   };
 
@@ -138,7 +142,9 @@ class alignas(hugePage) RegionTile {
       std::fill_n(table.value[reach], reach, 0.0);
     }
     for (int r = 0; r < rows; ++r) {
-      loadRow<Bytes>(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r);
+      RowVoxels row;
+      readRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r, row);
+      makeEntries<Bytes>(row);
       for (int s = 0; s < 2; ++s) accumulateRow<Bytes>(tables_[s], row_[s], r, columns);
     }
   }
@@ -186,7 +192,8 @@ class alignas(hugePage) RegionTile {
   static constexpr int firstBinade = 2;  ///< the tables serve sums from 2^2 ...
   static constexpr int binades = 12;     ///< ... to below 2^14
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr double smallest = 0x1p-50, largest = 4;  ///< image values served, and 0
+  static constexpr double smallest = 0x1p-50,
+                          limit = 4;  ///< from the first to below the other, and 0
   static constexpr std::uint32_t tieUnit = 1 << 21;
   static_assert(window * window << (binades - 1) < tieUnit / 2);
 
@@ -251,31 +258,55 @@ class alignas(hugePage) RegionTile {
     return {added, bool((added < start.room) & noTie)};
   }
 
-  /// Reads a row of the tile with its margin: the values of both sides and their entries, in
-  /// vectors of `Bytes` bytes.
-  template <int Bytes>
-  [[gnu::always_inline]] void loadRow(const double* image, const char* label, int X, int Y, int x0,
-                                      int y, int r) {
-    double v[reach] = {};
-    std::uint64_t inside[2][reach] = {};
+  /// A row of the tile with its margin, in arrays a little longer so that whole vectors fit.
+  static constexpr int padded = (reach + 7) / 8 * 8;
+  struct RowVoxels {
+    std::uint64_t inside[2][padded];  ///< all ones where the voxel is on the side
+    std::uint64_t fixed[padded];      ///< F
+    std::uint32_t exact[padded];      ///< tieUnit where F holds all of v
+    std::uint32_t unusable[padded];   ///< tieUnit where the tables do not serve v
+  };
+
+  /// Reads row y of the plane from x0 on as row r of the tables.
+  [[gnu::always_inline]] void readRow(const double* image, const char* label, int X, int Y, int x0,
+                                      int y, int r, RowVoxels& row) {
+    std::uint64_t bits[padded] = {};
+    std::memset(row.inside, 0, sizeof row.inside);
     if (y >= 0 && y < Y) {
-      const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(y) * X + x0;
-      for (int j = std::max(0, -x0); j < std::min(reach, X - x0); ++j) {
-        v[j] = image[row + j];
-        inside[static_cast<signed char>(label[row + j]) > 0 ? 0 : 1][j] = ~std::uint64_t{0};
+      const int begin = std::max(0, -x0), end = std::min(reach, X - x0);
+      const std::ptrdiff_t first = static_cast<std::ptrdiff_t>(y) * X + x0;
+      std::memcpy(bits + begin, image + first + begin, (end - begin) * sizeof(double));
+      for (int j = begin; j < end; ++j) {
+        const std::uint64_t positive =
+            -std::uint64_t{static_cast<signed char>(label[first + j]) > 0};
+        row.inside[0][j] = positive;
+        row.inside[1][j] = ~positive;
       }
     }
-    std::uint64_t fixed[reach];
-    std::uint32_t exact[reach], unusable[reach];
-    for (int j = 0; j < reach; ++j) {
-      const bool usable = v[j] == 0 || (v[j] >= smallest && v[j] <= largest);
-      const double scaled = usable ? v[j] * (std::int64_t{1} << fractionBits) : 0.0;
-      const auto whole = static_cast<std::int64_t>(scaled);
-      fixed[j] = static_cast<std::uint64_t>(whole);
-      // Only where F holds all of v can v lie half way between two multiples.
-      exact[j] = static_cast<double>(whole) == scaled ? tieUnit : 0u;
-      unusable[j] = usable ? 0u : tieUnit;
+    // The bit pattern of v >= 0 grows with v; F is its significand, shifted.
+    constexpr auto least = std::bit_cast<std::uint64_t>(smallest);
+    constexpr auto most = std::bit_cast<std::uint64_t>(limit);
+    constexpr std::uint64_t one = 1, implicitBit = one << 52;
+    for (int j = 0; j < padded; ++j) {
+      const std::uint64_t served = -std::uint64_t{bits[j] - least < most - least};
+      const std::uint64_t significand = (bits[j] & (implicitBit - 1)) | implicitBit;
+      const std::uint64_t exponent = bits[j] >> 52;
+      const std::uint64_t shift = (1023 + 52 - fractionBits - exponent) & 63 & served;
+      const std::uint64_t fixed = (significand >> shift) & served;
+      row.fixed[j] = fixed;
+      row.exact[j] = (fixed << shift) == significand ? tieUnit : 0u;
+      row.unusable[j] = (served | -std::uint64_t{bits[j] == 0}) == 0 ? tieUnit : 0u;
     }
+    for (int s = 0; s < 2; ++s) {
+      std::uint64_t masked[padded];
+      for (int j = 0; j < padded; ++j) masked[j] = bits[j] & row.inside[s][j];
+      std::memcpy(tables_[s].value[r], masked, sizeof tables_[s].value[r]);
+    }
+  }
+
+  /// The entries of the row's voxels for both sides, in vectors of `Bytes` bytes.
+  template <int Bytes>
+  [[gnu::always_inline]] void makeEntries(const RowVoxels& row) {
     alignas(64) std::uint32_t halves[16] = {}, lowBits[16] = {}, binadeLanes[16] = {};
     for (int k = 0; k < binades; ++k) {
       halves[firstLane + k] = 1u << k;
@@ -291,20 +322,17 @@ class alignas(hugePage) RegionTile {
       std::memcpy(&served, binadeLanes + part / 4, Bytes);
       for (int j = 0; j < reach; ++j) {
         // rest is below 2^31, so that only 0 borrows into the highest bit: a half-way case.
-        const Vector rest = (static_cast<std::uint32_t>(fixed[j]) + half) & low;
-        const Vector ties = ((0 - ((rest - 1) >> 31)) & exact[j]) | unusable[j];
+        const Vector rest = (static_cast<std::uint32_t>(row.fixed[j]) + half) & low;
+        const Vector ties = ((0 - ((rest - 1) >> 31)) & row.exact[j]) | row.unusable[j];
         const Vector lanes = half - rest + (ties & served);
         for (int s = 0; s < 2; ++s) {
-          const Vector mine = lanes & static_cast<std::uint32_t>(inside[s][j]);
+          const Vector mine = lanes & static_cast<std::uint32_t>(row.inside[s][j]);
           std::memcpy(row_[s][j].lanes + part / 4, &mine, Bytes);
         }
       }
     }
     for (int s = 0; s < 2; ++s) {
-      for (int j = 0; j < reach; ++j) {
-        row_[s][j].setTotal(fixed[j] & inside[s][j]);
-        tables_[s].value[r][j] = inside[s][j] != 0 ? v[j] : 0.0;
-      }
+      for (int j = 0; j < reach; ++j) row_[s][j].setTotal(row.fixed[j] & row.inside[s][j]);
     }
   }
 
@@ -343,16 +371,16 @@ class alignas(hugePage) RegionTile {
   /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
   static constexpr int batch = 8;
   struct Batch {
-    const Entry* entry[batch];    ///< the window's first entry
-    const double* value[batch];   ///< its first voxel
-    int row[batch];               ///< rows of the plane added so far
+    const Entry* entry[batch];   ///< the window's first entry
+    const double* value[batch];  ///< its first voxel
+    int row[batch];              ///< rows of the plane added so far
     std::uint64_t sum[batch];
   };
 
   /// The next pieces of a list; the last batch is filled up with copies of the last piece.
   [[gnu::always_inline]] static void load(const Table& table, const Slots& slots,
-                                          const std::uint64_t* sums, const Piece* pieces,
-                                          int used, Batch& work) {
+                                          const std::uint64_t* sums, const Piece* pieces, int used,
+                                          Batch& work) {
     for (int b = 0; b < batch; ++b) {
       const Piece piece = pieces[std::min(b, used - 1)];
       work.entry[b] = table.sums[0] + slots.place[piece.slot];
@@ -378,8 +406,8 @@ class alignas(hugePage) RegionTile {
     for (int b = 0; b < batch; ++b) work.sum[b] = std::bit_cast<std::uint64_t>(sum[b]);
   }
 
-  /// The largest number of rows, up to `most`, for which fits(end of the rows) holds; what holds for
-  /// some rows must hold for fewer. A binary search; its way is unpredictable, so it takes no
+  /// The largest number of rows, up to `most`, for which fits(end of the rows) holds; what holds
+  /// for some rows must hold for fewer. A binary search; its way is unpredictable, so it takes no
   /// branches.
   template <typename Fits>
   [[gnu::always_inline]] static int mostRows(const Entry* entry, int most, Fits&& fits) {
@@ -485,8 +513,7 @@ class alignas(hugePage) RegionTile {
       for (int b = 0; b < used; ++b) {
         const int slot = pieces[b].slot;
         const int row = std::min(work.row[b] + 1, window);
-        const Step rest =
-            addRows(Start(work.entry[b] + row * side, work.sum[b]), window - row);
+        const Step rest = addRows(Start(work.entry[b] + row * side, work.sum[b]), window - row);
         sums[slot] = work.sum[b] + (rest.valid ? rest.added : 0);
         slots.leaving[left] = {slot, row};
         left += !rest.valid & (row < window);
@@ -536,10 +563,9 @@ inline void sumTilePortable(RegionTile& tile, RegionTile::Slots& slots, const do
     int x0, int y0, std::span<const int> starts) {
   sumTile<32>(tile, slots, image, label, grid, x0, y0, starts);
 }
-[[gnu::target("avx2,bmi,bmi2,popcnt,avx512f,avx512bw,avx512dq,avx512vl")]]
-inline void sumTileAvx512(RegionTile& tile, RegionTile::Slots& slots, const double* image,
-                          const char* label, Grid grid, int x0, int y0,
-                          std::span<const int> starts) {
+[[gnu::target("avx2,bmi,bmi2,popcnt,avx512f,avx512bw,avx512dq,avx512vl")]] inline void
+sumTileAvx512(RegionTile& tile, RegionTile::Slots& slots, const double* image, const char* label,
+              Grid grid, int x0, int y0, std::span<const int> starts) {
   sumTile<64>(tile, slots, image, label, grid, x0, y0, starts);
 }
 #endif
