@@ -4,7 +4,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What building and testing needs; every front end lists the packages of its libraries.
 build_packages=(g++ cmake ninja-build libpng-dev)
-mapfile -t -O ${#build_packages[@]} build_packages < <(grep -hv '^#' "$root"/apps/*/packages.txt)
+mapfile -t -O ${#build_packages[@]} build_packages < <(cat "$root"/apps/*/packages.txt 2>/dev/null)
 test_packages=(libgtest-dev)
 
 # as_root COMMAND...: runs it as root, through sudo if need be.
