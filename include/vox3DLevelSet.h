@@ -2,8 +2,8 @@
 //
 // Solves Phi_t + F |grad Phi| = 0 near the zero level of Phi, with Phi re-initialised as a signed
 // distance at every step: S. Osher, J. A. Sethian, J. Comput. Phys. 79 (1988) 12-49; narrow band:
-// D. Adalsteinsson, J. A. Sethian, J. Comput. Phys. 118 (1995) 269-277. Phi is negative inside and a
-// positive speed grows the inside. Units are voxels; x varies fastest, then y, then z.
+// D. Adalsteinsson, J. A. Sethian, J. Comput. Phys. 118 (1995) 269-277. Phi is negative inside and
+// a positive speed grows the inside. Units are voxels; x varies fastest, then y, then z.
 #pragma once
 
 #include <algorithm>
@@ -31,12 +31,12 @@ class vox3DLevelSet {
   int sizeY = 0;
   int sizeZ = 0;
   int mxn = 0;
-  char* mask_p = nullptr;                       ///< not used
-  vox3DMat<char, void>* label = nullptr;        ///< label code of every voxel
-  vox3DMat<char, void>* mask_nbt = nullptr;     ///< 1 in the band
-  char* mask_ptest = nullptr;                   ///< not used
-  char* mask_ntest = nullptr;                   ///< not used
-  int* ori_pedge_ind = nullptr;                 ///< grid indices of the positive edge voxels
+  char* mask_p = nullptr;                    ///< not used
+  vox3DMat<char, void>* label = nullptr;     ///< label code of every voxel
+  vox3DMat<char, void>* mask_nbt = nullptr;  ///< 1 in the band
+  char* mask_ptest = nullptr;                ///< not used
+  char* mask_ntest = nullptr;                ///< not used
+  int* ori_pedge_ind = nullptr;              ///< grid indices of the positive edge voxels
   int n_pedge = 0;
   int* ori_nedge_ind = nullptr;
   int n_nedge = 0;
@@ -44,7 +44,7 @@ class vox3DLevelSet {
   int n_ptest = 0;
   int* ori_ntest_ind = nullptr;
   int n_ntest = 0;
-  int* ori_nbt_ind = nullptr;                   ///< [n_nbt] grid index, in band order
+  int* ori_nbt_ind = nullptr;  ///< [n_nbt] grid index, in band order
   int n_edge = 0;
   int n_nbt = 0;
   int* ori_nbt_sub = nullptr;                   ///< [3*n_nbt] coordinates x, y, z

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <ostream>
 #include <span>
@@ -55,7 +56,8 @@ class vox3DMat {
     sizeX = X;
     sizeY = Y;
     sizeZ = Z;
-    mxn = static_cast<int>(tavrel::voxelCount(X, Y));
+    // The size of a plane may be more than an int holds if there is none.
+    mxn = static_cast<int>(std::min<long long>(1LL * X * Y, std::numeric_limits<int>::max()));
   }
 
   /// Non-zero if the matrix has an array.

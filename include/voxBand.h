@@ -181,8 +181,7 @@ void expandRow(int X, char* out, BytesOf&& bytesOf) {
 }
 
 /// label = +-1 at edge voxels, +-3 elsewhere; the sign is the side of the voxel.
-inline void labelCodes(const BitGrid& positive, const BitGrid& edge, char* label,
-                       int threads = 1) {
+inline void labelCodes(const BitGrid& positive, const BitGrid& edge, char* label, int threads = 1) {
   const Grid grid = positive.grid();
   parallelRanges(threads, grid.Z, [&](int first, int last) {
     for (int z = first; z < last; ++z) {
@@ -245,8 +244,7 @@ inline std::array<int, 4> countGroups(const BitGrid& positive, const BitGrid& ed
   for (int z = first; z < last; ++z) {
     for (int y = 0; y < positive.grid().Y; ++y) {
       for (int w = 0; w < positive.rowWords(); ++w) {
-        const auto bits =
-            groupBits(positive.row(y, z)[w], edge.row(y, z)[w], band.row(y, z)[w]);
+        const auto bits = groupBits(positive.row(y, z)[w], edge.row(y, z)[w], band.row(y, z)[w]);
         for (int g = 0; g < 4; ++g) counts[g] += std::popcount(bits[g]);
       }
     }
@@ -264,8 +262,7 @@ void listBand(const BitGrid& positive, const BitGrid& edge, const BitGrid& band,
     for (int y = 0; y < grid.Y; ++y) {
       const int rowIndex = y * grid.X + z * grid.plane();
       for (int w = 0; w < positive.rowWords(); ++w) {
-        const auto groups =
-            groupBits(positive.row(y, z)[w], edge.row(y, z)[w], band.row(y, z)[w]);
+        const auto groups = groupBits(positive.row(y, z)[w], edge.row(y, z)[w], band.row(y, z)[w]);
         for (int g = 0; g < 4; ++g) {
           for (BitGrid::Word bits = groups[g]; bits != 0; bits &= bits - 1) {
             const int x = 64 * w + std::countr_zero(bits);

@@ -68,18 +68,17 @@ void extendToInterface(const Band<D>& band, int first, int last) {
       const double v1 = c.a[2] * c.a[0];
       const double v2 = c.a[0] * c.a[1];
       const double r = std::sqrt(v0 * v0 + v1 * v1 + v2 * v2);
-      band.Fext[i] =
-          band.Phi[i] == 0
-              ? (speed[0] + speed[1] + speed[2]) / 3
-              : (v0 * v0 * speed[0] + v1 * v1 * speed[1] + v2 * v2 * speed[2]) / (r * r);
+      band.Fext[i] = band.Phi[i] == 0
+                         ? (speed[0] + speed[1] + speed[2]) / 3
+                         : (v0 * v0 * speed[0] + v1 * v1 * speed[1] + v2 * v2 * speed[2]) / (r * r);
     }
   }
 }
 
 /// Extension over one side's test voxels, a contiguous piece of the band list.
 ///
-/// The values are those of a visit in increasing distance, equal distances in band order. No sort is
-/// needed: a voxel reads only neighbours that come before it in that order, so each voxel is
+/// The values are those of a visit in increasing distance, equal distances in band order. No sort
+/// is needed: a voxel reads only neighbours that come before it in that order, so each voxel is
 /// computed after the neighbours it depends on, in whatever order that happens.
 template <int D>
 class TestVoxelExtension {
@@ -103,7 +102,8 @@ class TestVoxelExtension {
   };
 
   bool isTest(int i) const {
-    return static_cast<unsigned>(i - band_.n_edge) < static_cast<unsigned>(band_.n_nbt - band_.n_edge);
+    return static_cast<unsigned>(i - band_.n_edge) <
+           static_cast<unsigned>(band_.n_nbt - band_.n_edge);
   }
   bool isDone(int i) const { return done_[i - first_]; }
 
@@ -197,8 +197,7 @@ template <int D>
 void extendOverBand(const Band<D>& band, int threads) {
   parallelFor(threads, 2, [&](int side) {
     const int middle = band.n_edge + band.n_ptest;
-    TestVoxelExtension<D>(band, side == 0 ? band.n_edge : middle,
-                          side == 0 ? middle : band.n_nbt);
+    TestVoxelExtension<D>(band, side == 0 ? band.n_edge : middle, side == 0 ? middle : band.n_nbt);
   });
 }
 

@@ -99,8 +99,8 @@ void locateInterface(const Band<D>& band, int first, int last) {
     } else {
       for (int m = 0; m < c.count; ++m) {
         const double direction = c.nearSlot[m] % 2 == 0 ? 1 : -1;
-        point[c.axis[m]] += c.count == 1 ? c.a[0] * direction
-                                         : distance * distance * direction / c.a[m];
+        point[c.axis[m]] +=
+            c.count == 1 ? c.a[0] * direction : distance * distance * direction / c.a[m];
       }
     }
     band.usdf[i] = distance;
@@ -232,8 +232,8 @@ void sweepDistances(const Band<D>& band, int threads) {
 template <int D>
 void signDistances(const Band<D>& band, int first, int last) {
   for (int i = first; i < last; ++i) {
-    const bool positive = i < band.n_pedge || i >= band.n_nbt ||
-                          (i >= band.n_edge && i < band.n_edge + band.n_ptest);
+    const bool positive =
+        i < band.n_pedge || i >= band.n_nbt || (i >= band.n_edge && i < band.n_edge + band.n_ptest);
     band.sdf[i] = positive ? band.usdf[i] : -band.usdf[i];
   }
 }

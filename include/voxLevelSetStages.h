@@ -142,8 +142,8 @@ class Stages {
 
   /// Views of the band arrays for the kernels.
   Band<D> band() const {
-    return {e_.n_pedge,  e_.n_edge,     e_.n_ptest,    e_.n_nbt,    e_.ori_nbt_sub, e_.links(),
-            e_.Spar_Phi, e_.Spar_F,     e_.Spar_Fext,  e_.Spar_exact, e_.Spar_usdf, e_.Spar_sdf};
+    return {e_.n_pedge,  e_.n_edge, e_.n_ptest,   e_.n_nbt,      e_.ori_nbt_sub, e_.links(),
+            e_.Spar_Phi, e_.Spar_F, e_.Spar_Fext, e_.Spar_exact, e_.Spar_usdf,   e_.Spar_sdf};
   }
 
   void findEdgeExact() {
@@ -167,10 +167,11 @@ class Stages {
     m_.sums.resize(e_.n_edge);
     m_.regions.sum(voldata->p, e_.label->p, grid, std::span<const int>(e_.ori_nbt_ind, e_.n_edge),
                    m_.sums, threads_);
-    for (int i = 0; i < e_.n_edge; ++i) {
-      e_.Spar_F[i] =
-          withRegionTerm(e_.Spar_F[i], voldata->p[e_.ori_nbt_ind[i]], m_.sums[i], w4, w5);
-    }
+    overEdges([&](const Band<D>& b, int first, int last) {
+      for (int i = first; i < last; ++i) {
+        b.F[i] = withRegionTerm(b.F[i], voldata->p[e_.ori_nbt_ind[i]], m_.sums[i], w4, w5);
+      }
+    });
   }
 
   void findEdgeFext() {
@@ -252,7 +253,8 @@ class Stages {
       linkNeighbours<D>(grid, indices, e_.ori_nbt_ind, e_.ori_nbt_sub, first, last, e_.links());
     });
     int largest = 0;
-    for (int i = 0; i < e_.n_nbt; ++i) largest = std::max(largest, e_.links()[2 * D * (i + 1LL) - 2]);
+    for (int i = 0; i < e_.n_nbt; ++i)
+      largest = std::max(largest, e_.links()[2 * D * (i + 1LL) - 2]);
     Rules::check(grid, grid.X - 1 + (grid.Y - 1) * grid.X + (grid.Z - 1) * grid.plane(), largest,
                  e_.n_nbt);
   }
@@ -265,14 +267,22 @@ class Stages {
     e_.Spar_exact = m_.exact.need(D * (n + 2));
     e_.Spar_usdf = m_.usdf.need(n + 2);
     e_.Spar_sdf = m_.sdf.need(n + 2);
-    for (std::size_t i = 0; i < n; ++i) e_.Spar_Phi[i] = Phi[e_.ori_nbt_ind[i]];
-    std::fill_n(e_.Spar_F, n + 1, 0.0);
-    std::fill_n(e_.Spar_Fext, n, 0.0);
+    parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
+      for (int i = first; i < last; ++i) e_.Spar_Phi[i] = Phi[e_.ori_nbt_ind[i]];
+      std::fill(e_.Spar_F + first, e_.Spar_F + last, 0.0);
+      std::fill(e_.Spar_Fext + first, e_.Spar_Fext + last, 0.0);
+      fillUnknown(first, last);
+    });
+    e_.Spar_F[n] = 0.0;
     e_.Spar_Fext[n] = -unknownDistance;
     e_.Spar_Fext[n + 1] = unknownDistance;
-    std::fill_n(e_.Spar_exact, D * (n + 2), unknownDistance);
-    std::fill_n(e_.Spar_usdf, n + 2, unknownDistance);
-    std::fill_n(e_.Spar_sdf, n + 2, unknownDistance);
+    fillUnknown(e_.n_nbt, e_.n_nbt + 2);
+  }
+
+  void fillUnknown(int first, int last) {
+    std::fill(e_.Spar_exact + 1LL * D * first, e_.Spar_exact + 1LL * D * last, unknownDistance);
+    std::fill(e_.Spar_usdf + first, e_.Spar_usdf + last, unknownDistance);
+    std::fill(e_.Spar_sdf + first, e_.Spar_sdf + last, unknownDistance);
   }
 
   Engine& e_;

@@ -14,6 +14,7 @@
 
 #if defined(__linux__)
 #include <sys/mman.h>
+#include <unistd.h>
 #endif
 
 #include "voxFatal.h"
@@ -30,6 +31,16 @@ inline void preferHugePages([[maybe_unused]] void* address, [[maybe_unused]] std
   const std::uintptr_t first = (begin + hugePage - 1) / hugePage * hugePage;
   const std::uintptr_t end = (begin + bytes) / hugePage * hugePage;
   if (first < end) madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+#endif
+}
+
+/// Bytes of memory the machine has, 0 if that is not known.
+inline std::uint64_t machineMemory() {
+#if defined(__linux__)
+  return static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) *
+         static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+#else
+  return 0;
 #endif
 }
 

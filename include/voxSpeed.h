@@ -1,9 +1,9 @@
 // Speed of the interface: pressure, curvature and the comparison with the region means.
 //
-// F = w1 - w3 * curvature - w4 * |I - mean inside| + w5 * |I - mean outside|; a positive speed grows
-// the inside. The curvature is the divergence of the unit normal of the signed distance (2/R for a
-// sphere, 1/R for a circle), by central differences: S. Osher, R. Fedkiw, "Level Set Methods and
-// Dynamic Implicit Surfaces", Springer 2003, ch. 1. Region means in a box around each interface
+// F = w1 - w3 * curvature - w4 * |I - mean inside| + w5 * |I - mean outside|; a positive speed
+// grows the inside. The curvature is the divergence of the unit normal of the signed distance (2/R
+// for a sphere, 1/R for a circle), by central differences: S. Osher, R. Fedkiw, "Level Set Methods
+// and Dynamic Implicit Surfaces", Springer 2003, ch. 1. Region means in a box around each interface
 // voxel: S. Lankton, A. Tannenbaum, IEEE Trans. Image Process. 17 (2008) 2029-2039; T. Chan,
 // L. Vese, IEEE Trans. Image Process. 10 (2001) 266-277. Distances are in voxels.
 #pragma once
@@ -65,8 +65,7 @@ inline double cubedNorm(double squared) {
 
 inline double curvature(const Neighbourhood<2>& f) {
   const double gx = f.d(0), gy = f.d(1);
-  const double numerator =
-      f.dd(1) * (gx * gx) + f.dd(0) * (gy * gy) - 2 * gx * gy * f.mixed(0, 1);
+  const double numerator = f.dd(1) * (gx * gx) + f.dd(0) * (gy * gy) - 2 * gx * gy * f.mixed(0, 1);
   return numerator / cubedNorm(gx * gx + gy * gy);
 }
 
@@ -88,12 +87,12 @@ void curvatureSpeed(const Band<D>& band, const int* indices, Grid grid, double w
     if constexpr (D == 3) {
       // A diagonal neighbour outside the band: only possible with a band of width 0.
       const int index = f.indexDown(0, 2);
-      if (index > band.n_nbt) [[unlikely]] std::cout << "ind10:" << index << std::endl;
+      if (index > band.n_nbt) [[unlikely]]
+        std::cout << "ind10:" << index << std::endl;
     }
     band.F[i] = w1 - curvature(f) * w3;
   }
 }
-
 
 /// What the region term adds to a speed F at a voxel of intensity I.
 inline double withRegionTerm(double F, double I, const RegionSums& sums, double w4, double w5) {

@@ -28,14 +28,15 @@ namespace tavrel {
 inline std::size_t voxelCount(std::int64_t X, std::int64_t Y, std::int64_t Z = 1) {
   constexpr std::int64_t kMost = std::numeric_limits<int>::max();
   std::int64_t count = 1;
+  const bool empty = X == 0 || Y == 0 || Z == 0;
   for (const std::int64_t size : {X, Y, Z}) {
-    if (size < 0 || size > kMost || (size > 0 && count > kMost / size)) {
+    if (size < 0 || size > kMost || (!empty && count > kMost / size)) {
       fatal("volume of " + std::to_string(X) + " x " + std::to_string(Y) + " x " +
                 std::to_string(Z) +
-                " voxels: sizes must be 0 or more, with fewer than 2^31 voxels " + "in all, exit\n",
+                " voxels: sizes must be 0 or more, with fewer than 2^31 voxels in all, exit\n",
             std::cerr, 1);
     }
-    count *= size;
+    count = empty ? 0 : count * size;
   }
   return static_cast<std::size_t>(count);
 }

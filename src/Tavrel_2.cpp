@@ -1,6 +1,7 @@
 // The raw-volume command: arguments, echo lines, files. The work is in the stages of voxPipeline.h.
 
-#include <cstdlib>
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string_view>
 
 #include "vox3DMat.h"
+#include "voxArguments.h"
 #include "voxPara.h"
 #include "voxPipeline.h"
 #include "voxRawVolumeData.h"
@@ -27,30 +29,45 @@ int formatCode(std::string_view word) {
   return -1;
 }
 
-/// Whether the padded volume's voxels can be counted in 32 bits. The padding brings every size to
-/// the next multiple of 4.
-bool sizesFit(int width, int height, int slices) {
+/// Whether the padded volume's voxels can be counted in 32 bits; an empty volume's always can. The
+/// padding brings every size to the next multiple of 4.
+bool sizesFit(long long width, long long height, long long slices) {
+  const long long smallest = std::min({width, height, slices});
+  if (smallest <= 0) return smallest == 0;
   long long voxels = 1;
-  for (const int size : {width, height, slices}) {
-    if (size < 0) return false;
-    voxels *= (size + 3LL) / 4 * 4;
+  for (const long long size : {width, height, slices}) {
+    voxels *= (size + 3) / 4 * 4;
     if (voxels > std::numeric_limits<int>::max()) return false;
   }
   return true;
 }
 
+/// Whether the machine can hold the doubles that are alive together at the end of the preparation:
+/// input, filtered and padded image. Without this check the system would end the process.
+bool memoryFits(int width, int height, int slices) {
+  const std::uint64_t memory = tavrel::machineMemory();
+  const std::uint64_t voxels = static_cast<std::uint64_t>(1LL * width * height * slices);
+  return memory == 0 || voxels <= memory / (3 * sizeof(double));
+}
+
 void echoArguments(int width, int height, int slices, const char* image, int format, double W5,
                    const char* mask, const char* stripped, const char* phi) {
   std::cout << "nImgWidth\t" << width << "\nnImgHeight\t" << height << "\nnImgSlices\t" << slices
-            << "\nsImgFilePath\t" << image << "\nsImgMaskFilePath\t" << mask
-            << "\nsImgSSFilePath\t" << stripped << "\nsImgPhiFilePath\t" << phi << "\nW5\t" << W5
-            << "\nnImgFormat\t" << format << "\n";
+            << "\nsImgFilePath\t" << image << "\nsImgMaskFilePath\t" << mask << "\nsImgSSFilePath\t"
+            << stripped << "\nsImgPhiFilePath\t" << phi << "\nW5\t" << W5 << "\nnImgFormat\t"
+            << format << "\n";
 }
 
 template <typename T, typename U>
 void writeVolume(const vox3DMat<T, U>& volume, const std::string& path, int format) {
   const std::size_t voxels = static_cast<std::size_t>(volume.mxn) * volume.sizeZ;
   tavrel::writeRaw(path.c_str(), format, std::span<const T>(volume.p, voxels));
+}
+
+int reportMemory(char** argv) {
+  std::cout << "Not enough memory for a volume of " << argv[2] << " x " << argv[3] << " x "
+            << argv[4] << " voxels." << std::endl;
+  return 1;
 }
 
 }  // namespace
@@ -112,10 +129,10 @@ int main(int argc, char** argv) {
               << std::endl;
     return 1;
   }
-  const double dW5 = std::atof(argv[1]);
-  const int nImgWidth = std::atoi(argv[2]);
-  const int nImgHeight = std::atoi(argv[3]);
-  const int nImgSlices = std::atoi(argv[4]);
+  const double dW5 = tavrel::toReal(argv[1]);
+  const int nImgWidth = tavrel::toInteger(argv[2]);
+  const int nImgHeight = tavrel::toInteger(argv[3]);
+  const int nImgSlices = tavrel::toInteger(argv[4]);
   const int nImgFormat = formatCode(argv[6]);
   if (nImgFormat < 0) {
     std::cout << "For data format, please enter: byte, word or float." << std::endl;
@@ -127,15 +144,14 @@ int main(int argc, char** argv) {
               << argv[2] << " x " << argv[3] << " x " << argv[4] << std::endl;
     return 1;
   }
+  if (!memoryFits(nImgWidth, nImgHeight, nImgSlices)) return reportMemory(argv);
   try {
     if (Tavrel(nImgWidth, nImgHeight, nImgSlices, argv[5], nImgFormat, dW5, argv[7], argv[8],
                argv[9])) {
       return 0;
     }
   } catch (const std::bad_alloc&) {
-    std::cout << "Not enough memory for a volume of " << nImgWidth << " x " << nImgHeight << " x "
-              << nImgSlices << " voxels." << std::endl;
-    return 1;
+    return reportMemory(argv);
   }
   std::cout << "Skull stripping failed." << std::endl;
   return 1;

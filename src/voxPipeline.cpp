@@ -57,7 +57,8 @@ void evolveFunction(Function& Phi, double inside, Function& image, const voxPara
 std::unique_ptr<vox3DMat<double, char>> finiteCopy(vox3DMat<double, char>& volume) {
   std::unique_ptr<vox3DMat<double, char>> copy(volume.duplicate());
   const std::size_t count = static_cast<std::size_t>(copy->mxn) * copy->sizeZ;
-  std::replace_if(copy->p, copy->p + count, [](double v) { return !std::isfinite(v); }, 0.0);
+  std::replace_if(
+      copy->p, copy->p + count, [](double v) { return !std::isfinite(v); }, 0.0);
   return copy;
 }
 
@@ -142,7 +143,8 @@ void evolve(PreparedVolumes& volumes, const voxPara& P, const EvolutionObserver&
   for (int level = 0; level < levels; ++level) {
     const int halvings = P.seg_dn - level;
     std::unique_ptr<vox3DMat<double, char>> reduced;
-    if (halvings > 0) reduced.reset(volumes.image->downsampleby2(halvings, halvings, halvings, "min"));
+    if (halvings > 0)
+      reduced.reset(volumes.image->downsampleby2(halvings, halvings, halvings, "min"));
     vox3DMat<double, char>& image = reduced ? *reduced : *volumes.image;
     if (level > 0) volumes.mask->selfupsampleby2(1, 1, 1, "simple");
     const std::unique_ptr<vox3DMat<double, char>> Phi(volumes.mask->VeC2Phi());
