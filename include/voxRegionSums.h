@@ -106,7 +106,8 @@ class alignas(hugePage) RegionTile {
   /// A tile's voxels are visited block by block, so that the tables they read stay in the nearest
   /// cache.
   static constexpr int blockSide = 8;
-  static constexpr int blocks = (side / blockSide) * (side / blockSide);
+  static constexpr int blocksARow = side / blockSide;
+  static constexpr int blocks = blocksARow * blocksARow;
 
   /// A slot to which the plane is still to be added from row `row` of its window on.
   struct Piece {
@@ -130,22 +131,37 @@ class alignas(hugePage) RegionTile {
     std::vector<Piece> starting, leaving;
   };
 
-  /// Builds the tables of the plane that starts at image[0]; the tile's first column is (x0, y0).
-  /// Voxels outside the grid belong to neither side. `Bytes` is the length of the vectors used.
+  /// The part of a tile whose windows are needed: columns [x0, x1) and rows [y0, y1).
+  struct Area {
+    int x0 = side, x1 = 0, y0 = side, y1 = 0;
+    void addBlock(int block) {
+      const int x = block % blocksARow * blockSide, y = block / blocksARow * blockSide;
+      x0 = std::min(x0, x);
+      x1 = std::max(x1, x + blockSide);
+      y0 = std::min(y0, y);
+      y1 = std::max(y1, y + blockSide);
+    }
+  };
+
+  /// Builds the tables of the plane that starts at image[0] for an area of the tile, whose first
+  /// column is (x0, y0) of the grid. Voxels outside the grid belong to neither side. `Bytes` is the
+  /// length of the vectors used.
   template <int Bytes>
   [[gnu::always_inline]] void build(const double* image, const char* label, int X, int Y, int x0,
-                                    int y0) {
-    const int columns = std::min(side, X - x0);
-    const int rows = std::min(side, Y - y0) + window - 1;
+                                    int y0, Area area) {
+    area.x1 = std::min(area.x1, X - x0);
+    area.y1 = std::min(area.y1, Y - y0);
     for (auto& table : tables_) {
-      std::fill_n(table.sums[0], columns, Entry{});
+      std::fill(table.sums[area.y0] + area.x0, table.sums[area.y0] + area.x1, Entry{});
       std::fill_n(table.value[reach], reach, 0.0);
     }
-    for (int r = 0; r < rows; ++r) {
+    for (int r = area.y0; r < area.y1 + window - 1; ++r) {
       RowVoxels row;
       readRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r, row);
-      makeEntries<Bytes>(row);
-      for (int s = 0; s < 2; ++s) accumulateRow<Bytes>(tables_[s], row_[s], r, columns);
+      makeEntries<Bytes>(row, area.x0, area.x1 + window - 1);
+      for (int s = 0; s < 2; ++s) {
+        accumulateRow<Bytes>(tables_[s], row_[s], r, area.x0, area.x1);
+      }
     }
   }
 
@@ -304,9 +320,9 @@ class alignas(hugePage) RegionTile {
     }
   }
 
-  /// The entries of the row's voxels for both sides, in vectors of `Bytes` bytes.
+  /// The entries of the row's voxels [first, last) for both sides, in vectors of `Bytes` bytes.
   template <int Bytes>
-  [[gnu::always_inline]] void makeEntries(const RowVoxels& row) {
+  [[gnu::always_inline]] void makeEntries(const RowVoxels& row, int first, int last) {
     alignas(64) std::uint32_t halves[16] = {}, lowBits[16] = {}, binadeLanes[16] = {};
     for (int k = 0; k < binades; ++k) {
       halves[firstLane + k] = 1u << k;
@@ -320,7 +336,7 @@ class alignas(hugePage) RegionTile {
       std::memcpy(&half, halves + part / 4, Bytes);
       std::memcpy(&low, lowBits + part / 4, Bytes);
       std::memcpy(&served, binadeLanes + part / 4, Bytes);
-      for (int j = 0; j < reach; ++j) {
+      for (int j = first; j < last; ++j) {
         // rest is below 2^31, so that only 0 borrows into the highest bit: a half-way case.
         const Vector rest = (static_cast<std::uint32_t>(row.fixed[j]) + half) & low;
         const Vector ties = ((0 - ((rest - 1) >> 31)) & row.exact[j]) | row.unusable[j];
@@ -332,24 +348,25 @@ class alignas(hugePage) RegionTile {
       }
     }
     for (int s = 0; s < 2; ++s) {
-      for (int j = 0; j < reach; ++j) row_[s][j].setTotal(row.fixed[j] & row.inside[s][j]);
+      for (int j = first; j < last; ++j) row_[s][j].setTotal(row.fixed[j] & row.inside[s][j]);
     }
   }
 
-  /// Slides the window along row r and adds it to the sums of the rows before.
+  /// Slides the window along row r and adds it to the sums of the rows before, for windows
+  /// [first, last).
   template <int Bytes>
   [[gnu::always_inline]] static void accumulateRow(Table& table, const Entry (&row)[reach], int r,
-                                                   int columns) {
+                                                   int first, int last) {
     const Entry* before = table.sums[r];
     Entry* after = table.sums[r + 1];
     typedef std::uint32_t Vector [[gnu::vector_size(Bytes)]];
     for (int part = 0; part < 64; part += Bytes) {
       Vector sum{}, next;
-      for (int j = 0; j < window - 1; ++j) {
+      for (int j = first; j < first + window - 1; ++j) {
         std::memcpy(&next, row[j].lanes + part / 4, Bytes);
         sum += next;
       }
-      for (int x = 0; x < columns; ++x) {
+      for (int x = first; x < last; ++x) {
         std::memcpy(&next, row[x + window - 1].lanes + part / 4, Bytes);
         sum += next;
         std::memcpy(&next, before[x].lanes + part / 4, Bytes);
@@ -360,8 +377,8 @@ class alignas(hugePage) RegionTile {
       }
     }
     std::uint64_t total = 0;
-    for (int j = 0; j < window - 1; ++j) total += row[j].total();
-    for (int x = 0; x < columns; ++x) {
+    for (int j = first; j < first + window - 1; ++j) total += row[j].total();
+    for (int x = first; x < last; ++x) {
       total += row[x + window - 1].total();
       after[x].setTotal(before[x].total() + total);
       total -= row[x].total();
@@ -535,15 +552,18 @@ template <int Bytes>
   std::array<RegionTile::Range, RegionTile::blocks> ranges;
   for (int z = 0; z < grid.Z; ++z) {
     int used = 0;
+    RegionTile::Area area;
     for (int block = 0; block < RegionTile::blocks; ++block) {
       const int* planes = &starts[block * grid.Z];
       const int first = planes[std::max(z - boxSize, 0)] - starts[0];
       const int last = planes[std::min(z + boxSize + 1, grid.Z)] - starts[0];
-      if (first < last) ranges[used++] = {first, last};
+      if (first == last) continue;
+      ranges[used++] = {first, last};
+      area.addBlock(block);
     }
     if (used == 0) continue;
     const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(z) * grid.plane();
-    tile.build<Bytes>(image + plane, label + plane, grid.X, grid.Y, x0, y0);
+    tile.build<Bytes>(image + plane, label + plane, grid.X, grid.Y, x0, y0, area);
     tile.addPlane(slots, std::span(ranges).first(used));
   }
 }
@@ -629,7 +649,7 @@ class RegionSummer {
     constexpr int side = RegionTile::side, blockSide = RegionTile::blockSide;
     const auto bucket = [&](int g) {
       const int x = g % grid.X, y = g / grid.X % grid.Y, z = g / grid.plane();
-      const int block = y % side / blockSide * (side / blockSide) + x % side / blockSide;
+      const int block = y % side / blockSide * RegionTile::blocksARow + x % side / blockSide;
       const int tile = y / side * tilesX + x / side;
       return (static_cast<std::size_t>(tile) * RegionTile::blocks + block) * grid.Z + z;
     };
