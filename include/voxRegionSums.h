@@ -6,9 +6,8 @@
 // round(v / ulp) to S read as an integer, with ulp = 2^(e-52), whatever S is - unless v lies half
 // way between two multiples of ulp. Integers may be summed in any order, so a whole piece of the
 // box can be added in one step, which is valid when
-//   * S is in the binade the integers were made for, and still is after the step (S only grows, so
-//   it
-//     then never left it), and
+//   * S is in the binade the integers were made for and still is after the step (S only grows, so
+//     that it never left it), and
 //   * no voxel of the piece is a half-way case, negative, or out of the tables' range.
 // Pieces that fail are split: a plane into rows, the row where S leaves its binade into voxels.
 //
@@ -124,8 +123,8 @@ class alignas(hugePage) RegionTile {
     }
     std::vector<int> place;       ///< index y * side + x within the tile
     std::vector<int> valuePlace;  ///< index y * reach + x
-    std::array<std::vector<std::uint64_t>, 2>
-        sum;                      ///< bit patterns of the positive and the negative sum
+    /// Bit patterns of the positive and the negative sum.
+    std::array<std::vector<std::uint64_t>, 2> sum;
     std::vector<int> voxels;      ///< positive voxels
     std::vector<int> unfinished;  ///< work lists of one plane
     std::vector<Piece> starting, leaving;
@@ -208,8 +207,8 @@ class alignas(hugePage) RegionTile {
   static constexpr int firstBinade = 2;  ///< the tables serve sums from 2^2 ...
   static constexpr int binades = 12;     ///< ... to below 2^14
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr double smallest = 0x1p-50,
-                          limit = 4;  ///< from the first to below the other, and 0
+  static constexpr double smallest = 0x1p-50;  ///< the tables serve values from here ...
+  static constexpr double limit = 4;           ///< ... to below this, and 0
   static constexpr std::uint32_t tieUnit = 1 << 21;
   static_assert(window * window << (binades - 1) < tieUnit / 2);
 
@@ -290,11 +289,11 @@ class alignas(hugePage) RegionTile {
     std::memset(row.inside, 0, sizeof row.inside);
     if (y >= 0 && y < Y) {
       const int begin = std::max(0, -x0), end = std::min(reach, X - x0);
-      const std::ptrdiff_t first = static_cast<std::ptrdiff_t>(y) * X + x0;
-      std::memcpy(bits + begin, image + first + begin, (end - begin) * sizeof(double));
+      const std::ptrdiff_t row0 = static_cast<std::ptrdiff_t>(y) * X + x0;
+      std::memcpy(bits + begin, image + (row0 + begin), (end - begin) * sizeof(double));
       for (int j = begin; j < end; ++j) {
         const std::uint64_t positive =
-            -std::uint64_t{static_cast<signed char>(label[first + j]) > 0};
+            -std::uint64_t{static_cast<signed char>(label[row0 + j]) > 0};
         row.inside[0][j] = positive;
         row.inside[1][j] = ~positive;
       }
@@ -302,7 +301,7 @@ class alignas(hugePage) RegionTile {
     // The bit pattern of v >= 0 grows with v; F is its significand, shifted.
     constexpr auto least = std::bit_cast<std::uint64_t>(smallest);
     constexpr auto most = std::bit_cast<std::uint64_t>(limit);
-    constexpr std::uint64_t one = 1, implicitBit = one << 52;
+    constexpr std::uint64_t implicitBit = std::uint64_t{1} << 52;
     for (int j = 0; j < padded; ++j) {
       const std::uint64_t served = -std::uint64_t{bits[j] - least < most - least};
       const std::uint64_t significand = (bits[j] & (implicitBit - 1)) | implicitBit;
@@ -446,10 +445,9 @@ class alignas(hugePage) RegionTile {
     int rows[batch];
     for (int b = 0; b < batch; ++b) {
       const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
-      const std::int64_t margin = window * window / 2 + 1;
-      const std::int64_t room = (start.room - margin) * (std::int64_t{2} << start.k);
+      const std::int64_t room = start.room - (window * window / 2 + 1);
       rows[b] = mostRows(start.entry, window - work.row[b], [&](const Entry* end) {
-        return static_cast<std::int64_t>(end->total() - start.total) < room;
+        return static_cast<std::int64_t>(end->total() - start.total) >> (start.k + 1) < room;
       });
       const Step found = addRows(start, rows[b]);
       ties |= !found.valid;
