@@ -161,6 +161,7 @@ class Sweeps {
     if (!stale_[i - first_]) return;
     stale_[i - first_] = 0;
     if (!relax(i)) return;
+#pragma GCC unroll 6
     for (int k = 0; k < 2 * D; ++k) {
       // Neighbours on other lists are marked in a spare place at the end.
       const unsigned neighbour = band_.links(i)[k] - first_;
@@ -173,28 +174,32 @@ class Sweeps {
   bool relax(int i) {
     const int* link = band_.links(i);
     double nearest = band_.usdf[link[0]];
+#pragma GCC unroll 6
     for (int k = 1; k < 2 * D; ++k) {
       const double u = band_.usdf[link[k]];
       nearest = u < nearest ? u : nearest;
     }
     if (!(nearest < unknownDistance)) return false;
-    std::array<double, D> own;
-    for (int j = 0; j < D; ++j) own[j] = band_.coordinates(i)[j];
-    std::array<double, 2 * D> squared;
-    for (int k = 0; k < 2 * D; ++k) {
-      const double* point = band_.point(link[k]);
-      squared[k] = (own[0] - point[0]) * (own[0] - point[0]);
-      for (int j = 1; j < D; ++j) squared[k] += (own[j] - point[j]) * (own[j] - point[j]);
-    }
     // Which neighbour wins is unpredictable, so it is found without branches.
-    double best = squared[0];
-    int winner = 0;
+    const int* own = band_.coordinates(i);
+    double best = squaredDistance(own, band_.point(link[0]));
+    int winner = link[0];
+#pragma GCC unroll 6
     for (int k = 1; k < 2 * D; ++k) {
-      winner += (k - winner) & -int{squared[k] < best};
-      best = squared[k] < best ? squared[k] : best;
+      const double squared = squaredDistance(own, band_.point(link[k]));
+      const bool nearer = squared < best;
+      winner ^= (winner ^ link[k]) & -int{nearer};
+      best = nearer ? squared : best;
     }
     if (!(best + 0.0001 >= nearest * nearest)) return false;
-    return assign(i, std::sqrt(best), band_.point(link[winner]));
+    return assign(i, std::sqrt(best), band_.point(winner));
+  }
+
+  static double squaredDistance(const int* voxel, const double* point) {
+    double squared = (voxel[0] - point[0]) * (voxel[0] - point[0]);
+#pragma GCC unroll 2
+    for (int j = 1; j < D; ++j) squared += (voxel[j] - point[j]) * (voxel[j] - point[j]);
+    return squared;
   }
 
   bool assign(int i, double distance, const double* source) {
