@@ -7,17 +7,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <iostream>
 #include <memory>
-#include <new>
-#include <string>
 
 #if defined(__linux__)
 #include <sys/mman.h>
 #include <unistd.h>
 #endif
-
-#include "voxFatal.h"
 
 namespace tavrel {
 
@@ -44,17 +39,13 @@ inline std::uint64_t machineMemory() {
 #endif
 }
 
-/// A new array of `count` elements, not initialised. Too little memory ends the process with
-/// status 1.
+/// A new array of `count` elements, not initialised. Throws std::bad_alloc if there is too little
+/// memory.
 template <class T>
 std::unique_ptr<T[]> newArray(std::size_t count) {
-  try {
-    auto array = std::make_unique_for_overwrite<T[]>(count);
-    preferHugePages(array.get(), count * sizeof(T));
-    return array;
-  } catch (const std::bad_alloc&) {
-    fatal("not enough memory for " + std::to_string(count) + " voxels, exit\n", std::cerr, 1);
-  }
+  auto array = std::make_unique_for_overwrite<T[]>(count);
+  preferHugePages(array.get(), count * sizeof(T));
+  return array;
 }
 
 }  // namespace tavrel

@@ -194,6 +194,22 @@ TEST_F(ToolTest, ImpossibleSizesAreRefusedBeforeAnything) {
   EXPECT_TRUE(files().empty());
 }
 
+TEST_F(ToolTest, LackOfMemoryIsReported) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "AddressSanitizer needs more address space than the limit leaves";
+#endif
+  writeFile(path("image"), "");
+  std::string line = "ulimit -v 400000 && exec " TAVREL_COMMAND;
+  for (const std::string& arg : arguments("1", {300, 300, 300})) line += " '" + arg + "'";
+  const Finished finished = run("/bin/sh", {"-c", line});
+  EXPECT_TRUE(
+      finished.out.ends_with("\nNot enough memory for a volume of 300 x 300 x 300 voxels.\n"))
+      << finished.out;
+  EXPECT_EQ(finished.err, "");
+  EXPECT_EQ(finished.status, 1);
+  EXPECT_EQ(files(), std::set<std::string>{"image"});
+}
+
 TEST_F(ToolTest, MissingInputEndsWithTheReadersMessage) {
   const auto args = arguments("1", {8, 8, 8});
   const Finished finished = tavrel(args);

@@ -140,15 +140,19 @@ Options parseOptions(int argc, char** argv) {
         ->capture_default_str()
         ->group("Finishing");
   };
+  const auto onOff = [&](const char* name, bool& value, bool meaning, const char* help) {
+    return app
+        .add_flag_callback(
+            name, [&value, meaning] { value = meaning; }, help)
+        ->group("Finishing");
+  };
   const std::vector<CLI::Option*> parts = {
       radius("--open", finish.openMm, "Radius in mm of the ball that cuts thin bridges; 0: off"),
       radius("--close", finish.closeMm, "Radius in mm of the ball that takes in sulci; 0: off"),
-      app.add_flag("--largest,!--no-largest", finish.largest,
-                   "Keep only the largest connected piece (default: yes)")
-          ->group("Finishing"),
-      app.add_flag("--fill-holes,!--no-fill-holes", finish.fillHoles,
-                   "Fill what the mask encloses (default: yes)")
-          ->group("Finishing")};
+      onOff("--largest", finish.largest, true, "Keep only the largest connected piece (default)"),
+      onOff("--no-largest", finish.largest, false, "Keep all pieces"),
+      onOff("--fill-holes", finish.fillHoles, true, "Fill what the mask encloses (default)"),
+      onOff("--no-fill-holes", finish.fillHoles, false, "Leave holes as they are")};
 
   app.add_flag("--quiet", o.quiet, "Print nothing but errors");
 
