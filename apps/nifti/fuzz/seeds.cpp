@@ -10,8 +10,8 @@ int main(int, char** argv) {
     for (const int fileType : {NIFTI_FTYPE_NIFTI1_1, NIFTI_FTYPE_NIFTI2_1})
       for (const bool swapped : {false, true}) {
         const fs::path plain = folder / "seed.nii";
-        FileSpec spec{.datatype = datatype, .fileType = fileType, .slope = 2, .inter = 1};
-        writeNifti(plain, spec, voxels.data());
+        FileLayout layout{.datatype = datatype, .fileType = fileType, .slope = 2, .inter = 1};
+        writeNifti(plain, layout, voxels.data());
         int size = 0, swapSize = 0;
         nifti_datatype_sizes(datatype, &size, &swapSize);
         if (swapped) swapByteOrder(plain, size);

@@ -70,8 +70,8 @@ Result run(
 
 /// A phantom head as voxels of type T, brightest tissue about `white`.
 template <class T>
-std::vector<T> phantom(const FileSpec& spec, double white) {
-  const auto& n = spec.size;
+std::vector<T> phantom(const FileLayout& layout, double white) {
+  const auto& n = layout.size;
   const auto image = tavrel::makePhantom(int(n[0]), int(n[1]), int(n[2])).image;
   std::vector<T> voxels;
   for (const double v : image)
@@ -153,10 +153,10 @@ Bytes rawMask(const TemporaryFolder& folder, const char* format, const void* vox
 TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
   const auto compare = [&]<class T>(const char* format, int datatype, std::type_identity<T>,
                                     bool swapped) {
-    const FileSpec spec{.size = kSmall, .datatype = datatype, .slope = 3};
-    auto voxels = phantom<T>(spec, 180);
+    const FileLayout layout{.size = kSmall, .datatype = datatype, .slope = 3};
+    auto voxels = phantom<T>(layout, 180);
     if constexpr (std::is_floating_point_v<T>) voxels[77] = NAN;
-    writeNifti(folder_ / "a.nii", spec, voxels);
+    writeNifti(folder_ / "a.nii", layout, voxels);
     if (swapped) swapByteOrder(folder_ / "a.nii", sizeof(T));
     const Result result = run({name("a.nii"), "--w5", "1.1", "--finish", "none", "--force"});
     ASSERT_EQ(result.status, 0) << result.err;
@@ -173,11 +173,11 @@ TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
 
 TEST_F(Command, KeepsVersionByteOrderScalingAndBackground) {
   // A scaled, shifted NIfTI-2 pair in which air is stored as -32000 and stands for about 0.
-  const FileSpec spec{
+  const FileLayout layout{
       .size = kSmall, .fileType = NIFTI_FTYPE_NIFTI2_2, .slope = 0.01, .inter = 320};
-  auto voxels = phantom<std::int16_t>(spec, 20000);
+  auto voxels = phantom<std::int16_t>(layout, 20000);
   for (auto& v : voxels) v = std::int16_t(v - 32000);
-  writeNifti(folder_ / "pair.hdr", spec, voxels);
+  writeNifti(folder_ / "pair.hdr", layout, voxels);
   ASSERT_EQ(run({name("pair.img"), "--w5", "1.0"}).status, 0);
   const auto in = headerOf<nifti_2_header>(folder_ / "pair.hdr");
   const auto out = headerOf<nifti_2_header>(folder_ / "pair_brain.nii.gz");
@@ -285,8 +285,8 @@ TEST_F(Command, LeavesNothingBehindWhereItCannotWrite) {
 }
 
 TEST_F(Command, CtrlCLeavesNoFile) {
-  const FileSpec spec{.size = {120, 130, 120}};
-  writeNifti(folder_ / "large.nii", spec, phantom<std::int16_t>(spec, 200));
+  const FileLayout layout{.size = {120, 130, 120}};
+  writeNifti(folder_ / "large.nii", layout, phantom<std::int16_t>(layout, 200));
   const auto before = folder_.list();
   Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--w5", "1.0"});
   for (int wait = 0; wait < 3000 && process.out().empty(); ++wait)

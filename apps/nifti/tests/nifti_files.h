@@ -66,7 +66,7 @@ inline Bytes inflate(const fs::path& path) {
 }
 
 /// What a test file holds.
-struct FileSpec {
+struct FileLayout {
   std::array<std::int64_t, 3> size = {4, 5, 6};
   std::int64_t volumes = 0;  ///< 0: three dimensions
   int datatype = NIFTI_TYPE_INT16;
@@ -94,26 +94,26 @@ inline void writeNifti2(const fs::path& path, nifti_image* image) {
 
 /// Writes a file with an oblique sform, a qform of its own and, as NIfTI-1, a comment as extension.
 /// @param voxels  raw voxels in this machine's byte order
-inline void writeNifti(const fs::path& path, const FileSpec& spec, const void* voxels) {
-  const std::int64_t dims[8] = {spec.volumes ? 4 : 3,
-                                spec.size[0],
-                                spec.size[1],
-                                spec.size[2],
-                                std::max<std::int64_t>(1, spec.volumes),
+inline void writeNifti(const fs::path& path, const FileLayout& layout, const void* voxels) {
+  const std::int64_t dims[8] = {layout.volumes ? 4 : 3,
+                                layout.size[0],
+                                layout.size[1],
+                                layout.size[2],
+                                std::max<std::int64_t>(1, layout.volumes),
                                 1,
                                 1,
                                 1};
-  nifti_image* image = nifti_make_new_nim(dims, spec.datatype, 1);
+  nifti_image* image = nifti_make_new_nim(dims, layout.datatype, 1);
   std::memcpy(image->data, voxels, std::size_t(image->nvox) * std::size_t(image->nbyper));
   nifti_set_filenames(image, path.c_str(), 0, 0);
-  image->nifti_type = spec.fileType;  // which the names have set to NIfTI-1
+  image->nifti_type = layout.fileType;  // which the names have set to NIfTI-1
   const double spacing[3] = {1.25, 0.9, 1.5};
   for (int d = 0; d < 3; ++d) image->pixdim[d + 1] = spacing[d];
   image->dx = spacing[0], image->dy = spacing[1], image->dz = spacing[2];
   image->xyz_units = NIFTI_UNITS_MM;
   image->time_units = NIFTI_UNITS_SEC;
-  image->scl_slope = spec.slope;
-  image->scl_inter = spec.inter;
+  image->scl_slope = layout.slope;
+  image->scl_inter = layout.inter;
   image->qform_code = NIFTI_XFORM_SCANNER_ANAT;
   image->quatern_b = 0.1, image->quatern_c = 0.2, image->quatern_d = -0.05;
   image->qoffset_x = 11, image->qoffset_y = -22, image->qoffset_z = 33.5;
@@ -122,7 +122,7 @@ inline void writeNifti(const fs::path& path, const FileSpec& spec, const void* v
   image->sto_xyz = {
       {{-1.2, 0.05, 0.1, 90}, {0.06, 0.89, -0.2, -126}, {0.1, 0.2, 1.4, -72}, {0, 0, 0, 1}}};
   nifti_add_extension(image, "a comment", 9, NIFTI_ECODE_COMMENT);
-  if (spec.fileType == NIFTI_FTYPE_NIFTI2_1 || spec.fileType == NIFTI_FTYPE_NIFTI2_2)
+  if (layout.fileType == NIFTI_FTYPE_NIFTI2_1 || layout.fileType == NIFTI_FTYPE_NIFTI2_2)
     writeNifti2(path, image);
   else
     nifti_image_write(image);
@@ -130,8 +130,8 @@ inline void writeNifti(const fs::path& path, const FileSpec& spec, const void* v
 }
 
 template <class T>
-void writeNifti(const fs::path& path, FileSpec spec, const std::vector<T>& voxels) {
-  writeNifti(path, spec, static_cast<const void*>(voxels.data()));
+void writeNifti(const fs::path& path, FileLayout layout, const std::vector<T>& voxels) {
+  writeNifti(path, layout, static_cast<const void*>(voxels.data()));
 }
 
 /// Rewrites a plain one-file NIfTI-1 or -2 file in the other byte order.

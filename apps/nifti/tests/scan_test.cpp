@@ -40,7 +40,7 @@ TEST(Scan, EveryDatatypeVersionAndByteOrderGivesTheVoxelsThatWereWritten) {
   for (const int datatype : kDatatypes)
     for (const int fileType : {NIFTI_FTYPE_NIFTI1_1, NIFTI_FTYPE_NIFTI2_1})
       withVoxelType(datatype, [&]<class T>(std::type_identity<T>) {
-        const FileSpec spec{.datatype = datatype, .fileType = fileType};
+        const FileLayout layout{.datatype = datatype, .fileType = fileType};
         std::vector<T> voxels(120);
         for (int v = 0; v < 120; ++v)
           voxels[std::size_t(v)] = std::is_signed_v<T> ? T(v - 60) : T(v + 100);
@@ -49,7 +49,7 @@ TEST(Scan, EveryDatatypeVersionAndByteOrderGivesTheVoxelsThatWereWritten) {
         const auto path = folder / "a.nii";
         const std::vector<double> expected(voxels.begin(), voxels.end());
         for (const bool swapped : {false, true}) {
-          writeNifti(path, spec, voxels);
+          writeNifti(path, layout, voxels);
           if (swapped) swapByteOrder(path, sizeof(T));
           const Scan scan = readScan(path);
           EXPECT_EQ(scan.header.swapped, swapped);
