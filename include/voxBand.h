@@ -113,6 +113,7 @@ inline void dilateBox(BitGrid& set, int width, BitGrid& scratch, int threads = 1
   using Word = BitGrid::Word;
   const Grid grid = set.grid();
   const int words = set.rowWords();
+  width = std::min(width, std::max({grid.X, grid.Y, grid.Z}));  // more steps lead nowhere
   scratch.reset(grid);
   // One axis at a time; along y and z a row becomes the union of the rows up to `width` away.
   const auto along = [&](const BitGrid& from, BitGrid& to, bool alongZ) {

@@ -354,6 +354,18 @@ struct Step {
   }
 };
 
+TYPED_TEST(Engine, BandOfAnyWidthEndsAtTheBorder) {
+  constexpr int D = TypeParam::D;
+  const Grid<double> Phi =
+      filled<D>(7, [](int x, int y, int) { return x == 5 && y == 1 ? 1 : -1; });
+  for (const int bwt : {6, 100, std::numeric_limits<int>::max()}) {
+    const auto matPhi = toMatrix<D>(Phi);
+    typename TypeParam::Engine e;
+    e.Initialize(matPhi.get(), bwt);
+    EXPECT_EQ(e.n_nbt, std::ssize(Phi.p)) << bwt;
+  }
+}
+
 TYPED_TEST(Engine, PlaneIsItsOwnDistance) {
   constexpr int D = TypeParam::D;
   const Step<D> s(filled<D>(12, [](int x, int, int) { return x - 5.5; }), {.w1 = 0.25});
