@@ -42,12 +42,14 @@ bool sizesFit(long long width, long long height, long long slices) {
   return true;
 }
 
-/// Whether the machine can hold the doubles that are alive together at the end of the preparation:
-/// input, filtered and padded image. Without this check the system would end the process.
+/// Whether the machine can hold what every voxel takes at the finest level: input, prepared image
+/// and level-set function, label and band map, index map. The narrow band comes on top. Without
+/// this check the system would end the process.
 bool memoryFits(int width, int height, int slices) {
+  constexpr std::uint64_t bytesPerVoxel = 3 * sizeof(double) + 2 * sizeof(char) + sizeof(int);
   const std::uint64_t memory = tavrel::machineMemory();
   const std::uint64_t voxels = static_cast<std::uint64_t>(1LL * width * height * slices);
-  return memory == 0 || voxels <= memory / (3 * sizeof(double));
+  return memory == 0 || voxels <= memory / bytesPerVoxel;
 }
 
 void echoArguments(int width, int height, int slices, const char* image, int format, double W5,
