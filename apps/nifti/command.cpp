@@ -41,15 +41,12 @@ void checkTarget(const fs::path& target, bool force) {
     throw OutputError(text(folder.string(), " is not writable"));
 }
 
-void notice(const std::string& name, const std::string& line) {
-  std::cerr << name << ": note: " << line << std::endl;
-}
-
-void noticeSpacing(const std::string& name, const Header& header) {
+/// What the user should know about a scan's voxel sizes, or nothing.
+std::string spacingNotice(const Header& header) {
   const auto [least, most] = std::minmax_element(header.spacing.begin(), header.spacing.end());
-  if (*least >= kFinestMm && *most <= kCoarsestMm && *most <= kMostAnisotropic * *least) return;
-  notice(name, text("voxels of ", header.spacing[0], " x ", header.spacing[1], " x ",
-                    header.spacing[2], " mm are far from 1 mm; --resample 1 may do better"));
+  if (*least >= kFinestMm && *most <= kCoarsestMm && *most <= kMostAnisotropic * *least) return "";
+  return text("voxels of ", header.spacing[0], " x ", header.spacing[1], " x ", header.spacing[2],
+              " mm are far from 1 mm; --resample 1 may do better");
 }
 
 std::vector<std::byte> maskedVoxels(const Scan& scan, std::span<const char> mask) {
@@ -120,14 +117,19 @@ nlohmann::ordered_json stripOne(const std::string& input, const Options& options
   progress.stage("reading");
   const Scan scan = readScan(input, options.volume);
   const Grid grid{scan.header.size, scan.header.spacing};
-  for (const std::string& line : scan.header.notices) notice(input, line);
-  if (!options.strip.resampleMm && !options.quiet) noticeSpacing(input, scan.header);
+  const auto notice = [&](const std::string& line) {
+    progress.clear();
+    if (!options.quiet && !line.empty()) std::cerr << input << ": note: " << line << std::endl;
+  };
+  for (const std::string& line : scan.header.notices) notice(line);
+  if (!options.strip.resampleMm) notice(spacingNotice(scan.header));
 
   const Stripped stripped = stripScan(imageOf(scan), grid, options.strip, progress.observer(grid));
   const auto voxels = std::count(stripped.mask.begin(), stripped.mask.end(), 1);
   if (voxels == 0 && options.strip.finish)
     throw ScanError("shows no brain to the method (the mask is empty)");
-  if (voxels == 0) notice(input, "the mask is empty");
+  if (voxels == 0) notice("the mask is empty");
+  if (stripped.leaks) notice("the mask seems to leak out of the skull; look at the picture");
   progress.stage("writing");
   writeOutputs(fs::path(input).filename().string(), scan, stripped, paths, options.force);
 

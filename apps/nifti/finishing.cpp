@@ -136,7 +136,8 @@ void closeMask(std::span<char> mask, const Size& size, const Spacing& spacing, d
 void keepLargest(std::span<char> mask, const Size& size) {
   std::vector<std::uint32_t> labels;
   const auto counts = labelPieces(mask, size, 1, labels);
-  const auto largest = std::uint32_t(std::max_element(counts.begin(), counts.end()) - counts.begin());
+  const auto largest =
+      std::uint32_t(std::max_element(counts.begin(), counts.end()) - counts.begin());
   for (std::size_t v = 0; v < mask.size(); ++v) mask[v] = mask[v] && labels[v] == largest;
 }
 

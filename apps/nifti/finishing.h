@@ -1,10 +1,10 @@
 // From a mask that follows grey matter to a brain mask as it is drawn by hand.
 //
-// Opening with a ball (erosion, then dilation) cuts bridges to the optic nerves, the dura, the face;
-// the largest piece of what is left between the two is the brain. Closing with a ball takes in the
-// sulci, and filling takes in the ventricles. Radii are in millimetres between voxel centres. Masks hold 1 inside and 0 outside, x
-// fastest; what lies beyond the volume counts as neither, so that a brain cut off by the field of
-// view keeps its cut.
+// Opening with a ball (erosion, then dilation) cuts bridges to the optic nerves, the dura, the
+// face; the largest piece of what is left between the two is the brain. Closing with a ball takes
+// in the sulci, and filling takes in the ventricles. Radii are in millimetres between voxel
+// centres. Masks hold 1 inside and 0 outside, x fastest; what lies beyond the volume counts as
+// neither, so that a brain cut off by the field of view keeps its cut.
 #pragma once
 
 #include <span>

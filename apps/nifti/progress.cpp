@@ -82,24 +82,25 @@ void Progress::showStep(const StepReport& step) {
   fraction_ = std::max(fraction_, before + share * convergence(step.ratio));
   if (style_ != Style::live || std::chrono::steady_clock::now() - last_ < kPause) return;
   const double voxels = step.inside * std::pow(8.0, step.levels - 1 - step.level);
-  live(run_ + print("level %d/%d  iteration %d  %.0f mL", step.level + 1, step.levels,
+  live(run_ + print("  level %d/%d  iteration %d  %.0f mL", step.level + 1, step.levels,
                     step.iteration + 1, millilitres(voxels, grid_.spacing)));
 }
 
 StripObserver Progress::observer(const Grid& grid) {
   grid_ = grid;
   StripObserver observer;
-  observer.onRun = [this](double w5, bool trial) {
-    run_ = trial ? print("trying W5 %.2f  ", w5) : "";
+  observer.onRun = [this](double w5) {
+    run_ = print("W5 %.2f", w5);
     fraction_ = 0;
   };
   observer.onStep = [this](const StepReport& step) { showStep(step); };
   observer.onLevel = [this](int level, const LevelRecord& record) {
-    if (style_ != Style::plain || !run_.empty()) return;
+    if (style_ != Style::plain) return;
     const double scale = double(grid_.size[0]) / record.size[0];
     const double voxels = record.inside * std::pow(2.0, 3 * std::lround(std::log2(scale)));
-    out_ << name_ << ": level " << level + 1 << ", " << record.size[0] << " x " << record.size[1]
-         << " x " << record.size[2] << ", " << record.iterations << " iterations, "
+    out_ << name_ << ": " << run_ << ", level " << level + 1 << ", " << record.size[0] << " x "
+         << record.size[1] << " x " << record.size[2] << ", " << record.iterations
+         << " iterations, "
          << print("%.0f mL, %.1f s", millilitres(voxels, grid_.spacing), record.seconds)
          << std::endl;
   };

@@ -38,6 +38,8 @@ class Progress {
   StripObserver observer(const Grid& grid);
   /// Says what is being done between the runs of the evolution (reading, finishing, writing).
   void stage(const std::string& what);
+  /// Removes the live line, to make room for other output.
+  void clear();
   /// Ends the scan with a line.
   void done(const std::string& line);
 
@@ -46,14 +48,13 @@ class Progress {
  private:
   void showStep(const StepReport& step);
   void live(const std::string& what);
-  void clear();
 
   std::ostream& out_;
   Style style_;
   std::string name_;
   int columns_;
   Grid grid_;
-  std::string run_;      // which run of the evolution
+  std::string run_;      // the weight of the run that goes on
   double fraction_ = 0;  // of the bar
   bool shown_ = false;   // a live line stands on the terminal
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();

@@ -69,6 +69,7 @@ json scanEntry(const std::string& input, const Scan& scan, const Stripped& strip
                 {"size", header.size},
                 {"voxel_mm", header.spacing},
                 {"w5", stripped.w5},
+                {"leaks", stripped.leaks},
                 {"voxels", voxels},
                 {"volume_ml", millilitres(double(voxels), header.spacing)},
                 {"seconds", seconds}};

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "body.h"
 #include "interrupt.h"
 
 namespace tavrel::nifti {
@@ -35,10 +36,26 @@ std::vector<double> withoutPadding(const Image& padded, const voxPara& P) {
   return result;
 }
 
+/// The mask that a level-set function stands for.
+std::vector<char> insideOf(const Image& phi) {
+  const auto values = voxels(phi);
+  std::vector<char> mask(values.size());
+  std::transform(values.begin(), values.end(), mask.begin(),
+                 [](double v) { return char(!(v >= 0)); });
+  return mask;
+}
+
+/// The grid of a level of half the resolution.
+Grid halfGrid(const Image& phi, const Spacing& spacing) {
+  return {{phi.sizeX, phi.sizeY, phi.sizeZ}, {2 * spacing[0], 2 * spacing[1], 2 * spacing[2]}};
+}
+
 /// A prepared image that can be evolved several times.
 class Evolution {
  public:
-  Evolution(std::unique_ptr<Image> image, const Size& size, int threads) : threads_(threads) {
+  Evolution(std::unique_ptr<Image> image, const Grid& grid, int threads)
+      : grid_(grid), threads_(threads) {
+    const Size& size = grid.size;
     char none[] = "";
     setupPipeline(P_, none, none, none, 3, size[0], size[1], size[2], 0);
     volumes_ = prepare(*image, P_);
@@ -49,9 +66,14 @@ class Evolution {
     std::vector<char> mask;
     std::vector<double> phi;
     std::vector<LevelRecord> levels;
+    std::optional<MaskBody> body;  // of the level before the last
   };
 
-  Result run(double w5, bool wantPhi, const StripObserver& observer) {
+  /// Evolves and finishes, or gives up before the last level where `goOn` says so.
+  template <class GoOn>
+  std::optional<Result> run(double w5, const StripSettings& settings, const StripObserver& observer,
+                            GoOn&& goOn) {
+    if (observer.onRun) observer.onRun(w5);
     Result result;
     P_.w5 = w5;
     volumes_.mask.reset(seed_->duplicate());
@@ -70,22 +92,82 @@ class Evolution {
       start = Clock::now();
       result.levels.push_back(std::exchange(record, {}));
       if (observer.onLevel) observer.onLevel(level, result.levels.back());
-      if (wantPhi && level == P_.seg_dn) result.phi = withoutPadding(phi, P_);
+      if (level == P_.seg_dn && settings.phi) result.phi = withoutPadding(phi, P_);
+      if (level != P_.seg_dn - 1) return;
+      result.body.emplace(insideOf(phi), halfGrid(phi, grid_.spacing));
+      if (!goOn(*result.body)) throw GivenUp();
     };
-    evolve(volumes_, P_, watch, threads_);
+    try {
+      evolve(volumes_, P_, watch, threads_);
+    } catch (const GivenUp&) {
+      return std::nullopt;
+    }
     Image noImage;  // the slices are refined only where the evolution ran on a coarser grid
     finish(*volumes_.mask, noImage, P_);
-    result.mask.assign(volumes_.mask->p,
-                       volumes_.mask->p + voxelCount({P_.sizeX, P_.sizeY, P_.sizeZ}));
+    result.mask.assign(volumes_.mask->p, volumes_.mask->p + voxelCount(grid_.size));
     return result;
   }
 
+  /// Whether a mask goes far beyond the body of its run.
+  bool leaks(const MaskBody& body, std::span<const char> mask) const {
+    return body.leaks(mask, grid_.size, {P_.Xn, P_.Yn, P_.Zn});
+  }
+
  private:
+  struct GivenUp {};
+
   voxPara P_;
   PreparedVolumes volumes_;
   std::unique_ptr<vox3DMat<char, double>> seed_;
+  Grid grid_;
   int threads_;
 };
+
+/// What a run is worth once its mask is finished.
+struct Candidate {
+  double w5;
+  Evolution::Result result;
+  bool leaks;
+};
+
+/// Runs the evolution with one weight and finishes the mask; nothing if `goOn` gave it up.
+template <class GoOn>
+std::optional<Candidate> tryWeight(Evolution& evolution, double w5, const Grid& grid,
+                                   const StripSettings& settings, const StripObserver& observer,
+                                   GoOn&& goOn) {
+  auto result = evolution.run(w5, settings, observer, goOn);
+  if (!result) return std::nullopt;
+  if (settings.finish) finishMask(result->mask, grid.size, grid.spacing, *settings.finish);
+  const bool leaks = result->body && evolution.leaks(*result->body, result->mask);
+  return Candidate{w5, std::move(*result), leaks};
+}
+
+/// Looks for a weight with which the mask neither leaks nor is thin.
+Candidate chooseWeight(Evolution& evolution, const Grid& grid, const StripSettings& settings,
+                       const StripObserver& observer) {
+  const auto attempt = [&](double w5, auto&& goOn) {
+    return tryWeight(evolution, w5, grid, settings, observer, goOn);
+  };
+  const auto tight = [](const MaskBody& body) { return !body.leaks(); };
+  bool thin = false;
+  auto usual = attempt(kUsualW5, [&](const MaskBody& body) {
+    thin = body.thin() && !body.leaks();
+    return tight(body) && !thin;
+  });
+  if (usual && !usual->leaks) return std::move(*usual);
+  if (thin) {
+    auto larger = attempt(kThinW5, tight);
+    if (larger && !larger->leaks) return std::move(*larger);
+    usual = attempt(kUsualW5, tight);
+    if (usual && !usual->leaks) return std::move(*usual);
+  }
+  for (int step = 1;; ++step) {
+    const double w5 = kUsualW5 - step * kW5Step;
+    const bool last = w5 < kLeastW5 + kW5Step / 2;
+    auto smaller = attempt(w5, [&](const MaskBody& body) { return last || tight(body); });
+    if (smaller && (last || !smaller->leaks)) return std::move(*smaller);
+  }
+}
 
 }  // namespace
 
@@ -93,21 +175,22 @@ Stripped stripScan(std::unique_ptr<Image> image, const Grid& grid, const StripSe
                    const StripObserver& observer) {
   Stripped result;
   result.grid = settings.resampleMm ? isotropicGrid(grid, *settings.resampleMm) : grid;
-  result.w5 = settings.w5.value_or(1.0);
-  Evolution evolution(imageOnGrid(std::move(image), grid, result.grid), result.grid.size,
+  Evolution evolution(imageOnGrid(std::move(image), grid, result.grid), result.grid,
                       settings.threads);
   checkInterrupted();
-  if (observer.onRun) observer.onRun(result.w5, false);
-  auto evolved = evolution.run(result.w5, settings.phi, observer);
-  result.levels = std::move(evolved.levels);
-  result.mask = std::move(evolved.mask);
-  if (settings.finish)
-    finishMask(result.mask, result.grid.size, result.grid.spacing, *settings.finish);
-  if (settings.resampleMm) result.mask = resampleMask(result.mask, result.grid, grid);
-  if (settings.phi) {
-    if (settings.resampleMm) evolved.phi = resample(evolved.phi, result.grid, grid);
-    result.phi.assign(evolved.phi.begin(), evolved.phi.end());
+  Candidate chosen = settings.w5 ? *tryWeight(evolution, *settings.w5, result.grid, settings,
+                                              observer, [](const MaskBody&) { return true; })
+                                 : chooseWeight(evolution, result.grid, settings, observer);
+  result.w5 = chosen.w5;
+  result.leaks = chosen.leaks;
+  result.levels = std::move(chosen.result.levels);
+  result.mask = std::move(chosen.result.mask);
+  std::vector<double>& phi = chosen.result.phi;
+  if (settings.resampleMm) {
+    result.mask = resampleMask(result.mask, result.grid, grid);
+    if (settings.phi) phi = resample(phi, result.grid, grid);
   }
+  result.phi.assign(phi.begin(), phi.end());
   return result;
 }
 

@@ -18,8 +18,11 @@
 
 namespace tavrel::nifti {
 
-/// The defaults, chosen for the best worst case over the heads of docs/accuracy.md.
-inline constexpr char kDefaultW5[] = "1.1";
+/// The defaults, chosen for the best worst case over the heads of docs/accuracy.md. The automatic
+/// choice takes kUsualW5, kThinW5 where the mask of the half resolution is thin and does not leak
+/// with it, and less than kUsualW5 in steps of kW5Step while the mask leaks.
+inline constexpr char kDefaultW5[] = "auto";
+inline constexpr double kUsualW5 = 1.1, kThinW5 = 1.2, kLeastW5 = 0.7, kW5Step = 0.1;
 inline constexpr FinishSettings kDefaultFinish = {
     .openMm = 3, .largest = true, .closeMm = 6, .fillHoles = true};
 
@@ -42,9 +45,8 @@ struct LevelRecord {
 
 /// Told about the work while it goes on; empty functions are skipped, and they may throw.
 struct StripObserver {
-  /// Before a run of the evolution: its W5, and how many runs there are at most (the last one is
-  /// the one that counts, the others look for W5).
-  std::function<void(double w5, bool trial)> onRun;
+  /// Before each run of the evolution; the automatic choice of W5 may abandon a run for another.
+  std::function<void(double w5)> onRun;
   std::function<void(const StepReport&)> onStep;
   std::function<void(int level, const LevelRecord&)> onLevel;
 };
@@ -54,6 +56,7 @@ struct Stripped {
   std::vector<char> mask;
   std::vector<float> phi;  ///< empty unless asked for; voxels of the grid stripped on
   double w5 = 0;           ///< the weight used
+  bool leaks = false;      ///< the mask goes far beyond the firm part of the brain
   Grid grid;               ///< the grid stripped on
   std::vector<LevelRecord> levels;
 };

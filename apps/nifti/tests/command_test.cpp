@@ -108,7 +108,7 @@ TEST_F(Command, WritesBrainMaskAndPictureBesideTheScan) {
                                       "scan_brain_mask.nii.gz", "scan_brain_qc.png"}));
   // One line a level and one for the scan.
   EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 4) << result.out;
-  EXPECT_NE(result.out.find("level 3, 40 x 44 x 40"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("W5 1.00, level 3, 40 x 44 x 40"), std::string::npos) << result.out;
 
   const Bytes scan = inflate(name("scan.nii.gz")), brain = inflate(name("scan_brain.nii.gz")),
               mask = inflate(name("scan_brain_mask.nii.gz")), phi = readBytes(name("phi.nii"));
