@@ -1,6 +1,6 @@
 // Times every stage of an evolution step, the whole step and the whole evolution, at three sizes:
 // the plain loops of the tests against the shipped code. Prints one table and fails if any result
-// differs in a bit. Times are processor time; those named "wall" are elapsed time, since they
+// differs in a bit. Times are processor time; those named "elapsed" are the clock's, since they
 // compare thread counts.
 //
 // step_bench [--quick] [GOOGLE BENCHMARK OPTION...]
@@ -289,19 +289,18 @@ class Evolution {
 };
 
 void addEvolutions(int x) {
-  const auto addOne = [x](const std::string& variant, int times, bool wall, auto run) {
+  const auto addOne = [x](const char* stage, const char* variant, int times, bool wall, auto run) {
     add(
-        "evolution", x, variant, times,
-        [](Head& head) { return std::make_unique<Evolution>(head); },
+        stage, x, variant, times, [](Head& head) { return std::make_unique<Evolution>(head); },
         [=](Evolution& evolution) { return evolution.seconds(wall, run); });
   };
   const auto shipped = [](int threads) {
     return [threads](auto& volumes, auto& P) { return evolveShipped(volumes, P, threads); };
   };
-  addOne("plain", 1, false, evolvePlainly);
-  addOne("shipped", 2, false, shipped(1));
-  addOne("wall, 1 thread", 3, true, shipped(1));
-  addOne("wall, 2 threads", 3, true, shipped(2));
+  addOne("evolution", "plain", 1, false, evolvePlainly);
+  addOne("evolution", "shipped", 2, false, shipped(1));
+  addOne("evolution, elapsed", "1 thread", 3, true, shipped(1));
+  addOne("evolution, elapsed", "2 threads", 3, true, shipped(2));
 }
 
 }  // namespace

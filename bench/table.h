@@ -12,8 +12,8 @@
 
 namespace tavrel::bench {
 
-/// Reports benchmarks named STAGE/SIZE/VARIANT. The variant "plain" is what the others of its stage
-/// and size are compared with, and comes first if it is there at all; "shipped" needs no mention.
+/// Reports benchmarks named STAGE/SIZE/VARIANT. The first variant of a stage and size is what the
+/// others must equal; if it is called "plain", its time is shown beside theirs.
 /// Counters: `best_ms`, the time; `voxels`, the interface voxels worked on; `result`, a digest of
 /// what was computed, which must be the same for all variants.
 class TableReporter : public benchmark::BenchmarkReporter {
@@ -30,12 +30,13 @@ class TableReporter : public benchmark::BenchmarkReporter {
     std::istringstream name(runs.front().run_name.function_name);
     std::array<std::string, 3> part;  // stage, size, variant
     for (std::string& p : part) std::getline(name, p, '/');
-    const std::string key = part[0] + '/' + part[1];
+    const auto [first, isFirst] = first_.try_emplace(part[0] + '/' + part[1], result);
+    allSame_ = allSame_ && result.digest == first->second.digest;
     if (part[2] == "plain") {
-      plain_[key] = result;
+      first->second.plain = true;
     } else {
       const std::string variant = part[2] == "shipped" ? "" : ", " + part[2];
-      print(part[0] + variant, part[1], result, plain_.find(key));
+      print(part[0] + variant, part[1], result, first->second);
     }
   }
 
@@ -45,28 +46,24 @@ class TableReporter : public benchmark::BenchmarkReporter {
  private:
   struct Result {
     double milliseconds, voxels, digest;
+    bool plain = false;
   };
-  using Results = std::map<std::string, Result>;
 
-  void print(const std::string& stage, const std::string& size, const Result& shipped,
-             Results::const_iterator plain) {
+  static void print(const std::string& stage, const std::string& size, const Result& shipped,
+                    const Result& first) {
     std::printf("%-34s %-15s %10.0f ", stage.c_str(), size.c_str(), shipped.voxels);
-    if (plain == plain_.end()) {
-      std::printf("%11s %11.2f %7s", "-", shipped.milliseconds, "-");
+    if (first.plain) {
+      std::printf("%11.2f %11.2f %7.1f", first.milliseconds, shipped.milliseconds,
+                  first.milliseconds / shipped.milliseconds);
     } else {
-      std::printf("%11.2f %11.2f %7.1f", plain->second.milliseconds, shipped.milliseconds,
-                  plain->second.milliseconds / shipped.milliseconds);
+      std::printf("%11s %11.2f %7s", "-", shipped.milliseconds, "-");
     }
     std::printf(" %9.0f", shipped.milliseconds * 1e6 / shipped.voxels);
-    if (plain != plain_.end() && plain->second.digest != shipped.digest) {
-      std::printf("  DIFFERENT BYTES");
-      allSame_ = false;
-    }
-    std::printf("\n");
+    std::printf("%s\n", shipped.digest == first.digest ? "" : "  DIFFERENT BYTES");
     std::fflush(stdout);
   }
 
-  Results plain_;
+  std::map<std::string, Result> first_;  ///< by stage and size
   bool allSame_ = true;
 };
 
