@@ -3,10 +3,11 @@
 //   nifti_study evolve SCAN FOLDER [FIRST LAST STEP]
 //       runs the evolution for each W5 and keeps the masks, of the scan's grid and of the half
 //       resolution before it, in FOLDER
-//   nifti_study score SCAN REFERENCE FOLDER [CLOSE_MM]
-//       finishes each kept mask with all pairs of radii from 0 to 6 mm and prints, tab-separated,
-//       W5, both radii, Dice, false-positive and false-negative volume in mL against REFERENCE > 0
-//       (closed by a ball of CLOSE_MM and filled, for references that leave out the sulci)
+//   nifti_study score SCAN FOLDER CLOSE_MM REFERENCE...
+//       finishes each kept mask with all pairs of radii from 0 to 6 mm (-1: not finished) and
+//       prints, tab-separated, W5, both radii, volume in mL and for each reference Dice,
+//       false-positive and false-negative volume in mL against REFERENCE > 0 (closed by a ball of
+//       CLOSE_MM and filled, for references that leave out the sulci)
 #include <voxPipeline.h>
 #include <zlib.h>
 
@@ -15,10 +16,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <map>
+#include <span>
 #include <string>
+#include <vector>
 
+#include "distance.h"
 #include "finishing.h"
+#include "resample.h"
 #include "scan.h"
 
 namespace {
@@ -77,16 +81,28 @@ void evolveAll(const std::string& path, const fs::path& folder, double first, do
   }
 }
 
+/// The part of a mask within a box.
+std::vector<char> cut(const std::vector<char>& mask, const Size& size, const Box& box) {
+  std::vector<char> part;
+  for (int z = box.first[2]; z < box.end[2]; ++z)
+    for (int y = box.first[1]; y < box.end[1]; ++y) {
+      const auto row = mask.begin() + (std::ptrdiff_t(z) * size[1] + y) * size[0];
+      part.insert(part.end(), row + box.first[0], row + box.end[0]);
+    }
+  return part;
+}
+
 struct Score {
   double dice, falsePositiveMl, falseNegativeMl;
 };
 
-Score score(const std::vector<char>& mask, const std::vector<char>& reference, double voxelMl) {
-  std::size_t both = 0, inMask = 0, inReference = 0;
+/// @param inReference  voxels of the whole reference, of which `reference` may be a part
+Score score(const std::vector<char>& mask, const std::vector<char>& reference,
+            std::size_t inReference, double voxelMl) {
+  std::size_t both = 0, inMask = 0;
   for (std::size_t v = 0; v < mask.size(); ++v) {
     both += std::size_t(mask[v] & reference[v]);
     inMask += std::size_t(mask[v]);
-    inReference += std::size_t(reference[v]);
   }
   return {2.0 * double(both) / double(inMask + inReference), double(inMask - both) * voxelMl,
           double(inReference - both) * voxelMl};
@@ -105,40 +121,83 @@ std::vector<char> readReference(const std::string& path, double closeMm) {
   return mask;
 }
 
-void scoreAll(const std::string& path, const std::string& referencePath, const fs::path& folder,
-              double closeMm) {
+/// Voxels within the radius of a squared distance map set to `value`.
+void growWithin(std::vector<char>& mask, const std::vector<double>& squared, double radius,
+                char value) {
+  for (std::size_t v = 0; v < mask.size(); ++v)
+    if (squared[v] <= radius * radius * (1 + 1e-9)) mask[v] = value;
+}
+
+/// Calls f(opening radius, closing radius, mask) for all pairs of radii, with every distance map
+/// made once. Gives what finishMask() gives.
+template <class F>
+void forRadii(const std::vector<char>& raw, const Size& size, const Spacing& spacing, F&& f) {
+  const auto toOutside = squaredDistances(raw, size, spacing, 0);
+  for (int open = 0; open <= kLargestRadius; ++open) {
+    auto opened = raw;
+    if (open > 0) growWithin(opened, toOutside, open, 0);
+    keepLargest(opened, size);
+    if (open > 0) growWithin(opened, squaredDistances(opened, size, spacing, 1), open, 1);
+    const auto toInside = squaredDistances(opened, size, spacing, 1);
+    for (int close = 0; close <= kLargestRadius; ++close) {
+      auto closed = opened;
+      if (close > 0) {
+        growWithin(closed, toInside, close, 1);
+        growWithin(closed, squaredDistances(closed, size, spacing, 0), close, 0);
+      }
+      fillHoles(closed, size);
+      f(open, close, closed);
+    }
+  }
+}
+
+/// Prints the scores of one mask for all radii, and first as it is.
+void scoreMask(const std::vector<char>& whole, double w5, const Grid& grid,
+               std::span<const std::vector<char>> wholeReferences) {
+  Box box = boundingBox(whole, grid.size);
+  Size size;
+  for (int d = 0; d < 3; ++d) {
+    const int margin = int(kLargestRadius / grid.spacing[d]) + 2;
+    box.first[d] = std::max(0, box.first[d] - margin);
+    box.end[d] = std::min(grid.size[d], box.end[d] + margin);
+    size[d] = box.end[d] - box.first[d];
+  }
+  std::vector<std::vector<char>> references;
+  std::vector<std::size_t> counts;
+  for (const auto& reference : wholeReferences) {
+    references.push_back(cut(reference, grid.size, box));
+    counts.push_back(std::size_t(std::count(reference.begin(), reference.end(), 1)));
+  }
+  const double voxelMl = grid.spacing[0] * grid.spacing[1] * grid.spacing[2] / 1000;
+  const auto print = [&](int open, int close, const std::vector<char>& mask) {
+    const double ml = double(std::count(mask.begin(), mask.end(), 1)) * voxelMl;
+    std::printf("%.2f\t%d\t%d\t%.1f", w5, open, close, ml);
+    for (std::size_t r = 0; r < references.size(); ++r) {
+      const Score s = score(mask, references[r], counts[r], voxelMl);
+      std::printf("\t%.4f\t%.1f\t%.1f", s.dice, s.falsePositiveMl, s.falseNegativeMl);
+    }
+    std::puts("");
+  };
+  const auto mask = cut(whole, grid.size, box);
+  print(-1, -1, mask);
+  forRadii(mask, size, grid.spacing, print);
+  std::fflush(stdout);
+}
+
+void scoreAll(const std::string& path, const fs::path& folder, double closeMm,
+              std::span<const std::string> referencePaths) {
   const Header header = readScan(path).header;
-  const auto& [size, spacing] = std::tie(header.size, header.spacing);
-  const auto reference = readReference(referencePath, closeMm);
-  const double voxelMl = spacing[0] * spacing[1] * spacing[2] / 1000;
-  std::puts("w5\topen_mm\tclose_mm\tdice\tfp_ml\tfn_ml\tml");
+  std::vector<std::vector<char>> references;
+  for (const auto& reference : referencePaths)
+    references.push_back(readReference(reference, closeMm));
+  std::puts("w5\topen_mm\tclose_mm\tml\tdice\tfp_ml\tfn_ml");
   std::vector<fs::path> files;
   for (const auto& entry : fs::directory_iterator(folder))
     if (entry.path().string().ends_with(".mask.gz")) files.push_back(entry.path());
   std::sort(files.begin(), files.end());
-  for (const fs::path& file : files) {
-    const auto raw = load(file, voxelCount(size));
-    const double w5 = std::atof(file.filename().string().c_str() + 3);
-    const auto print = [&](int open, int close, const std::vector<char>& mask) {
-      const Score s = score(mask, reference, voxelMl);
-      const double ml = double(std::count(mask.begin(), mask.end(), 1)) * voxelMl;
-      std::printf("%.2f\t%d\t%d\t%.4f\t%.1f\t%.1f\t%.1f\n", w5, open, close, s.dice,
-                  s.falsePositiveMl, s.falseNegativeMl, ml);
-    };
-    print(-1, -1, raw);  // not finished at all
-    for (int open = 0; open <= kLargestRadius; ++open) {
-      auto opened = raw;
-      finishMask(opened, size, spacing,
-                 {.openMm = double(open), .largest = true, .closeMm = 0, .fillHoles = false});
-      for (int close = 0; close <= kLargestRadius; ++close) {
-        auto closed = opened;
-        finishMask(closed, size, spacing,
-                   {.openMm = 0, .largest = false, .closeMm = double(close), .fillHoles = true});
-        print(open, close, closed);
-      }
-    }
-    std::fflush(stdout);
-  }
+  for (const fs::path& file : files)
+    scoreMask(load(file, voxelCount(header.size)), std::atof(file.filename().string().c_str() + 3),
+              {header.size, header.spacing}, references);
 }
 
 }  // namespace
@@ -151,12 +210,12 @@ int main(int argc, char** argv) {
   try {
     if (arguments.size() >= 3 && arguments[0] == "evolve")
       evolveAll(arguments[1], arguments[2], number(3, 0.7), number(4, 1.5), number(5, 0.05));
-    else if (arguments.size() >= 4 && arguments[0] == "score")
-      scoreAll(arguments[1], arguments[2], arguments[3], number(4, 0));
+    else if (arguments.size() >= 5 && arguments[0] == "score")
+      scoreAll(arguments[1], arguments[2], number(3, 0), std::span(arguments).subspan(4));
     else
       throw ScanError(
           "usage: nifti_study evolve SCAN FOLDER [FIRST LAST STEP]\n"
-          "       nifti_study score SCAN REFERENCE FOLDER [CLOSE_MM]");
+          "       nifti_study score SCAN FOLDER CLOSE_MM REFERENCE...");
   } catch (const std::exception& error) {
     std::cerr << error.what() << std::endl;
     return 1;
