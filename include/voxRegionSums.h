@@ -9,7 +9,10 @@
 //   * S is in the binade the integers were made for and still is after the step (S only grows, so
 //     that it never left it), and
 //   * no voxel of the piece is a half-way case, negative, or out of the tables' range.
-// Pieces that fail are split: a plane into rows, the row where S leaves its binade into voxels.
+// Where a plane of the box fails, it is split into the rows before the one in which S leaves its
+// binade, that row, voxel by voxel, and the rows after it. Sums too small (or too large) for the
+// tables, and planes with half-way cases, are added voxel by voxel, several boxes side by side in a
+// vector.
 //
 // Tables. With F = floor(v * 2^B), the integer of v in the binade whose ulp drops the last k bits
 // of F is (F + c_k) / 2^k, where c_k = (round F to k bits) - F is small. So one 64-bit sum of F and
@@ -100,7 +103,7 @@ inline InstructionSet widestInstructionSet() {
 class alignas(hugePage) RegionTile {
  public:
   static constexpr int window = 2 * boxSize + 1;
-  static constexpr int side = 48;                   ///< columns of a tile along x and along y
+  static constexpr int side = 96;                   ///< most columns of a tile along x and y
   static constexpr int reach = side + 2 * boxSize;  ///< the same with the margin of the boxes
   /// A tile's voxels are visited block by block, so that the tables they read stay in the nearest
   /// cache.
@@ -108,26 +111,31 @@ class alignas(hugePage) RegionTile {
   static constexpr int blocksARow = side / blockSide;
   static constexpr int blocks = blocksARow * blocksARow;
 
-  /// A slot to which the plane is still to be added from row `row` of its window on.
-  struct Piece {
-    int slot, row;
+  /// What has been summed so far for a voxel of the tile.
+  struct Slot {
+    std::uint64_t sum[2];  ///< bit patterns of the positive and the negative sum
+    int place;             ///< index y * reach + x within the tile
+    int positives;         ///< voxels of the positive side
   };
 
-  /// The voxels of a tile by block and plane, and what has been summed for them so far.
+  /// A slot to which the plane is still to be added from a row of its window on.
+  struct Piece {
+    std::uint64_t sum;  ///< with the rows before
+    Slot* slot;
+    int row;  ///< offset of the row in the tables
+  };
+
+  /// The voxels of a tile by block and plane, and the work lists of one plane.
   struct Slots {
-    void reset(int count) {
-      for (auto* list : {&place, &valuePlace, &unfinished}) list->resize(count);
-      for (auto* list : {&starting, &leaving}) list->resize(count);
-      for (auto& bits : sum) bits.assign(count, 0);
-      voxels.assign(count, 0);
+    void resize(std::size_t count) {
+      for (auto* list : {&unfinished[0], &unfinished[1], &plain}) list->resize(count + 1);
+      pieces.resize(count + 1);
+      all.resize(count);
     }
-    std::vector<int> place;       ///< index y * side + x within the tile
-    std::vector<int> valuePlace;  ///< index y * reach + x
-    /// Bit patterns of the positive and the negative sum.
-    std::array<std::vector<std::uint64_t>, 2> sum;
-    std::vector<int> voxels;      ///< positive voxels
-    std::vector<int> unfinished;  ///< work lists of one plane
-    std::vector<Piece> starting, leaving;
+    std::vector<Slot> all;
+    std::array<std::vector<Slot*>, 2> unfinished;
+    std::vector<Slot*> plain;
+    std::vector<Piece> pieces;
   };
 
   /// The part of a tile whose windows are needed: columns [x0, x1) and rows [y0, y1).
@@ -142,98 +150,83 @@ class alignas(hugePage) RegionTile {
     }
   };
 
-  /// Builds the tables of the plane that starts at image[0] for an area of the tile, whose first
-  /// column is (x0, y0) of the grid. Voxels outside the grid belong to neither side. `Bytes` is the
-  /// length of the vectors used.
-  template <int Bytes>
-  [[gnu::always_inline]] void build(const double* image, const char* label, int X, int Y, int x0,
-                                    int y0, Area area) {
-    area.x1 = std::min(area.x1, X - x0);
-    area.y1 = std::min(area.y1, Y - y0);
-    for (auto& table : tables_) {
-      std::fill(table.sums[area.y0] + area.x0, table.sums[area.y0] + area.x1, Entry{});
-      std::fill_n(table.value[reach], reach, 0.0);
+  /// Starts the tables of a plane for an area of the tile: no rows.
+  void clear(Area area) {
+    const int first = area.y0 * reach + area.x0, last = area.y0 * reach + area.x1;
+    for (Table& table : tables_) {
+      std::fill(table.total + first, table.total + last, 0);
+      std::fill(table.rounding + first, table.rounding + last, Rounding{});
     }
-    for (int r = area.y0; r < area.y1 + window - 1; ++r) {
+    std::fill(positives_ + first, positives_ + last, 0);
+  }
+
+  /// A plane of the grid: image and labels from its first voxel on.
+  struct Plane {
+    const double* image;
+    const char* label;
+    int X, Y;
+  };
+
+  /// Adds rows [first, last) to the tables of the area's columns. The tile's first column is
+  /// (x0, y0) of the grid. Voxels outside the grid belong to neither side.
+  [[gnu::always_inline]] void buildRows(const Plane& plane, int x0, int y0, Area area, int first,
+                                        int last) {
+    const int end = std::min(area.x1, plane.X - x0);
+    for (int r = first; r < last; ++r) {
       RowVoxels row;
-      readRow(image, label, X, Y, x0 - boxSize, y0 - boxSize + r, r, row);
-      makeEntries<Bytes>(row, area.x0, area.x1 + window - 1);
-      for (int s = 0; s < 2; ++s) {
-        accumulateRow<Bytes>(tables_[s], row_[s], r, area.x0, area.x1);
-      }
+      readRow(plane, x0 - boxSize, y0 - boxSize + r, r, row);
+      roundRow(row, area.x0, end + window - 1);
+      addRow(r, area.x0, end);
     }
   }
 
-  /// Slots [first, last).
-  struct Range {
-    int first, last;
-  };
-
   /// Adds the plane to all slots of the ranges.
-  [[gnu::always_inline]] void addPlane(Slots& slots, std::span<const Range> ranges) {
-    const int* place = slots.place.data();
-    int* voxels = slots.voxels.data();
-    for (int s = 0; s < 2; ++s) {
-      const Table& table = tables_[s];
-      std::uint64_t* sum = slots.sum[s].data();
-      int* unfinished = slots.unfinished.data();
-      int count = 0;
-      for (const Range range : ranges) {
-        for (int i = range.first; i < range.last; ++i) {
-          const Start start(table.sums[0] + place[i], sum[i]);
-          const Step step = addRows(start, window);
-          sum[i] += step.valid ? step.added : 0;
-          unfinished[count] = i;
-          count += !step.valid;
-          if (s == 0) {
-            const Entry* end = start.entry + window * side;
-            voxels[i] += static_cast<int>(end->voxels() - start.entry->voxels());
-          }
+  [[gnu::always_inline]] void addPlane(Slots& slots, std::span<const std::span<Slot>> ranges) {
+    Slot** unfinished[2] = {slots.unfinished[0].data(), slots.unfinished[1].data()};
+    for (const std::span<Slot> range : ranges) {
+      for (Slot& slot : range) {
+        const std::ptrdiff_t at = slot.place;
+        slot.positives += positives_[at + window * reach] - positives_[at];
+#pragma GCC unroll 2
+        for (int s = 0; s < 2; ++s) {
+          const Step step = addRows(tables_[s], at, at + window * reach, slot.sum[s]);
+          slot.sum[s] = step.sum;
+          *unfinished[s] = &slot;
+          unfinished[s] += !step.valid;
         }
       }
-      int starts = 0, leaves = 0;
-      for (int i = 0; i < count; ++i) {
-        const bool served = binadeOf(sum[unfinished[i]]) < binades;
-        slots.starting[starts] = slots.leaving[leaves] = {unfinished[i], 0};
-        starts += !served;
-        leaves += served;
+    }
+    for (int s = 0; s < 2; ++s) {
+      int plain = 0, pieces = 0;
+      for (Slot* slot : std::span(slots.unfinished[s].data(), unfinished[s])) {
+        const bool served = binadeOf(slot->sum[s]) < binades;
+        slots.plain[plain] = slot;
+        slots.pieces[pieces] = {slot->sum[s], slot, 0};
+        plain += !served;
+        pieces += served;
       }
-      leaves = addFirstRows(table, slots, sum, starts, leaves);
-      while (leaves > 0) leaves = addInPieces(table, slots, sum, leaves);
+      while (pieces > 0) pieces = addInPieces(s, slots, pieces, plain);
+      addPlainly(s, slots, plain);
     }
   }
 
  private:
-  static constexpr int firstBinade = 2;  ///< the tables serve sums from 2^2 ...
-  static constexpr int binades = 12;     ///< ... to below 2^14
+  static constexpr int firstBinade = 5;  ///< the tables serve sums from 2^5 ...
+  static constexpr int binades = 8;      ///< ... to below 2^13
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr double smallest = 0x1p-50;  ///< the tables serve values from here ...
-  static constexpr double limit = 4;           ///< ... to below this, and 0
+  static constexpr double smallest = 1.0 / (1LL << fractionBits);  ///< they serve values from here
+  static constexpr double limit = 4;                               ///< ... to below this, and 0
   static constexpr std::uint32_t tieUnit = 1 << 21;
   static_assert(window * window << (binades - 1) < tieUnit / 2);
 
-  /// Sums over some voxels: lanes 0 and 1 hold the 64-bit sum of F, the next `binades` lanes the
-  /// sums of c_k and of ties, the one after them the number of voxels.
-  struct alignas(64) Entry {
-    std::uint32_t lanes[16];
+  /// Sums of c_k and of ties, by k.
+  typedef std::uint32_t Rounding [[gnu::vector_size(4 * binades)]];
 
-    [[gnu::always_inline]] std::uint64_t total() const {
-      std::uint64_t value;
-      std::memcpy(&value, lanes, sizeof value);
-      return value;
-    }
-    [[gnu::always_inline]] void setTotal(std::uint64_t value) {
-      std::memcpy(lanes, &value, sizeof value);
-    }
-    [[gnu::always_inline]] std::uint32_t rounding(int k) const { return lanes[firstLane + k]; }
-    [[gnu::always_inline]] std::uint32_t voxels() const { return lanes[firstLane + binades]; }
-  };
-  static constexpr int firstLane = 2;
-
-  /// One side of the interface. sums[r][x] is over rows 0 to r - 1 of window x.
+  /// One side of the interface. Entry [r * reach + x] is over rows 0 to r - 1 of window x.
   struct Table {
-    Entry sums[reach + 1][side];
-    double value[reach + 1][reach];  ///< the voxel, 0 if it is not on this side; a row of zeros
+    std::uint64_t total[(reach + 1) * reach];  ///< sums of F
+    Rounding rounding[(reach + 1) * reach];
+    double value[reach * reach + 3];  ///< the voxel, 0 if it is not on this side; room for a vector
   };
 
   /// The binade of a sum, counted from the first one served; `binades` or more if none of them.
@@ -241,36 +234,31 @@ class alignas(hugePage) RegionTile {
     return (sum >> 52) - (1023 + firstBinade);
   }
 
-  /// A sum to which the rows from `entry` on are to be added.
-  struct Start {
-    [[gnu::always_inline]] Start(const Entry* at, std::uint64_t sum) : entry(at) {
-      const std::uint64_t binade = binadeOf(sum);
-      const bool known = binade < binades;
-      k = known ? static_cast<int>(binade) : 0;
-      // Values served are at least one ulp of the first binade, so room 1 admits only zeros.
-      room = known ? (std::int64_t{1} << 52) - static_cast<std::int64_t>(sum << 12 >> 12) : 1;
-      total = entry->total();
-      rounding = entry->rounding(k);
-    }
-    const Entry* entry;
-    std::uint64_t total;
-    std::int64_t room;  ///< what the sum's bit pattern must stay below to keep its binade
-    std::uint32_t rounding;
-    int k;
-  };
-
-  /// What rows of a window add to the bit pattern of a sum, and whether that is valid.
+  /// A sum with some rows added, or as it was where that is not valid.
   struct Step {
-    std::int64_t added;
+    std::uint64_t sum;
     bool valid;
   };
-  [[gnu::always_inline]] static Step addRows(const Start& start, int rows) {
-    const Entry* end = start.entry + rows * side;
-    const std::uint32_t rounding = end->rounding(start.k) - start.rounding;
-    const auto total = static_cast<std::int64_t>(end->total() - start.total);
-    const auto added = (total + static_cast<std::int32_t>(rounding)) >> (start.k + 1);
-    const bool noTie = rounding + tieUnit / 2 < tieUnit;
-    return {added, bool((added < start.room) & noTie)};
+  /// Adds the rows between two entries of a table.
+  [[gnu::always_inline]] static Step addRows(const Table& table, std::ptrdiff_t from,
+                                             std::ptrdiff_t to, std::uint64_t sum) {
+    const std::uint64_t binade = binadeOf(sum);
+    const bool served = binade < binades;
+    const std::uint64_t k = served ? binade : 0;
+    const std::uint32_t rounding = lane(table.rounding[to], k) - lane(table.rounding[from], k);
+    const std::uint64_t total = table.total[to] - table.total[from];
+    const std::uint64_t next =
+        sum +
+        ((total + static_cast<std::uint64_t>(static_cast<std::int32_t>(rounding))) >> (k + 1));
+    const std::uint64_t leaves = (next ^ sum) >> (served ? 52 : 0);
+    const std::uint32_t ties = (rounding + tieUnit / 2) / tieUnit;
+    const bool valid = (leaves | ties) == 0;
+    return {valid ? next : sum, valid};
+  }
+  [[gnu::always_inline]] static std::uint32_t lane(const Rounding& rounding, std::uint64_t k) {
+    std::uint32_t value;
+    std::memcpy(&value, reinterpret_cast<const char*>(&rounding) + 4 * k, 4);
+    return value;
   }
 
   /// A row of the tile with its margin, in arrays a little longer so that whole vectors fit.
@@ -278,30 +266,29 @@ class alignas(hugePage) RegionTile {
   struct RowVoxels {
     std::uint64_t inside[2][padded];  ///< all ones where the voxel is on the side
     std::uint64_t fixed[padded];      ///< F
-    std::uint32_t exact[padded];      ///< tieUnit where F holds all of v
-    std::uint32_t unusable[padded];   ///< tieUnit where the tables do not serve v
+    std::uint64_t exact[padded];      ///< tieUnit where F holds all of v
+    std::uint64_t unusable[padded];   ///< tieUnit where the tables do not serve v
   };
 
   /// Reads row y of the plane from x0 on as row r of the tables.
-  [[gnu::always_inline]] void readRow(const double* image, const char* label, int X, int Y, int x0,
-                                      int y, int r, RowVoxels& row) {
+  [[gnu::always_inline]] void readRow(const Plane& plane, int x0, int y, int r, RowVoxels& row) {
     std::uint64_t bits[padded] = {};
-    std::memset(row.inside, 0, sizeof row.inside);
-    if (y >= 0 && y < Y) {
-      const int begin = std::max(0, -x0), end = std::min(reach, X - x0);
-      const std::ptrdiff_t row0 = static_cast<std::ptrdiff_t>(y) * X + x0;
-      std::memcpy(bits + begin, image + (row0 + begin), (end - begin) * sizeof(double));
-      for (int j = begin; j < end; ++j) {
-        const std::uint64_t positive =
-            -std::uint64_t{static_cast<signed char>(label[row0 + j]) > 0};
-        row.inside[0][j] = positive;
-        row.inside[1][j] = ~positive;
-      }
+    std::int64_t sign[padded] = {};
+    if (y >= 0 && y < plane.Y) {
+      const int begin = std::max(0, -x0), end = std::min(reach, plane.X - x0);
+      const std::ptrdiff_t row0 = static_cast<std::ptrdiff_t>(y) * plane.X + x0;
+      std::memcpy(bits + begin, plane.image + (row0 + begin), (end - begin) * sizeof(double));
+      const auto* labels = reinterpret_cast<const signed char*>(plane.label + row0);
+      for (int j = begin; j < end; ++j) sign[j] = labels[j] * 2 - 1;
     }
     // The bit pattern of v >= 0 grows with v; F is its significand, shifted.
     constexpr auto least = std::bit_cast<std::uint64_t>(smallest);
     constexpr auto most = std::bit_cast<std::uint64_t>(limit);
     constexpr std::uint64_t implicitBit = std::uint64_t{1} << 52;
+    for (int j = 0; j < padded; ++j) {
+      row.inside[0][j] = -std::uint64_t{sign[j] > 0};
+      row.inside[1][j] = -std::uint64_t{sign[j] < 0};
+    }
     for (int j = 0; j < padded; ++j) {
       const std::uint64_t served = -std::uint64_t{bits[j] - least < most - least};
       const std::uint64_t significand = (bits[j] & (implicitBit - 1)) | implicitBit;
@@ -315,254 +302,213 @@ class alignas(hugePage) RegionTile {
     for (int s = 0; s < 2; ++s) {
       std::uint64_t masked[padded];
       for (int j = 0; j < padded; ++j) masked[j] = bits[j] & row.inside[s][j];
-      std::memcpy(tables_[s].value[r], masked, sizeof tables_[s].value[r]);
+      std::memcpy(tables_[s].value + r * reach, masked, reach * sizeof(double));
     }
   }
 
-  /// The entries of the row's voxels [first, last) for both sides, in vectors of `Bytes` bytes.
-  template <int Bytes>
-  [[gnu::always_inline]] void makeEntries(const RowVoxels& row, int first, int last) {
-    alignas(64) std::uint32_t halves[16] = {}, lowBits[16] = {}, binadeLanes[16] = {};
+  /// What each of the row's voxels [first, last) adds to the tables of both sides.
+  [[gnu::always_inline]] void roundRow(const RowVoxels& row, int first, int last) {
+    Rounding half, low;
     for (int k = 0; k < binades; ++k) {
-      halves[firstLane + k] = 1u << k;
-      lowBits[firstLane + k] = (2u << k) - 1;
-      binadeLanes[firstLane + k] = ~0u;
+      half[k] = 1u << k;
+      low[k] = (2u << k) - 1;
     }
-    halves[firstLane + binades] = 1;  // counts the voxel
-    typedef std::uint32_t Vector [[gnu::vector_size(Bytes)]];
-    for (int part = 0; part < 64; part += Bytes) {
-      Vector half, low, served;
-      std::memcpy(&half, halves + part / 4, Bytes);
-      std::memcpy(&low, lowBits + part / 4, Bytes);
-      std::memcpy(&served, binadeLanes + part / 4, Bytes);
-      for (int j = first; j < last; ++j) {
-        // rest is below 2^31, so that only 0 borrows into the highest bit: a half-way case.
-        const Vector rest = (static_cast<std::uint32_t>(row.fixed[j]) + half) & low;
-        const Vector ties = ((0 - ((rest - 1) >> 31)) & row.exact[j]) | row.unusable[j];
-        const Vector lanes = half - rest + (ties & served);
-        for (int s = 0; s < 2; ++s) {
-          const Vector mine = lanes & static_cast<std::uint32_t>(row.inside[s][j]);
-          std::memcpy(row_[s][j].lanes + part / 4, &mine, Bytes);
-        }
+    for (int j = first; j < last; ++j) {
+      const Rounding rest = (static_cast<std::uint32_t>(row.fixed[j]) + half) & low;
+      const Rounding zero = (Rounding)(rest == 0);
+      const Rounding ties = (zero & static_cast<std::uint32_t>(row.exact[j])) +
+                            static_cast<std::uint32_t>(row.unusable[j]);
+      const Rounding all = half - rest + ties;
+      for (int s = 0; s < 2; ++s) {
+        row_[s].rounding[j] = all & static_cast<std::uint32_t>(row.inside[s][j]);
       }
     }
     for (int s = 0; s < 2; ++s) {
-      for (int j = first; j < last; ++j) row_[s][j].setTotal(row.fixed[j] & row.inside[s][j]);
+      for (int j = 0; j < padded; ++j) row_[s].fixed[j] = row.fixed[j] & row.inside[s][j];
     }
+    for (int j = 0; j < padded; ++j) row_[0].one[j] = row.inside[0][j] & 1;
   }
 
   /// Slides the window along row r and adds it to the sums of the rows before, for windows
   /// [first, last).
-  template <int Bytes>
-  [[gnu::always_inline]] static void accumulateRow(Table& table, const Entry (&row)[reach], int r,
-                                                   int first, int last) {
-    const Entry* before = table.sums[r];
-    Entry* after = table.sums[r + 1];
-    typedef std::uint32_t Vector [[gnu::vector_size(Bytes)]];
-    for (int part = 0; part < 64; part += Bytes) {
-      Vector sum{}, next;
-      for (int j = first; j < first + window - 1; ++j) {
-        std::memcpy(&next, row[j].lanes + part / 4, Bytes);
-        sum += next;
+  [[gnu::always_inline]] void addRow(int r, int first, int last) {
+    Rounding rounding[2] = {};
+    std::uint64_t total[2] = {};
+    int ones = 0;
+    const auto enter = [&](int j) {
+      for (int s = 0; s < 2; ++s) {
+        rounding[s] += row_[s].rounding[j];
+        total[s] += row_[s].fixed[j];
       }
-      for (int x = first; x < last; ++x) {
-        std::memcpy(&next, row[x + window - 1].lanes + part / 4, Bytes);
-        sum += next;
-        std::memcpy(&next, before[x].lanes + part / 4, Bytes);
-        next += sum;
-        std::memcpy(after[x].lanes + part / 4, &next, Bytes);
-        std::memcpy(&next, row[x].lanes + part / 4, Bytes);
-        sum -= next;
-      }
-    }
-    std::uint64_t total = 0;
-    for (int j = first; j < first + window - 1; ++j) total += row[j].total();
+      ones += row_[0].one[j];
+    };
+    for (int j = first; j < first + window - 1; ++j) enter(j);
     for (int x = first; x < last; ++x) {
-      total += row[x + window - 1].total();
-      after[x].setTotal(before[x].total() + total);
-      total -= row[x].total();
+      enter(x + window - 1);
+      const int before = r * reach + x, after = before + reach;
+      for (int s = 0; s < 2; ++s) {
+        tables_[s].rounding[after] = tables_[s].rounding[before] + rounding[s];
+        tables_[s].total[after] = tables_[s].total[before] + total[s];
+        rounding[s] -= row_[s].rounding[x];
+        total[s] -= row_[s].fixed[x];
+      }
+      positives_[after] = positives_[before] + ones;
+      ones -= row_[0].one[x];
     }
+  }
+
+  /// Adds the plane voxel by voxel to the first `count` slots of the plain list. Up to four windows
+  /// that follow each other along x are summed side by side in one vector, and some vectors at a
+  /// time, so that their chains of additions overlap.
+  [[gnu::always_inline]] void addPlainly(int s, const Slots& slots, int count) const {
+    constexpr int lanes = 4, groups = 8;
+    typedef double Vector [[gnu::vector_size(8 * lanes)]];
+    Slot* const* list = slots.plain.data();
+    for (int next = 0; next < count;) {
+      const double* value[groups];
+      alignas(Vector) std::uint64_t bits[groups][lanes] = {};
+      int end[groups];  // of the slots of each group
+      const int begin = next;
+      for (int g = 0; g < groups; ++g) {
+        const int first = next < count ? list[next]->place : 0;
+        for (int before = -1; next < count; ++next) {
+          const int at = list[next]->place - first;
+          if (at <= before || at >= lanes) break;
+          bits[g][at] = list[next]->sum[s];
+          before = at;
+        }
+        value[g] = tables_[s].value + first;
+        end[g] = next;
+      }
+      Vector sum[groups];
+      std::memcpy(sum, bits, sizeof sum);
+      for (int row = 0; row < window; ++row) {
+#pragma GCC unroll 21
+        for (int j = 0; j < window; ++j) {
+#pragma GCC unroll 8
+          for (int g = 0; g < groups; ++g) {
+            Vector v;
+            std::memcpy(&v, value[g] + j, sizeof v);
+            sum[g] += v;
+          }
+        }
+        for (const double*& v : value) v += reach;
+      }
+      std::memcpy(bits, sum, sizeof sum);
+      for (int g = 0, i = begin; g < groups; ++g) {
+        for (const int first = i; i < end[g]; ++i) {
+          list[i]->sum[s] = bits[g][list[i]->place - list[first]->place];
+        }
+      }
+    }
+  }
+
+  /// The last of rows 0 to window - 1 before which the sums of F stay below `limit`, as an offset
+  /// in the table: a binary search. Its way is unpredictable, so it takes no branches.
+  [[gnu::always_inline]] static int rowBefore(const std::uint64_t* total, std::uint64_t limit) {
+    constexpr int steps[] = {10, 5, 3, 1, 1};
+    const std::uint64_t* at = total;
+#pragma GCC unroll 5
+    for (int i = 0; i < 5; ++i) {
+      const std::uint64_t* const next = at + steps[i] * reach;
+      at = *next < limit ? next : at;
+    }
+    return static_cast<int>(at - total);
   }
 
   /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
   static constexpr int batch = 8;
-  struct Batch {
-    const Entry* entry[batch];   ///< the window's first entry
-    const double* value[batch];  ///< its first voxel
-    int row[batch];              ///< rows of the plane added so far
-    std::uint64_t sum[batch];
-  };
-
-  /// The next pieces of a list; the last batch is filled up with copies of the last piece.
-  [[gnu::always_inline]] static void load(const Table& table, const Slots& slots,
-                                          const std::uint64_t* sums, const Piece* pieces, int used,
-                                          Batch& work) {
-    for (int b = 0; b < batch; ++b) {
-      const Piece piece = pieces[std::min(b, used - 1)];
-      work.entry[b] = table.sums[0] + slots.place[piece.slot];
-      work.value[b] = table.value[0] + slots.valuePlace[piece.slot];
-      work.row[b] = piece.row;
-      work.sum[b] = sums[piece.slot];
-    }
-  }
-
-  /// Adds one row of the window voxel by voxel to every sum; past the last row, zeros.
-  [[gnu::always_inline]] static void addVoxels(const Table& table, Batch& work,
-                                               const int (&row)[batch]) {
-    const double* value[batch];
-    double sum[batch];
-    for (int b = 0; b < batch; ++b) {
-      value[b] = row[b] < window ? work.value[b] + row[b] * reach : table.value[reach];
-      sum[b] = std::bit_cast<double>(work.sum[b]);
-    }
-    for (int j = 0; j < window; ++j) {
-#pragma GCC unroll 8
-      for (int b = 0; b < batch; ++b) sum[b] += value[b][j];
-    }
-    for (int b = 0; b < batch; ++b) work.sum[b] = std::bit_cast<std::uint64_t>(sum[b]);
-  }
-
-  /// The largest number of rows, up to `most`, for which fits(end of the rows) holds; what holds
-  /// for some rows must hold for fewer. A binary search; its way is unpredictable, so it takes no
-  /// branches.
-  template <typename Fits>
-  [[gnu::always_inline]] static int mostRows(const Entry* entry, int most, Fits&& fits) {
-    const Entry* const last = entry + most * side;
-    const Entry* end = entry;
-#pragma GCC unroll 5
-    for (int step = 16; step > 0; step /= 2) {
-      const Entry* const more = end + step * side;
-      const bool fit = fits(std::min(more, last)) & (more <= last);
-      end += step * side & -std::ptrdiff_t{fit};
-    }
-    return static_cast<int>((end - entry) / side);
-  }
-
-  /// Adds as many rows to every sum as can be added at once, sometimes one less: the rows are found
-  /// from the sums of F alone, with a margin for the rounding of every voxel.
-  [[gnu::always_inline]] static void addWholeRows(Batch& work) {
-    bool ties = false;
-    int rows[batch];
-    for (int b = 0; b < batch; ++b) {
-      const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
-      const std::int64_t room = start.room - (window * window / 2 + 1);
-      rows[b] = mostRows(start.entry, window - work.row[b], [&](const Entry* end) {
-        return static_cast<std::int64_t>(end->total() - start.total) >> (start.k + 1) < room;
-      });
-      const Step found = addRows(start, rows[b]);
-      ties |= !found.valid;
-      work.sum[b] += found.valid ? found.added : 0;
-      work.row[b] += found.valid ? rows[b] : 0;
-      rows[b] = found.valid ? 0 : rows[b];
-    }
-    if (ties) addRowsBeforeTies(work, rows);
-  }
-
-  /// The same among rows[b] rows that hold a half-way case: those before it.
-  [[gnu::always_inline]] static void addRowsBeforeTies(Batch& work, const int (&rows)[batch]) {
-    for (int b = 0; b < batch; ++b) {
-      const Start start(work.entry[b] + work.row[b] * side, work.sum[b]);
-      const int before = mostRows(start.entry, rows[b], [&](const Entry* end) {
-        return end->rounding(start.k) - start.rounding + tieUnit / 2 < tieUnit;
-      });
-      const Step found = addRows(start, before);
-      work.sum[b] += found.valid ? found.added : 0;
-      work.row[b] += found.valid ? before : 0;
-    }
-  }
-
-  /// Moves every piece on to its first row with a voxel that is not 0.
-  [[gnu::always_inline]] static void skipZeros(Batch& work) {
-    for (int b = 0; b < batch; ++b) {
-      const Start start(work.entry[b] + work.row[b] * side, 0);
-      work.row[b] += mostRows(start.entry, window - work.row[b], [&](const Entry* end) {
-        return ((end->total() ^ start.total) | (end->rounding(0) ^ start.rounding)) == 0;
-      });
-    }
-  }
-
-  /// Sums that the tables do not serve, most of all those that start from 0: rows are added voxel
-  /// by voxel until they do. What is then left of the plane is appended to `leaving`, which holds
-  /// `leaves` pieces; returns their new number.
-  [[gnu::always_inline]] static int addFirstRows(const Table& table, Slots& slots,
-                                                 std::uint64_t* sums, int starts, int leaves) {
-    for (int first = 0; first < starts; first += batch) {
-      const Piece* pieces = slots.starting.data() + first;
-      const int used = std::min(batch, starts - first);
-      Batch work;
-      load(table, slots, sums, pieces, used, work);
-      skipZeros(work);
-      for (bool any = true; any;) {
-        int row[batch];
-        any = false;
-        for (int b = 0; b < batch; ++b) {
-          const bool add = (binadeOf(work.sum[b]) >= binades) & (work.row[b] < window);
-          row[b] = add ? work.row[b] : window;
-          work.row[b] += add;
-          any |= add;
-        }
-        if (any) addVoxels(table, work, row);
-      }
-      for (int b = 0; b < used; ++b) {
-        sums[pieces[b].slot] = work.sum[b];
-        slots.leaving[leaves] = {pieces[b].slot, work.row[b]};
-        leaves += work.row[b] < window;
-      }
-    }
-    return leaves;
-  }
 
   /// Sums that leave their binade in this plane: as many rows at once as stay in it, the row where
-  /// the sum leaves it voxel by voxel, then the rest. Pieces that are still not done (a sum may
-  /// leave several binades) stay in the list; returns their number.
-  [[gnu::always_inline]] static int addInPieces(const Table& table, Slots& slots,
-                                                std::uint64_t* sums, int count) {
+  /// the sum leaves it voxel by voxel, then the rest. The rows are found from the sums of F alone,
+  /// with a margin for the rounding of every voxel. Pieces that are still not done (a sum may leave
+  /// several binades) stay in the list; returns their number. Slots with half-way cases before the
+  /// row, or whose sums grow too large for the tables, go to the plain list.
+  [[gnu::always_inline]] int addInPieces(int s, Slots& slots, int count, int& plain) const {
+    constexpr std::uint64_t ulps = std::uint64_t{1} << 52;  // of a binade
+    constexpr std::uint64_t margin = window * window / 2 + 1;
+    const Table& table = tables_[s];
     int left = 0;
     for (int first = 0; first < count; first += batch) {
-      Piece* pieces = slots.leaving.data() + first;
+      Piece* pieces = slots.pieces.data() + first;
       const int used = std::min(batch, count - first);
-      Batch work;
-      load(table, slots, sums, pieces, used, work);
-      addWholeRows(work);
-      addVoxels(table, work, work.row);
+      const double* value[batch];
+      int row[batch];  // offsets in the tables
+      double sum[batch];
+      bool tie[batch];
+      for (int b = 0; b < batch; ++b) {
+        const Piece& piece = pieces[std::min(b, used - 1)];
+        const std::ptrdiff_t place = piece.slot->place, from = place + piece.row;
+        const std::uint64_t room = std::max(ulps - (piece.sum & (ulps - 1)), margin) - margin;
+        const std::uint64_t limit = table.total[from] + (room << (binadeOf(piece.sum) + 1));
+        row[b] = std::max(rowBefore(table.total + place, limit), piece.row);
+        const std::ptrdiff_t to = place + row[b];
+        const Step found = addRows(table, from, to, piece.sum);
+        tie[b] = !found.valid;
+        value[b] = table.value + to;
+        sum[b] = std::bit_cast<double>(found.sum);
+      }
+#pragma GCC unroll 21
+      for (int j = 0; j < window; ++j) {
+#pragma GCC unroll 8
+        for (int b = 0; b < batch; ++b) sum[b] += value[b][j];
+      }
       for (int b = 0; b < used; ++b) {
-        const int slot = pieces[b].slot;
-        const int row = std::min(work.row[b] + 1, window);
-        const Step rest = addRows(Start(work.entry[b] + row * side, work.sum[b]), window - row);
-        sums[slot] = work.sum[b] + (rest.valid ? rest.added : 0);
-        slots.leaving[left] = {slot, row};
-        left += !rest.valid & (row < window);
+        Slot* const slot = pieces[b].slot;
+        const int next = row[b] + reach;
+        const auto bits = std::bit_cast<std::uint64_t>(sum[b]);
+        const Step rest = addRows(table, slot->place + next, slot->place + window * reach, bits);
+        const bool done = rest.valid & !tie[b];
+        const bool lost = tie[b] | (!done & (binadeOf(bits) >= binades));
+        slot->sum[s] = done ? rest.sum : slot->sum[s];
+        slots.plain[plain] = slot;
+        plain += lost;
+        slots.pieces[left] = {bits, slot, next};
+        left += !(done | lost);
       }
     }
     return left;
   }
 
-  std::array<Table, 2> tables_;  // positive, negative
-  Entry row_[2][reach];          // the row being added
+  std::array<Table, 2> tables_;         // positive, negative
+  int positives_[(reach + 1) * reach];  // voxels of the positive side
+  // What every voxel of the row being added brings to the tables.
+  struct RowTable {
+    Rounding rounding[padded];
+    std::uint64_t fixed[padded];
+    int one[padded];
+  };
+  RowTable row_[2];
 };
 
 /// One tile from its first plane to its last. `starts[block * grid.Z + z]` is the first slot of
 /// plane z of a block, counted from the first entry.
-template <int Bytes>
 [[gnu::always_inline]] inline void sumTile(RegionTile& tile, RegionTile::Slots& slots,
                                            const double* image, const char* label, Grid grid,
                                            int x0, int y0, std::span<const int> starts) {
-  std::array<RegionTile::Range, RegionTile::blocks> ranges;
+  constexpr int blocksARow = RegionTile::blocksARow, blockSide = RegionTile::blockSide;
+  std::array<std::span<RegionTile::Slot>, RegionTile::blocks> ranges;  // of one plane
   for (int z = 0; z < grid.Z; ++z) {
-    int used = 0;
     RegionTile::Area area;
     for (int block = 0; block < RegionTile::blocks; ++block) {
       const int* planes = &starts[block * grid.Z];
       const int first = planes[std::max(z - boxSize, 0)] - starts[0];
       const int last = planes[std::min(z + boxSize + 1, grid.Z)] - starts[0];
-      if (first == last) continue;
-      ranges[used++] = {first, last};
-      area.addBlock(block);
+      ranges[block] = std::span(slots.all).subspan(first, last - first);
+      if (first != last) area.addBlock(block);
     }
-    if (used == 0) continue;
-    const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(z) * grid.plane();
-    tile.build<Bytes>(image + plane, label + plane, grid.X, grid.Y, x0, y0, area);
-    tile.addPlane(slots, std::span(ranges).first(used));
+    if (area.x0 >= area.x1) continue;
+    const std::ptrdiff_t voxel = static_cast<std::ptrdiff_t>(z) * grid.plane();
+    const RegionTile::Plane plane{image + voxel, label + voxel, grid.X, grid.Y};
+    tile.clear(area);
+    // Blocks are served as soon as the tables reach far enough, while these are in cache.
+    int rows = area.y0;
+    for (int y = area.y0; y < area.y1; y += blockSide) {
+      const int last = y + blockSide + RegionTile::window - 1;
+      tile.buildRows(plane, x0, y0, area, rows, last);
+      rows = last;
+      tile.addPlane(slots, std::span(ranges).subspan(y / blockSide * blocksARow, blocksARow));
+    }
   }
 }
 
@@ -573,18 +519,18 @@ using TileKernel = void(RegionTile&, RegionTile::Slots&, const double*, const ch
 inline void sumTilePortable(RegionTile& tile, RegionTile::Slots& slots, const double* image,
                             const char* label, Grid grid, int x0, int y0,
                             std::span<const int> starts) {
-  sumTile<16>(tile, slots, image, label, grid, x0, y0, starts);
+  sumTile(tile, slots, image, label, grid, x0, y0, starts);
 }
 #if defined(__x86_64__)
 [[gnu::target("avx2,bmi,bmi2,popcnt")]] inline void sumTileAvx2(
     RegionTile& tile, RegionTile::Slots& slots, const double* image, const char* label, Grid grid,
     int x0, int y0, std::span<const int> starts) {
-  sumTile<32>(tile, slots, image, label, grid, x0, y0, starts);
+  sumTile(tile, slots, image, label, grid, x0, y0, starts);
 }
 [[gnu::target("avx2,bmi,bmi2,popcnt,avx512f,avx512bw,avx512dq,avx512vl")]] inline void
 sumTileAvx512(RegionTile& tile, RegionTile::Slots& slots, const double* image, const char* label,
               Grid grid, int x0, int y0, std::span<const int> starts) {
-  sumTile<64>(tile, slots, image, label, grid, x0, y0, starts);
+  sumTile(tile, slots, image, label, grid, x0, y0, starts);
 }
 #endif
 
@@ -605,11 +551,12 @@ class RegionSummer {
   void sum(const double* image, const char* label, Grid grid, std::span<const int> centres,
            std::span<RegionSums> sums, int threads = 1,
            InstructionSet instructions = widestInstructionSet()) {
-    constexpr int side = RegionTile::side;
+    // Smaller tiles have wider margins for their size, but keep several threads busy.
+    const int side = threads > 1 ? RegionTile::side / 2 : RegionTile::side;
     const int tilesX = (grid.X + side - 1) / side;
     const int tilesY = (grid.Y + side - 1) / side;
     const std::size_t planesATile = static_cast<std::size_t>(RegionTile::blocks) * grid.Z;
-    sortByTile(grid, centres, tilesX, planesATile * tilesX * tilesY);
+    sortByTile(grid, centres, side, tilesX, planesATile * tilesX * tilesY);
     parallelFor(threads, tilesX * tilesY, [&](int t) {
       const auto starts = std::span(starts_).subspan(t * planesATile, planesATile + 1);
       const auto mine = std::span(order_).subspan(starts.front(), starts.back() - starts.front());
@@ -618,18 +565,17 @@ class RegionSummer {
       const int y0 = t / tilesX * side;
       std::unique_ptr<Worker> worker = borrowWorker();
       RegionTile::Slots& slots = worker->slots;
-      slots.reset(static_cast<int>(mine.size()));
+      slots.resize(mine.size());
       for (std::size_t i = 0; i < mine.size(); ++i) {
         const int x = centres[mine[i]] % grid.X - x0;
         const int y = centres[mine[i]] / grid.X % grid.Y - y0;
-        slots.place[i] = y * RegionTile::side + x;
-        slots.valuePlace[i] = y * RegionTile::reach + x;
+        slots.all[i] = {{}, y * RegionTile::reach + x, 0};
       }
       kernelFor(instructions)(worker->tile, slots, image, label, grid, x0, y0, starts);
       for (std::size_t i = 0; i < mine.size(); ++i) {
-        sums[mine[i]] = {std::bit_cast<double>(slots.sum[0][i]),
-                         std::bit_cast<double>(slots.sum[1][i]), slots.voxels[i],
-                         boxVoxels(grid, centres[mine[i]]) - slots.voxels[i]};
+        const RegionTile::Slot& slot = slots.all[i];
+        sums[mine[i]] = {std::bit_cast<double>(slot.sum[0]), std::bit_cast<double>(slot.sum[1]),
+                         slot.positives, boxVoxels(grid, centres[mine[i]]) - slot.positives};
       }
       returnWorker(std::move(worker));
     });
@@ -642,9 +588,21 @@ class RegionSummer {
     RegionTile::Slots slots;
   };
 
-  /// order_ = the voxels by tile, block and plane, starts_ = where each of these begins.
-  void sortByTile(Grid grid, std::span<const int> centres, int tilesX, std::size_t buckets) {
-    constexpr int side = RegionTile::side, blockSide = RegionTile::blockSide;
+  /// order_ = the voxels by tile, block, plane, row and column, starts_ = where each block's planes
+  /// begin. A radix sort of two passes.
+  void sortByTile(Grid grid, std::span<const int> centres, int side, int tilesX,
+                  std::size_t buckets) {
+    constexpr int blockSide = RegionTile::blockSide;
+    const auto column = [&](int g) {
+      return g / grid.X % grid.Y % blockSide * blockSide + g % grid.X % blockSide;
+    };
+    std::array<int, blockSide * blockSide + 1> starts{};
+    for (const int g : centres) ++starts[column(g) + 1];
+    std::partial_sum(starts.begin(), starts.end(), starts.begin());
+    next_.resize(centres.size());
+    for (std::size_t i = 0; i < centres.size(); ++i) {
+      next_[starts[column(centres[i])]++] = static_cast<int>(i);
+    }
     const auto bucket = [&](int g) {
       const int x = g % grid.X, y = g / grid.X % grid.Y, z = g / grid.plane();
       const int block = y % side / blockSide * RegionTile::blocksARow + x % side / blockSide;
@@ -652,13 +610,13 @@ class RegionSummer {
       return (static_cast<std::size_t>(tile) * RegionTile::blocks + block) * grid.Z + z;
     };
     starts_.assign(buckets + 1, 0);
+    for (const int g : centres) ++starts_[bucket(g)];
+    std::exclusive_scan(starts_.begin(), starts_.end(), starts_.begin(), 0);
     order_.resize(centres.size());
-    for (const int g : centres) ++starts_[bucket(g) + 1];
-    std::partial_sum(starts_.begin(), starts_.end(), starts_.begin());
-    next_.assign(starts_.begin(), starts_.end() - 1);
-    for (std::size_t i = 0; i < centres.size(); ++i) {
-      order_[next_[bucket(centres[i])]++] = static_cast<int>(i);
-    }
+    for (const int i : next_) order_[starts_[bucket(centres[i])]++] = i;
+    // Every bucket's place has moved on to the next one's.
+    std::copy_backward(starts_.begin(), starts_.end() - 1, starts_.end());
+    starts_.front() = 0;
   }
 
   std::unique_ptr<Worker> borrowWorker() {

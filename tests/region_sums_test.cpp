@@ -28,6 +28,7 @@ const Case cases[] = {
     {"bytes", [](Random& r) { return r.below(256); }},
     {"two values", [](Random& r) { return r.below(2); }},
     {"ones", [](Random&) { return 1.0; }},  // every power of two is met exactly
+    {"up to four", [](Random& r) { return r.between(0, 4); }},  // sums leave the tables at the top
     {"just below one", [](Random&) { return std::nextafter(1.0, 0.0); }},
     // Odd multiples of half an ulp of sums in [2^e, 2^(e+1)), for small to large e.
     {"half-way", [](Random& r) { return std::ldexp(2 * r.below(1 << 20) + 1, r.below(12) - 53); }},
