@@ -125,7 +125,7 @@ std::vector<char> readReference(const std::string& path, double closeMm) {
 void growWithin(std::vector<char>& mask, const std::vector<double>& squared, double radius,
                 char value) {
   for (std::size_t v = 0; v < mask.size(); ++v)
-    if (squared[v] <= radius * radius * (1 + 1e-9)) mask[v] = value;
+    if (squared[v] <= radius * radius * (1 + 1e-6)) mask[v] = value;
 }
 
 /// Calls f(opening radius, closing radius, mask) for all pairs of radii, with every distance map
