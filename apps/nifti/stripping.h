@@ -22,7 +22,7 @@ namespace tavrel::nifti {
 /// choice takes kUsualW5, kThinW5 where the mask of the half resolution is thin and does not leak
 /// with it, and less than kUsualW5 in steps of kW5Step while the mask leaks.
 inline constexpr char kDefaultW5[] = "auto";
-inline constexpr double kUsualW5 = 1.1, kThinW5 = 1.2, kLeastW5 = 0.7, kW5Step = 0.1;
+inline constexpr double kUsualW5 = 1.0, kThinW5 = 1.1, kLeastW5 = 0.7, kW5Step = 0.1;
 inline constexpr FinishSettings kDefaultFinish = {
     .openMm = 3, .largest = true, .closeMm = 6, .fillHoles = true};
 
