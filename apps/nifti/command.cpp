@@ -71,8 +71,9 @@ std::vector<std::byte> picture(const std::string& name, const Scan& scan,
   intensities(scan, values);
   const auto voxels = double(std::count(stripped.mask.begin(), stripped.mask.end(), 1));
   char caption[100];
-  std::snprintf(caption, sizeof caption, "%.0f mL   W5 %.2f%s",
+  std::snprintf(caption, sizeof caption, "%.0f mL   W5 %.2f%s%s",
                 millilitres(voxels, scan.header.spacing), stripped.w5,
+                stripped.leaks ? "   SEEMS TO LEAK" : "",
                 scan.header.orientation ? "" : "   orientation unknown, cuts as stored");
   return drawPicture({values, stripped.mask, scan.header.size, scan.header.spacing,
                       scan.header.orientation, name, caption});
