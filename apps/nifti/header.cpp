@@ -2,6 +2,7 @@
 
 #include <nifti/nifti2_io.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -54,7 +55,8 @@ void readSizes(const Fields& fields, Header& header) {
       header.volumes *= n;
       continue;
     }
-    const std::int64_t whole = (n + 3) / 4 * 4;  // the pipeline pads to multiples of four
+    // The pipeline pads to multiples of four.
+    const std::int64_t whole = (std::min(n, kMostVoxels) + 3) / 4 * 4;
     if (n > kMostVoxels || padded > kMostVoxels / whole)
       throw ScanError("has more voxels than fit the 32-bit sizes of the method");
     padded *= whole;
