@@ -1,6 +1,7 @@
 #include "scan.h"
 
 #include <nifti/nifti2_io.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <cerrno>
@@ -18,19 +19,41 @@
 namespace tavrel::nifti {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr std::size_t kChunk = std::size_t(1) << 16;
 constexpr std::uint64_t kMostInflation = 1040;  // DEFLATE packs no tighter than 1032 to 1
+
+/// Refuses what is not a file that can be read. Pipes are found out before they are opened, which
+/// would wait for a writer. @throws ScanError with the reason
+void checkRegular(const std::string& path) {
+  std::error_code failure;
+  switch (fs::status(path, failure).type()) {
+    case fs::file_type::regular:
+      break;
+    case fs::file_type::directory:
+      throw ScanError("is a folder");
+    case fs::file_type::not_found:
+      throw ScanError("does not exist");
+    case fs::file_type::none:
+      throw ScanError(text("cannot be opened: ", failure.message()));
+    default:
+      throw ScanError("is not a regular file");
+  }
+  if (access(path.c_str(), R_OK) != 0)
+    throw ScanError(text("cannot be opened: ", std::strerror(errno)));
+}
 
 /// A plain or gzip-compressed file. The NIfTI library's own stream does not tell a damaged file
 /// from its end; zlib's does.
 class GzipFile {
  public:
-  explicit GzipFile(const std::string& path) : file_(gzopen(path.c_str(), "rb"), gzclose) {
+  explicit GzipFile(const std::string& path) {
+    checkRegular(path);
+    file_.reset(gzopen(path.c_str(), "rb"));
     if (!file_) throw ScanError(text("cannot be opened: ", std::strerror(errno)));
     gzbuffer(file_.get(), 1 << 18);
-    std::error_code failure;
-    if (!std::filesystem::is_regular_file(path, failure)) throw ScanError("is not a regular file");
-    const std::uint64_t size = std::filesystem::file_size(path, failure);
+    const std::uint64_t size = fs::file_size(path);
     atMost_ = gzdirect(file_.get()) ? size : size * kMostInflation;
   }
 
@@ -54,7 +77,7 @@ class GzipFile {
     return colon == std::string::npos ? message : message.substr(colon + 2);
   }
 
-  std::unique_ptr<gzFile_s, int (*)(gzFile)> file_;
+  std::unique_ptr<gzFile_s, int (*)(gzFile)> file_{nullptr, gzclose};
   std::uint64_t atMost_ = 0;
 };
 
@@ -153,15 +176,15 @@ std::string found(char* name) {
 }  // namespace
 
 std::string findHeaderFile(const std::string& name) {
-  if (std::filesystem::is_directory(name)) throw ScanError("is a folder");
+  nifti_set_debug_level(0);  // the library writes nothing of its own
+  std::error_code failure;
+  if (fs::exists(name, failure)) checkRegular(name);
   const std::string path = found(nifti_findhdrname(name.c_str()));
   if (!path.empty()) return path;
-  if (std::filesystem::exists(name)) {
-    if (name.ends_with(".img") || name.ends_with(".img.gz"))
-      throw ScanError("has no header file (.hdr) beside it");
-    throw ScanError("does not end in .nii, .nii.gz, .hdr or .img");
-  }
-  throw ScanError("does not exist");
+  checkRegular(name);
+  if (name.ends_with(".img") || name.ends_with(".img.gz"))
+    throw ScanError("has no header file (.hdr) beside it");
+  throw ScanError("does not end in .nii, .nii.gz, .hdr or .img");
 }
 
 Scan readScan(const std::string& name, std::optional<std::int64_t> volume) {
@@ -169,7 +192,7 @@ Scan readScan(const std::string& name, std::optional<std::int64_t> volume) {
   std::string image;
   const auto openImage = [&] {
     image = found(nifti_findimgname(path.c_str(), NIFTI_FTYPE_NIFTI1_2));
-    if (image.empty() || std::filesystem::equivalent(image, path))
+    if (image.empty() || fs::equivalent(image, path))
       throw ScanError("has no image file (.img) beside it");
     return openSource(image);
   };

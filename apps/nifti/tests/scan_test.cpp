@@ -1,6 +1,7 @@
 #include "scan.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cmath>
 #include <limits>
@@ -237,6 +238,15 @@ TEST(Scan, UnusableHeadersAreRefusedWithAReason) {
         << offset;
   EXPECT_TRUE(refusalAfter([](auto& h) { h.vox_offset = 1e9f; }).starts_with("is truncated"));
 
+  nifti_2_header large = {};
+  large.sizeof_hdr = sizeof large;
+  std::memcpy(large.magic, "n+2", 4);
+  large.dim[0] = 3;
+  large.dim[1] = large.dim[2] = large.dim[3] = std::numeric_limits<std::int64_t>::max();
+  EXPECT_THROW(parseHeader(std::as_bytes(std::span(&large, 1))), ScanError);
+
+  mkfifo((folder / "pipe.nii").c_str(), 0600);
+  EXPECT_EQ(refusal(folder / "pipe.nii"), "is not a regular file");
   EXPECT_EQ(refusal(folder / "missing.nii"), "does not exist");
   EXPECT_EQ(refusal(folder.path()), "is a folder");
   writeBytes(folder / "text.txt", {'h', 'i'});
