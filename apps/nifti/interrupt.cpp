@@ -10,8 +10,11 @@ volatile std::sig_atomic_t arrived = 0;
 
 void note(int signal) { arrived = signal; }
 
+/// A signal that the command was started to ignore, as nohup does with SIGHUP, stays ignored.
 void handle(int signal, void (*handler)(int)) {
   struct sigaction action = {};
+  sigaction(signal, nullptr, &action);
+  if (action.sa_handler == SIG_IGN) return;
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   action.sa_flags = SA_RESTART;

@@ -11,8 +11,8 @@ struct Interrupted {
   int signal;  ///< number of the signal; the exit status is 128 plus it
 };
 
-/// Installs the handlers for SIGINT, SIGTERM and SIGHUP, and ignores SIGPIPE, so that a reader that
-/// went away shows up as a failed write.
+/// Installs the handlers for those of SIGINT, SIGTERM and SIGHUP that are not ignored already, and
+/// ignores SIGPIPE, so that a reader that went away shows up as a failed write.
 void catchSignals();
 
 /// @throws Interrupted if a signal has arrived since catchSignals().
