@@ -14,8 +14,10 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-json settingsEntry(const StripSettings& settings) {
+json settingsEntry(const Options& options) {
+  const StripSettings& settings = options.strip;
   json entry;
+  entry["volume"] = options.volume ? json(*options.volume) : json();
   entry["w5"] = settings.w5 ? json(*settings.w5) : json("auto");
   entry["resample_mm"] = settings.resampleMm ? json(*settings.resampleMm) : json();
   entry["threads"] = settings.threads;
@@ -54,7 +56,7 @@ std::string sha256(const std::filesystem::path& file) {
 json newReport(const Options& options) {
   return {{"program", "tavrel-nifti"},
           {"version", kVersion},
-          {"settings", settingsEntry(options.strip)},
+          {"settings", settingsEntry(options)},
           {"scans", json::array()}};
 }
 
