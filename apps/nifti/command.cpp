@@ -125,7 +125,8 @@ nlohmann::ordered_json stripOne(const std::string& input, const Options& options
   for (const std::string& line : scan.header.notices) notice(line);
   if (!options.strip.resampleMm) notice(spacingNotice(scan.header));
 
-  const Stripped stripped = stripScan(imageOf(scan), grid, options.strip, progress.observer(grid));
+  const Stripped stripped = stripScan(imageOf(scan), grid, options.strip,
+                                      progress.observer(strippingGrid(grid, options.strip)));
   const auto voxels = std::count(stripped.mask.begin(), stripped.mask.end(), 1);
   if (voxels == 0 && options.strip.finish)
     throw ScanError("shows no brain to the method (the mask is empty)");

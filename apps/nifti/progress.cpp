@@ -12,7 +12,7 @@ namespace tavrel::nifti {
 namespace {
 
 constexpr double kFirstRatio = 0.1, kLastRatio = 0.0002;
-constexpr int kBar = 20;
+constexpr int kBar = 12;
 constexpr auto kPause = std::chrono::milliseconds(80);  // between two live lines
 
 template <class... Args>
@@ -61,15 +61,13 @@ void Progress::clear() {
 
 void Progress::live(const std::string& what) {
   if (style_ != Style::live) return;
-  std::string line = name_ + "  " + what + print("  %.0f s", seconds());
-  // The end of a long name gives way to the figures.
-  const int most = columns_ - kBar - 5;
-  if (int(line.size()) > most) {
-    const int cut = std::min(int(name_.size()), int(line.size()) - most + 2);
-    line = text("..", line.substr(std::size_t(cut)));
-    line.resize(std::size_t(std::max(0, std::min(int(line.size()), most))));
-  }
-  out_ << "\r\033[K" << bar(fraction_) << "  " << line << std::flush;
+  const std::string figures = "  " + what + print("  %.0f s", seconds());
+  std::string name = name_.substr(name_.rfind('/') + 1);
+  // Folders and the end of a long name give way to the figures.
+  const auto room = std::size_t(std::max(0, columns_ - kBar - 5));
+  const std::size_t left = room - std::min(room, figures.size());
+  if (name.size() > left) name = name.substr(0, left - std::min<std::size_t>(left, 2)) + "..";
+  out_ << "\r\033[K" << bar(fraction_) << "  " << (name + figures).substr(0, room) << std::flush;
   shown_ = true;
   last_ = std::chrono::steady_clock::now();
 }
@@ -80,10 +78,11 @@ void Progress::showStep(const StepReport& step) {
   const double before = timeBefore(step.level, step.levels);
   const double share = timeBefore(step.level + 1, step.levels) - before;
   fraction_ = std::max(fraction_, before + share * convergence(step.ratio));
-  if (style_ != Style::live || std::chrono::steady_clock::now() - last_ < kPause) return;
   const double voxels = step.inside * std::pow(8.0, step.levels - 1 - step.level);
+  volume_ = millilitres(voxels, grid_.spacing);
+  if (style_ != Style::live || std::chrono::steady_clock::now() - last_ < kPause) return;
   live(run_ + print("  level %d/%d  iteration %d  %.0f mL", step.level + 1, step.levels,
-                    step.iteration + 1, millilitres(voxels, grid_.spacing)));
+                    step.iteration + 1, volume_));
 }
 
 StripObserver Progress::observer(const Grid& grid) {
@@ -96,13 +95,9 @@ StripObserver Progress::observer(const Grid& grid) {
   observer.onStep = [this](const StepReport& step) { showStep(step); };
   observer.onLevel = [this](int level, const LevelRecord& record) {
     if (style_ != Style::plain) return;
-    const double scale = double(grid_.size[0]) / record.size[0];
-    const double voxels = record.inside * std::pow(2.0, 3 * std::lround(std::log2(scale)));
     out_ << name_ << ": " << run_ << ", level " << level + 1 << ", " << record.size[0] << " x "
          << record.size[1] << " x " << record.size[2] << ", " << record.iterations
-         << " iterations, "
-         << print("%.0f mL, %.1f s", millilitres(voxels, grid_.spacing), record.seconds)
-         << std::endl;
+         << " iterations, " << print("%.0f mL, %.1f s", volume_, record.seconds) << std::endl;
   };
   return observer;
 }

@@ -36,7 +36,7 @@ class Progress {
 
   /// Callbacks for stripScan(), which must not outlive this object. `grid` is what is stripped on.
   StripObserver observer(const Grid& grid);
-  /// Says what is being done between the runs of the evolution (reading, finishing, writing).
+  /// Says what is being done before and after the evolution (reading, writing).
   void stage(const std::string& what);
   /// Removes the live line, to make room for other output.
   void clear();
@@ -55,6 +55,7 @@ class Progress {
   int columns_;
   Grid grid_;
   std::string run_;      // the weight of the run that goes on
+  double volume_ = 0;    // mL inside after the last step
   double fraction_ = 0;  // of the bar
   bool shown_ = false;   // a live line stands on the terminal
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();

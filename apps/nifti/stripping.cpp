@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 
 #include "body.h"
 #include "interrupt.h"
@@ -17,6 +18,9 @@ std::span<const double> voxels(const Image& image) {
 
 std::unique_ptr<Image> imageOnGrid(std::unique_ptr<Image> image, const Grid& from, const Grid& to) {
   if (from.size == to.size && from.spacing == to.spacing) return image;
+  // What is not a finite number must not spread to its neighbours.
+  for (double& value : std::span(image->p, voxelCount(from.size)))
+    if (!std::isfinite(value)) value = 0;
   const auto values = resample(voxels(*image), from, to);
   auto result = std::make_unique<Image>(to.size[0], to.size[1], to.size[2]);
   std::copy(values.begin(), values.end(), result->p);
@@ -83,7 +87,6 @@ class Evolution {
     watch.onStep = [&](const StepReport& step) {
       checkInterrupted();
       record.iterations = step.iteration + 1;
-      record.inside = step.inside;
       if (observer.onStep) observer.onStep(step);
     };
     watch.onLevel = [&](int level, Image& phi) {
@@ -171,24 +174,27 @@ Candidate chooseWeight(Evolution& evolution, const Grid& grid, const StripSettin
 
 }  // namespace
 
+Grid strippingGrid(const Grid& grid, const StripSettings& settings) {
+  return settings.resampleMm ? isotropicGrid(grid, *settings.resampleMm) : grid;
+}
+
 Stripped stripScan(std::unique_ptr<Image> image, const Grid& grid, const StripSettings& settings,
                    const StripObserver& observer) {
-  Stripped result;
-  result.grid = settings.resampleMm ? isotropicGrid(grid, *settings.resampleMm) : grid;
-  Evolution evolution(imageOnGrid(std::move(image), grid, result.grid), result.grid,
-                      settings.threads);
+  const Grid work = strippingGrid(grid, settings);
+  Evolution evolution(imageOnGrid(std::move(image), grid, work), work, settings.threads);
   checkInterrupted();
-  Candidate chosen = settings.w5 ? *tryWeight(evolution, *settings.w5, result.grid, settings,
-                                              observer, [](const MaskBody&) { return true; })
-                                 : chooseWeight(evolution, result.grid, settings, observer);
+  Candidate chosen = settings.w5 ? *tryWeight(evolution, *settings.w5, work, settings, observer,
+                                              [](const MaskBody&) { return true; })
+                                 : chooseWeight(evolution, work, settings, observer);
+  Stripped result;
   result.w5 = chosen.w5;
   result.leaks = chosen.leaks;
   result.levels = std::move(chosen.result.levels);
   result.mask = std::move(chosen.result.mask);
   std::vector<double>& phi = chosen.result.phi;
   if (settings.resampleMm) {
-    result.mask = resampleMask(result.mask, result.grid, grid);
-    if (settings.phi) phi = resample(phi, result.grid, grid);
+    result.mask = resampleMask(result.mask, work, grid);
+    if (settings.phi) phi = resample(phi, work, grid);
   }
   result.phi.assign(phi.begin(), phi.end());
   return result;

@@ -39,7 +39,6 @@ struct StripSettings {
 struct LevelRecord {
   Size size = {};
   int iterations = 0;
-  double inside = 0;  ///< voxels inside, of the level's grid
   double seconds = 0;
 };
 
@@ -57,12 +56,15 @@ struct Stripped {
   std::vector<float> phi;  ///< empty unless asked for; voxels of the grid stripped on
   double w5 = 0;           ///< the weight used
   bool leaks = false;      ///< the mask goes far beyond the firm part of the brain
-  Grid grid;               ///< the grid stripped on
   std::vector<LevelRecord> levels;
 };
 
 /// Values of a scan in the pipeline's own container.
 using Image = vox3DMat<double, char>;
+
+/// The grid that a scan of this grid is stripped on.
+/// @throws ScanError if it has too many voxels
+Grid strippingGrid(const Grid& grid, const StripSettings& settings);
 
 /// Runs the whole method; `image` is freed as soon as it is no longer needed.
 /// @throws Interrupted and whatever the observer throws
