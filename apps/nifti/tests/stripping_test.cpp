@@ -1,0 +1,57 @@
+#include "stripping.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+using namespace tavrel::nifti;
+
+const Grid kGrid = {{60, 60, 60}, {2, 2, 2}};
+
+/// A ball of tissue in dark fluid, joined to a slab before it by a beam of this thickness in mm.
+std::unique_ptr<Image> ballAndSlab(double beam) {
+  auto image = std::make_unique<Image>(60, 60, 60);
+  double* voxel = image->p;
+  for (int k = 0; k < 60; ++k)
+    for (int j = 0; j < 60; ++j)
+      for (int i = 0; i < 60; ++i) {
+        const double x = 2 * i - 59.0, y = 2 * j - 59.0, z = 2 * k - 59.0;
+        const double r = std::sqrt(x * x + (y + 10) * (y + 10) + z * z);
+        const bool inSlab = std::abs(x) < 50 && y > 34 && y < 56 && std::abs(z) < 50;
+        const bool inBeam = std::abs(x) < beam / 2 && std::abs(z) < beam / 2 && y > 0 && y < 56;
+        const int texture = (7 * i + 5 * j + 3 * k) % 11;
+        *voxel++ = r < 36 || inSlab || inBeam ? 95 + texture : r < 46 ? 20 : 5;
+      }
+  return image;
+}
+
+TEST(Stripping, LowersTheWeightWhileTheMaskLeaksAndSaysWhenThatDoesNotHelp) {
+  const StripSettings settings = {.finish = kDefaultFinish};
+  std::vector<double> runs;
+  StripObserver observer;
+  observer.onRun = [&](double w5) { runs.push_back(w5); };
+  const auto volume = [](const Stripped& stripped) {
+    return double(std::count(stripped.mask.begin(), stripped.mask.end(), 1)) * 0.008;  // mL
+  };
+  const double ball = 4.0 / 3 * M_PI * 3.6 * 3.6 * 3.6;
+
+  const Stripped sound = stripScan(ballAndSlab(0), kGrid, settings, observer);
+  EXPECT_EQ(runs, std::vector{kUsualW5});
+  EXPECT_EQ(sound.w5, kUsualW5);
+  EXPECT_FALSE(sound.leaks);
+  EXPECT_NEAR(volume(sound), ball, 0.25 * ball);
+
+  runs.clear();
+  const Stripped leaking = stripScan(ballAndSlab(12), kGrid, settings, observer);
+  ASSERT_EQ(runs.size(), 4u);
+  for (std::size_t i = 0; i < runs.size(); ++i)
+    EXPECT_NEAR(runs[i], kUsualW5 - 0.1 * double(i), 1e-9);
+  EXPECT_NEAR(leaking.w5, kLeastW5, 1e-9);
+  EXPECT_TRUE(leaking.leaks);
+  EXPECT_GT(volume(leaking), 2 * ball);
+}
+
+}  // namespace
