@@ -30,15 +30,36 @@ int terminalColumns() {
   return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
+void makeFolder(const fs::path& folder) {
+  std::error_code failure;
+  fs::create_directories(folder, failure);
+  if (failure) throw OutputError(text(folder.string(), " cannot be made: ", failure.message()));
+}
+
 /// Complains before the work begins about outputs that could not be written after it.
 void checkTarget(const fs::path& target, bool force) {
-  if (fs::is_directory(target)) throw OutputError(text(target.string(), " is a folder"));
-  if (!force && fs::exists(target))
-    throw OutputError(text(target.string(), " exists; --force overwrites it"));
+  std::error_code failure;
   const fs::path folder = target.has_parent_path() ? target.parent_path() : ".";
-  if (!fs::is_directory(folder)) throw OutputError(text(folder.string(), " is not a folder"));
-  if (access(folder.c_str(), W_OK) != 0)
+  if (!fs::is_directory(folder, failure))
+    throw OutputError(text(folder.string(), " is not a folder",
+                           failure ? " (" + failure.message() + ")" : std::string()));
+  if (access(folder.c_str(), W_OK | X_OK) != 0)
     throw OutputError(text(folder.string(), " is not writable"));
+  const fs::file_type type = fs::status(target, failure).type();
+  if (type == fs::file_type::none)
+    throw OutputError(text(target.string(), " cannot be written: ", failure.message()));
+  if (type == fs::file_type::directory) throw OutputError(text(target.string(), " is a folder"));
+  if (!force && type != fs::file_type::not_found)
+    throw OutputError(text(target.string(), " exists; --force overwrites it"));
+}
+
+/// Complains about outputs that would replace a file of the scan itself.
+void checkNotInput(const Scan& scan, const OutputPaths& paths) {
+  std::error_code failure;
+  for (const fs::path& target : paths.all())
+    for (const std::string& input : {scan.path, scan.imagePath})
+      if (fs::equivalent(target, input, failure) && !failure)
+        throw OutputError(text(target.string(), " is the scan itself"));
 }
 
 /// What the user should know about a scan's voxel sizes, or nothing.
@@ -117,6 +138,7 @@ nlohmann::ordered_json stripOne(const std::string& input, const Options& options
   for (const auto& path : paths.all()) checkTarget(path, options.force);
   progress.stage("reading");
   const Scan scan = readScan(input, options.volume);
+  checkNotInput(scan, paths);
   const Grid grid{scan.header.size, scan.header.spacing};
   const auto notice = [&](const std::string& line) {
     progress.clear();
@@ -163,7 +185,7 @@ std::string reason() {
 int stripAll(const Options& options) {
   nlohmann::ordered_json report = newReport(options);
   std::vector<std::string> failed;
-  if (!options.outDir.empty()) fs::create_directories(options.outDir);
+  if (!options.outDir.empty()) makeFolder(options.outDir);
   if (!options.json.empty()) checkTarget(options.json, options.force);
   for (const std::string& input : options.inputs) {
     try {

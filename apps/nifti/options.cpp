@@ -36,9 +36,16 @@ double parseNumber(const std::string& option, const std::string& value) {
   return number;
 }
 
-void checkImageName(const std::string& option, const std::string& name) {
-  if (name.empty() || name == kNone || name.ends_with(".nii") || name.ends_with(".nii.gz")) return;
-  throw CLI::ValidationError(option, "\"" + name + "\" does not end in .nii or .nii.gz");
+/// Refuses the name of a single output that has none of the endings.
+void checkEnding(const std::string& option, const std::string& name,
+                 std::initializer_list<const char*> endings) {
+  if (name.empty() || name == kNone) return;
+  std::string list;
+  for (const char* ending : endings) {
+    if (name.ends_with(ending)) return;
+    list += (list.empty() ? "" : " or ") + std::string(ending);
+  }
+  throw CLI::ValidationError(option, "\"" + name + "\" does not end in " + list);
 }
 
 /// The input's file name without what marks it as an image.
@@ -50,7 +57,11 @@ std::string stem(const std::string& input) {
 }
 
 std::string key(const std::filesystem::path& path) {
-  return std::filesystem::weakly_canonical(std::filesystem::absolute(path)).string();
+  // Where the file system does not tell, the names themselves have to do.
+  std::error_code failure;
+  const auto absolute = std::filesystem::absolute(path, failure);
+  const auto canonical = std::filesystem::weakly_canonical(absolute, failure);
+  return (failure ? absolute.lexically_normal() : canonical).string();
 }
 
 /// Refuses runs in which two files would end up under one name.
@@ -107,9 +118,10 @@ Options parseOptions(int argc, char** argv) {
       ->group("Outputs");
   app.add_flag("--force", o.force, "Overwrite outputs that exist")->group("Outputs");
 
-  app.add_option("--w5", w5,
-                 "Weight of the comparison with the surroundings; larger values give larger brains. "
-                 "auto: 1.0, but 1.1 where the mask is thin, and less, down to 0.7, while it leaks")
+  app.add_option(
+         "--w5", w5,
+         "Weight of the comparison with the surroundings; larger values give larger brains. "
+         "auto: 1.0, but 1.1 where the mask is thin, and less, down to 0.7, while it leaks")
       ->type_name("X|auto")
       ->capture_default_str()
       ->group("Method");
@@ -173,9 +185,10 @@ Options parseOptions(int argc, char** argv) {
         if (option->count() && option->as<std::string>() != kNone)
           throw CLI::ValidationError(
               option->get_name(), "names one output, but there are several scans; use --out-dir");
-    checkImageName("--brain", o.brain);
-    checkImageName("--mask", o.mask);
-    checkImageName("--phi", o.phi);
+    for (const auto& [option, name] :
+         {std::pair{"--brain", o.brain}, {"--mask", o.mask}, {"--phi", o.phi}})
+      checkEnding(option, name, {".nii", ".nii.gz"});
+    checkEnding("--qc", o.qc, {".png"});
     o.strip.phi = !o.phi.empty() && o.phi != kNone;
     checkCollisions(o);
   } catch (const CLI::ParseError& error) {

@@ -264,6 +264,11 @@ TEST_F(Command, LeavesNothingBehindWhereItCannotWrite) {
   const Result unwritable = run({name("scan.nii.gz"), "--w5", "1.0", "--mask", "/proc/mask.nii"});
   EXPECT_EQ(unwritable.status, 2);
   EXPECT_NE(unwritable.err.find("/proc"), std::string::npos) << unwritable.err;
+  // By the stem alone, the scan's file is known only once it has been found.
+  const Result itself = run({name("scan"), "--brain", name("scan.nii.gz"), "--force"});
+  EXPECT_EQ(itself.status, 2);
+  EXPECT_NE(itself.err.find("is the scan itself"), std::string::npos) << itself.err;
+  EXPECT_EQ(run({name("scan.nii.gz"), "--mask", name(std::string(300, 'm') + ".nii")}).status, 2);
   EXPECT_EQ(folder_.list(), onlyScan_);
   if (geteuid() != 0) {
     fs::permissions(folder_.path(), fs::perms::owner_read | fs::perms::owner_exec);
@@ -288,10 +293,13 @@ TEST_F(Command, CtrlCLeavesNoFile) {
   const FileLayout layout{.size = {120, 130, 120}};
   writeNifti(folder_ / "large.nii", layout, phantom<std::int16_t>(layout, 200));
   const auto before = folder_.list();
-  Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--w5", "1.0"});
+  Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--w5", "1.0"},
+                  [] { signal(SIGHUP, SIG_IGN); });  // as nohup starts it
   for (int wait = 0; wait < 3000 && process.out().empty(); ++wait)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   ASSERT_NE(process.out().find("level 1"), std::string::npos);
+  kill(process.id(), SIGHUP);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
   kill(process.id(), SIGINT);
   const Result result = process.wait();
   EXPECT_EQ(result.status, 130);
@@ -313,6 +321,7 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
       {scan, "--threads", "0"},
       {scan, "--nonsense"},
       {scan, "--mask", "mask.img"},
+      {scan, "--qc", "picture.jpg"},
       {scan, "--mask", name("same.nii"), "--brain", name("same.nii")},
       {scan, "--force", "--brain", scan},
       {scan, name("other.nii"), "--brain", name("b.nii")},
@@ -334,10 +343,20 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
 
 TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {
   const std::string scan = name("scan.nii.gz");
-  ASSERT_EQ(run({scan, "--w5", "1.0", "--brain", "none", "--qc", "none", "--resample", "1.5",
-                 "--phi", name("phi.nii.gz")})
-                .status,
-            0);
+  const Result result = run({scan, "--w5", "1.0", "--brain", "none", "--qc", "none", "--resample",
+                             "0.75", "--phi", name("phi.nii.gz")});
+  ASSERT_EQ(result.status, 0);
+  // The volume of a level is that of the finer grid: near the mask's, not several times as much.
+  const auto millilitres = [&](std::size_t from) {
+    std::istringstream words(result.out.substr(from));
+    std::string last, word;
+    while (words >> word && !word.starts_with("mL")) last = word;
+    return std::stod(last);
+  };
+  const double level = millilitres(result.out.find("level 3")),
+               mask = millilitres(result.out.rfind(name("scan.nii.gz: ")));
+  EXPECT_GT(level, 0.4 * mask);
+  EXPECT_LT(level, 1.2 * mask);
   const Bytes resampled = inflate(name("scan_brain_mask.nii.gz"));
   EXPECT_EQ(inflate(name("phi.nii.gz")).size(), 352 + 4u * 37 * 42 * 40);
   const auto maskWith = [&](const char* threads) {
