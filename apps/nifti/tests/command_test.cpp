@@ -295,7 +295,7 @@ TEST_F(Command, CtrlCLeavesNoFile) {
   const auto before = folder_.list();
   Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--w5", "1.0"},
                   [] { signal(SIGHUP, SIG_IGN); });  // as nohup starts it
-  for (int wait = 0; wait < 3000 && process.out().empty(); ++wait)
+  for (int wait = 0; wait < 12000 && process.out().empty(); ++wait)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   ASSERT_NE(process.out().find("level 1"), std::string::npos);
   kill(process.id(), SIGHUP);
