@@ -150,8 +150,23 @@ class alignas(hugePage) RegionTile {
     }
   };
 
-  /// Starts the tables of a plane for an area of the tile: no rows.
-  void clear(Area area) {
+  /// A plane of the grid: image and labels from its first voxel on.
+  struct Plane {
+    const double* image;
+    const char* label;
+    int X, Y;
+  };
+
+  /// Starts the tables of a plane for an area of the tile, whose first column is (x0, y0) of the
+  /// grid: no rows.
+  void start(const Plane& plane, int x0, int y0, Area area) {
+    plane_ = plane;
+    x0_ = x0 - boxSize;
+    y0_ = y0 - boxSize;
+    begin_ = std::max(0, -x0_);
+    end_ = std::min(reach, plane.X - x0_);
+    for (int j = 0; j < padded; ++j) inGrid_[j] = -std::uint64_t{j >= begin_ && j < end_};
+    x_ = {area.x0, std::min(area.x1, plane.X - x0)};
     const int first = area.y0 * reach + area.x0, last = area.y0 * reach + area.x1;
     for (Table& table : tables_) {
       std::fill(table.total + first, table.total + last, 0);
@@ -160,23 +175,13 @@ class alignas(hugePage) RegionTile {
     std::fill(positives_ + first, positives_ + last, 0);
   }
 
-  /// A plane of the grid: image and labels from its first voxel on.
-  struct Plane {
-    const double* image;
-    const char* label;
-    int X, Y;
-  };
-
-  /// Adds rows [first, last) to the tables of the area's columns. The tile's first column is
-  /// (x0, y0) of the grid. Voxels outside the grid belong to neither side.
-  [[gnu::always_inline]] void buildRows(const Plane& plane, int x0, int y0, Area area, int first,
-                                        int last) {
-    const int end = std::min(area.x1, plane.X - x0);
+  /// Adds rows [first, last) to the tables of the area's columns. Voxels outside the grid belong to
+  /// neither side.
+  [[gnu::always_inline]] void addRows(int first, int last) {
     for (int r = first; r < last; ++r) {
-      RowVoxels row;
-      readRow(plane, x0 - boxSize, y0 - boxSize + r, r, row);
-      roundRow(row, area.x0, end + window - 1);
-      addRow(r, area.x0, end);
+      readRow(r);
+      roundRow();
+      slideOver(r);
     }
   }
 
@@ -189,10 +194,10 @@ class alignas(hugePage) RegionTile {
         slot.positives += positives_[at + window * reach] - positives_[at];
 #pragma GCC unroll 2
         for (int s = 0; s < 2; ++s) {
-          const Step step = addRows(tables_[s], at, at + window * reach, slot.sum[s]);
-          slot.sum[s] = step.sum;
+          const Step next = step(tables_[s], at, at + window * reach, slot.sum[s]);
+          slot.sum[s] = next.sum;
           *unfinished[s] = &slot;
-          unfinished[s] += !step.valid;
+          unfinished[s] += !next.valid;
         }
       }
     }
@@ -214,8 +219,9 @@ class alignas(hugePage) RegionTile {
   static constexpr int firstBinade = 5;  ///< the tables serve sums from 2^5 ...
   static constexpr int binades = 8;      ///< ... to below 2^13
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr double smallest = 1.0 / (1LL << fractionBits);  ///< they serve values from here
-  static constexpr double limit = 4;                               ///< ... to below this, and 0
+  static constexpr int leastExponent = 1023 - fractionBits;  ///< they serve values from 2^-48 ...
+  static constexpr int limitExponent = 1023 + 2;             ///< ... to below 4, and 0
+  static constexpr std::uint64_t ulps = std::uint64_t{1} << 52;  ///< of a binade
   static constexpr std::uint32_t tieUnit = 1 << 21;
   static_assert(window * window << (binades - 1) < tieUnit / 2);
 
@@ -226,7 +232,7 @@ class alignas(hugePage) RegionTile {
   struct Table {
     std::uint64_t total[(reach + 1) * reach];  ///< sums of F
     Rounding rounding[(reach + 1) * reach];
-    double value[reach * reach + 3];  ///< the voxel, 0 if it is not on this side; room for a vector
+    double value[reach * reach + 4];  ///< the voxel, 0 if it is not on this side; room for a vector
   };
 
   /// The binade of a sum, counted from the first one served; `binades` or more if none of them.
@@ -240,16 +246,15 @@ class alignas(hugePage) RegionTile {
     bool valid;
   };
   /// Adds the rows between two entries of a table.
-  [[gnu::always_inline]] static Step addRows(const Table& table, std::ptrdiff_t from,
-                                             std::ptrdiff_t to, std::uint64_t sum) {
+  [[gnu::always_inline]] static Step step(const Table& table, std::ptrdiff_t from,
+                                          std::ptrdiff_t to, std::uint64_t sum) {
     const std::uint64_t binade = binadeOf(sum);
     const bool served = binade < binades;
     const std::uint64_t k = served ? binade : 0;
     const std::uint32_t rounding = lane(table.rounding[to], k) - lane(table.rounding[from], k);
+    const auto correction = static_cast<std::uint64_t>(static_cast<std::int32_t>(rounding));
     const std::uint64_t total = table.total[to] - table.total[from];
-    const std::uint64_t next =
-        sum +
-        ((total + static_cast<std::uint64_t>(static_cast<std::int32_t>(rounding))) >> (k + 1));
+    const std::uint64_t next = sum + ((total + correction) >> (k + 1));
     const std::uint64_t leaves = (next ^ sum) >> (served ? 52 : 0);
     const std::uint32_t ties = (rounding + tieUnit / 2) / tieUnit;
     const bool valid = (leaves | ties) == 0;
@@ -261,99 +266,99 @@ class alignas(hugePage) RegionTile {
     return value;
   }
 
-  /// A row of the tile with its margin, in arrays a little longer so that whole vectors fit.
-  static constexpr int padded = (reach + 7) / 8 * 8;
-  struct RowVoxels {
-    std::uint64_t inside[2][padded];  ///< all ones where the voxel is on the side
-    std::uint64_t fixed[padded];      ///< F
-    std::uint64_t exact[padded];      ///< tieUnit where F holds all of v
-    std::uint64_t unusable[padded];   ///< tieUnit where the tables do not serve v
-  };
+  /// Arrays of a row of the tile with its margin are a little longer, so that whole vectors fit.
+  static constexpr int lanes = 4;
+  static constexpr int padded = (reach + lanes - 1) / lanes * lanes;
+  typedef std::uint64_t Words [[gnu::vector_size(8 * lanes)]];
+  typedef std::int64_t SignedWords [[gnu::vector_size(8 * lanes)]];
+  // By reference, since passing vectors by value depends on the instruction set.
+  template <typename Vector, typename T>
+  [[gnu::always_inline]] static void load(Vector& to, const T* from) {
+    std::memcpy(&to, from, sizeof to);
+  }
 
-  /// Reads row y of the plane from x0 on as row r of the tables.
-  [[gnu::always_inline]] void readRow(const Plane& plane, int x0, int y, int r, RowVoxels& row) {
-    std::uint64_t bits[padded] = {};
-    std::int64_t sign[padded] = {};
-    if (y >= 0 && y < plane.Y) {
-      const int begin = std::max(0, -x0), end = std::min(reach, plane.X - x0);
-      const std::ptrdiff_t row0 = static_cast<std::ptrdiff_t>(y) * plane.X + x0;
-      std::memcpy(bits + begin, plane.image + (row0 + begin), (end - begin) * sizeof(double));
-      const auto* labels = reinterpret_cast<const signed char*>(plane.label + row0);
-      for (int j = begin; j < end; ++j) sign[j] = labels[j] * 2 - 1;
+  /// Reads row r of the tile. F of a voxel is the significand of v, shifted.
+  [[gnu::always_inline]] void readRow(int r) {
+    const int y = y0_ + r;
+    const bool outside = y < 0 || y >= plane_.Y;
+    if (!outside) {
+      const std::ptrdiff_t voxel = static_cast<std::ptrdiff_t>(y) * plane_.X + (x0_ + begin_);
+      std::memcpy(bits_ + begin_, plane_.image + voxel, (end_ - begin_) * sizeof(double));
+      std::memcpy(label_ + begin_, plane_.label + voxel, end_ - begin_);
     }
-    // The bit pattern of v >= 0 grows with v; F is its significand, shifted.
-    constexpr auto least = std::bit_cast<std::uint64_t>(smallest);
-    constexpr auto most = std::bit_cast<std::uint64_t>(limit);
-    constexpr std::uint64_t implicitBit = std::uint64_t{1} << 52;
-    for (int j = 0; j < padded; ++j) {
-      row.inside[0][j] = -std::uint64_t{sign[j] > 0};
-      row.inside[1][j] = -std::uint64_t{sign[j] < 0};
-    }
-    for (int j = 0; j < padded; ++j) {
-      const std::uint64_t served = -std::uint64_t{bits[j] - least < most - least};
-      const std::uint64_t significand = (bits[j] & (implicitBit - 1)) | implicitBit;
-      const std::uint64_t exponent = bits[j] >> 52;
-      const std::uint64_t shift = (1023 + 52 - fractionBits - exponent) & 63 & served;
-      const std::uint64_t fixed = (significand >> shift) & served;
-      row.fixed[j] = fixed;
-      row.exact[j] = (fixed << shift) == significand ? tieUnit : 0u;
-      row.unusable[j] = (served | -std::uint64_t{bits[j] == 0}) == 0 ? tieUnit : 0u;
-    }
-    for (int s = 0; s < 2; ++s) {
-      std::uint64_t masked[padded];
-      for (int j = 0; j < padded; ++j) masked[j] = bits[j] & row.inside[s][j];
-      std::memcpy(tables_[s].value + r * reach, masked, reach * sizeof(double));
+    for (int j = x_[0] / lanes * lanes; j < x_[1] + window - 1; j += lanes) {
+      typedef signed char Labels [[gnu::vector_size(lanes)]];
+      Labels labels;
+      Words bits, inGrid{};
+      load(labels, label_ + j);
+      load(bits, bits_ + j);
+      if (!outside) load(inGrid, inGrid_ + j);
+      const auto positive = (Words)(__builtin_convertvector(labels, SignedWords) > 0);
+      const Words inside[2] = {positive & inGrid, ~positive & inGrid};
+      const Words exponent = bits >> 52;  // and the sign
+      const auto served = (Words)(((SignedWords)exponent >= leastExponent) &
+                                  ((SignedWords)exponent < limitExponent));
+      const Words significand = (bits & (ulps - 1)) | ulps;
+      const Words shift = (1023 + 52 - fractionBits - exponent) & 63 & served;
+      const Words fixed = (significand >> shift) & served;
+      const auto exact = (Words)((fixed << shift) == significand);
+      const auto unusable = (Words)(bits != 0) & ~served;
+      row_.low[j / lanes] = fixed;
+      row_.exact[j / lanes] = exact & tieUnit;
+      row_.unusable[j / lanes] = unusable & tieUnit;
+      for (int s = 0; s < 2; ++s) {
+        row_.inside[s][j / lanes] = inside[s];
+        row_.fixed[s][j / lanes] = fixed & inside[s];
+        const Words value = bits & inside[s];
+        std::memcpy(tables_[s].value + r * reach + j, &value, sizeof value);
+      }
     }
   }
 
-  /// What each of the row's voxels [first, last) adds to the tables of both sides.
-  [[gnu::always_inline]] void roundRow(const RowVoxels& row, int first, int last) {
-    Rounding half, low;
+  /// The lower half of entry j of a row.
+  [[gnu::always_inline]] static std::uint32_t low(const Words* row, int j) {
+    return static_cast<std::uint32_t>(row[j / lanes][j % lanes]);
+  }
+
+  /// What each of the row's voxels adds to the sums of c_k of both sides.
+  [[gnu::always_inline]] void roundRow() {
+    Rounding half, mask;
     for (int k = 0; k < binades; ++k) {
       half[k] = 1u << k;
-      low[k] = (2u << k) - 1;
+      mask[k] = (2u << k) - 1;
     }
-    for (int j = first; j < last; ++j) {
-      const Rounding rest = (static_cast<std::uint32_t>(row.fixed[j]) + half) & low;
-      const Rounding zero = (Rounding)(rest == 0);
-      const Rounding ties = (zero & static_cast<std::uint32_t>(row.exact[j])) +
-                            static_cast<std::uint32_t>(row.unusable[j]);
+    for (int j = x_[0]; j < x_[1] + window - 1; ++j) {
+      const Rounding rest = (low(row_.low, j) + half) & mask;
+      const Rounding ties = ((Rounding)(rest == 0) & low(row_.exact, j)) + low(row_.unusable, j);
       const Rounding all = half - rest + ties;
-      for (int s = 0; s < 2; ++s) {
-        row_[s].rounding[j] = all & static_cast<std::uint32_t>(row.inside[s][j]);
-      }
+      for (int s = 0; s < 2; ++s) row_.rounding[s][j] = all & low(row_.inside[s], j);
     }
-    for (int s = 0; s < 2; ++s) {
-      for (int j = 0; j < padded; ++j) row_[s].fixed[j] = row.fixed[j] & row.inside[s][j];
-    }
-    for (int j = 0; j < padded; ++j) row_[0].one[j] = row.inside[0][j] & 1;
   }
 
-  /// Slides the window along row r and adds it to the sums of the rows before, for windows
-  /// [first, last).
-  [[gnu::always_inline]] void addRow(int r, int first, int last) {
+  /// Slides the window along the row and adds it to the sums of the rows before.
+  [[gnu::always_inline]] void slideOver(int r) {
     Rounding rounding[2] = {};
     std::uint64_t total[2] = {};
-    int ones = 0;
+    int positives = 0;
     const auto enter = [&](int j) {
       for (int s = 0; s < 2; ++s) {
-        rounding[s] += row_[s].rounding[j];
-        total[s] += row_[s].fixed[j];
+        rounding[s] += row_.rounding[s][j];
+        total[s] += row_.fixed[s][j / lanes][j % lanes];
       }
-      ones += row_[0].one[j];
+      positives -= static_cast<int>(low(row_.inside[0], j));
     };
-    for (int j = first; j < first + window - 1; ++j) enter(j);
-    for (int x = first; x < last; ++x) {
+    for (int j = x_[0]; j < x_[0] + window - 1; ++j) enter(j);
+    for (int x = x_[0]; x < x_[1]; ++x) {
       enter(x + window - 1);
       const int before = r * reach + x, after = before + reach;
       for (int s = 0; s < 2; ++s) {
         tables_[s].rounding[after] = tables_[s].rounding[before] + rounding[s];
         tables_[s].total[after] = tables_[s].total[before] + total[s];
-        rounding[s] -= row_[s].rounding[x];
-        total[s] -= row_[s].fixed[x];
+        rounding[s] -= row_.rounding[s][x];
+        total[s] -= row_.fixed[s][x / lanes][x % lanes];
       }
-      positives_[after] = positives_[before] + ones;
-      ones -= row_[0].one[x];
+      positives_[after] = positives_[before] + positives;
+      positives += static_cast<int>(low(row_.inside[0], x));
     }
   }
 
@@ -361,7 +366,7 @@ class alignas(hugePage) RegionTile {
   /// that follow each other along x are summed side by side in one vector, and some vectors at a
   /// time, so that their chains of additions overlap.
   [[gnu::always_inline]] void addPlainly(int s, const Slots& slots, int count) const {
-    constexpr int lanes = 4, groups = 8;
+    constexpr int groups = 8;
     typedef double Vector [[gnu::vector_size(8 * lanes)]];
     Slot* const* list = slots.plain.data();
     for (int next = 0; next < count;) {
@@ -388,7 +393,7 @@ class alignas(hugePage) RegionTile {
 #pragma GCC unroll 8
           for (int g = 0; g < groups; ++g) {
             Vector v;
-            std::memcpy(&v, value[g] + j, sizeof v);
+            load(v, value[g] + j);
             sum[g] += v;
           }
         }
@@ -410,8 +415,8 @@ class alignas(hugePage) RegionTile {
     const std::uint64_t* at = total;
 #pragma GCC unroll 5
     for (int i = 0; i < 5; ++i) {
-      const std::uint64_t* const next = at + steps[i] * reach;
-      at = *next < limit ? next : at;
+      const bool further = at[steps[i] * reach] < limit;
+      at += steps[i] * reach & -std::ptrdiff_t{further};
     }
     return static_cast<int>(at - total);
   }
@@ -419,13 +424,12 @@ class alignas(hugePage) RegionTile {
   /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
   static constexpr int batch = 8;
 
-  /// Sums that leave their binade in this plane: as many rows at once as stay in it, the row where
-  /// the sum leaves it voxel by voxel, then the rest. The rows are found from the sums of F alone,
-  /// with a margin for the rounding of every voxel. Pieces that are still not done (a sum may leave
-  /// several binades) stay in the list; returns their number. Slots with half-way cases before the
-  /// row, or whose sums grow too large for the tables, go to the plain list.
+  /// Sums that leave their binade in this plane: as many rows at once as stay in it, the row
+  /// where the sum leaves it voxel by voxel, then the rest. The rows are found from the sums of F
+  /// alone, with a margin for the rounding of every voxel. Pieces that are still not done (a sum
+  /// may leave several binades) stay in the list; returns their number. Slots with half-way cases
+  /// before the row, or whose sums grow too large for the tables, go to the plain list.
   [[gnu::always_inline]] int addInPieces(int s, Slots& slots, int count, int& plain) const {
-    constexpr std::uint64_t ulps = std::uint64_t{1} << 52;  // of a binade
     constexpr std::uint64_t margin = window * window / 2 + 1;
     const Table& table = tables_[s];
     int left = 0;
@@ -443,7 +447,7 @@ class alignas(hugePage) RegionTile {
         const std::uint64_t limit = table.total[from] + (room << (binadeOf(piece.sum) + 1));
         row[b] = std::max(rowBefore(table.total + place, limit), piece.row);
         const std::ptrdiff_t to = place + row[b];
-        const Step found = addRows(table, from, to, piece.sum);
+        const Step found = step(table, from, to, piece.sum);
         tie[b] = !found.valid;
         value[b] = table.value + to;
         sum[b] = std::bit_cast<double>(found.sum);
@@ -457,7 +461,7 @@ class alignas(hugePage) RegionTile {
         Slot* const slot = pieces[b].slot;
         const int next = row[b] + reach;
         const auto bits = std::bit_cast<std::uint64_t>(sum[b]);
-        const Step rest = addRows(table, slot->place + next, slot->place + window * reach, bits);
+        const Step rest = step(table, slot->place + next, slot->place + window * reach, bits);
         const bool done = rest.valid & !tie[b];
         const bool lost = tie[b] | (!done & (binadeOf(bits) >= binades));
         slot->sum[s] = done ? rest.sum : slot->sum[s];
@@ -472,13 +476,25 @@ class alignas(hugePage) RegionTile {
 
   std::array<Table, 2> tables_;         // positive, negative
   int positives_[(reach + 1) * reach];  // voxels of the positive side
-  // What every voxel of the row being added brings to the tables.
-  struct RowTable {
-    Rounding rounding[padded];
-    std::uint64_t fixed[padded];
-    int one[padded];
+
+  // The plane and the tile's place in it, with its margin.
+  Plane plane_{};
+  int x0_ = 0, y0_ = 0;
+  int begin_ = 0, end_ = 0;            // columns within the grid
+  std::array<int, 2> x_{};             // windows that are needed
+  std::uint64_t inGrid_[padded] = {};  // all ones where the column is within the grid
+  std::uint64_t bits_[padded] = {};    // a row of the image
+  signed char label_[padded] = {};
+  // What every voxel of the row brings to the tables.
+  struct Row {
+    Words inside[2][padded / lanes];  // all ones where the voxel is on the side
+    Words fixed[2][padded / lanes];   // F, if it is
+    Words low[padded / lanes];        // F
+    Words exact[padded / lanes];      // tieUnit where F holds all of v
+    Words unusable[padded / lanes];   // tieUnit where the tables do not serve v
+    Rounding rounding[2][padded];
   };
-  RowTable row_[2];
+  Row row_;
 };
 
 /// One tile from its first plane to its last. `starts[block * grid.Z + z]` is the first slot of
@@ -500,12 +516,12 @@ class alignas(hugePage) RegionTile {
     if (area.x0 >= area.x1) continue;
     const std::ptrdiff_t voxel = static_cast<std::ptrdiff_t>(z) * grid.plane();
     const RegionTile::Plane plane{image + voxel, label + voxel, grid.X, grid.Y};
-    tile.clear(area);
+    tile.start(plane, x0, y0, area);
     // Blocks are served as soon as the tables reach far enough, while these are in cache.
     int rows = area.y0;
     for (int y = area.y0; y < area.y1; y += blockSide) {
       const int last = y + blockSide + RegionTile::window - 1;
-      tile.buildRows(plane, x0, y0, area, rows, last);
+      tile.addRows(rows, last);
       rows = last;
       tile.addPlane(slots, std::span(ranges).subspan(y / blockSide * blocksARow, blocksARow));
     }
@@ -588,8 +604,8 @@ class RegionSummer {
     RegionTile::Slots slots;
   };
 
-  /// order_ = the voxels by tile, block, plane, row and column, starts_ = where each block's planes
-  /// begin. A radix sort of two passes.
+  /// order_ = the voxels by tile, block, plane, row and column, starts_ = where each block's
+  /// planes begin. A radix sort of two passes.
   void sortByTile(Grid grid, std::span<const int> centres, int side, int tilesX,
                   std::size_t buckets) {
     constexpr int blockSide = RegionTile::blockSide;
