@@ -259,14 +259,20 @@ class vox3DMat {
   vox3DMat* filterMinNeigbor() const {
     if (!p) return nullptr;
     vox3DMat* result = duplicate();
+    filterMinNeigborInto(*result, 0, 0, 0);
+    return result;
+  }
+
+  /// The inner voxels of the same filter, written into `result` from its voxel (x, y, z) on, whose
+  /// other voxels stay. They must fit.
+  void filterMinNeigborInto(vox3DMat& result, int x, int y, int z) const {
     for (int k = 1; k < sizeZ - 1; ++k) {
       for (int j = 1; j < sizeY - 1; ++j) {
         const T* in = row(j, k);
-        T* out = result->row(j, k);
+        T* out = result.row(j + y, k + z) + x;
         for (int i = 1; i < sizeX - 1; ++i) out[i] = smallestNeighbour(in + i);
       }
     }
-    return result;
   }
 
   /// One dilation by a 3 x 3 x 3 box, in place: voxels near a positive one become 1, others stay.

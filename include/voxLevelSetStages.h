@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <iostream>
 #include <memory>
 #include <span>
@@ -56,7 +57,12 @@ struct LevelSetMemory {
   BitGrid positive, edge, band, scratch;
   RegionSummer regions;
   std::vector<RegionSums> sums;
+  int insideChange = 0;  ///< voxels that the last step added to the inside
 };
+
+/// Whether the mask of a level-set function holds 1 where it has this value; not-a-number is
+/// inside.
+inline bool isInside(double phi) { return !(phi >= 0); }
 
 /// Where the two engines differ in building their state: axes, matrices and the guard messages.
 template <int D>
@@ -181,17 +187,23 @@ class Stages {
   void calFext() { extendOverBand(band(), threads_); }
 
   /// Phi = signed distance - dt * extension velocity, with dt such that the fastest band voxel
-  /// moves by one voxel.
+  /// moves by one voxel. Counts the voxels that this adds to the inside.
   template <typename Matrix>
   void substractPhi(Matrix* Phi) {
+    std::atomic<int> change{0};
     double ma = 0;
     maxabs(e_.Spar_Fext, e_.n_nbt, &ma);
     const double dt = ma != 0 ? 1.0 / ma : 0.0;
     parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
+      int mine = 0;
       for (int i = first; i < last; ++i) {
-        Phi->p[e_.ori_nbt_ind[i]] = e_.Spar_sdf[i] - dt * e_.Spar_Fext[i];
+        const auto next = e_.Spar_sdf[i] - dt * e_.Spar_Fext[i];
+        Phi->p[e_.ori_nbt_ind[i]] = next;
+        mine += isInside(next) - isInside(e_.Spar_Phi[i]);
       }
+      change += mine;
     });
+    m_.insideChange = change;
   }
 
  private:

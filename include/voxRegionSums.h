@@ -583,9 +583,7 @@ class RegionSummer {
       RegionTile::Slots& slots = worker->slots;
       slots.resize(mine.size());
       for (std::size_t i = 0; i < mine.size(); ++i) {
-        const int x = centres[mine[i]] % grid.X - x0;
-        const int y = centres[mine[i]] / grid.X % grid.Y - y0;
-        slots.all[i] = {{}, y * RegionTile::reach + x, 0};
+        slots.all[i] = {{}, keys_[mine[i]].place, 0};
       }
       kernelFor(instructions)(worker->tile, slots, image, label, grid, x0, y0, starts);
       for (std::size_t i = 0; i < mine.size(); ++i) {
@@ -604,32 +602,43 @@ class RegionSummer {
     RegionTile::Slots slots;
   };
 
+  /// Where a voxel stands among the tiles.
+  struct Key {
+    std::size_t bucket;  ///< number of its tile, block and plane
+    int place;           ///< index y * reach + x within the tile
+    /// The same within the block.
+    int column() const {
+      constexpr int reach = RegionTile::reach, blockSide = RegionTile::blockSide;
+      return place / reach % blockSide * blockSide + place % reach % blockSide;
+    }
+  };
+
   /// order_ = the voxels by tile, block, plane, row and column, starts_ = where each block's
   /// planes begin. A radix sort of two passes.
   void sortByTile(Grid grid, std::span<const int> centres, int side, int tilesX,
                   std::size_t buckets) {
     constexpr int blockSide = RegionTile::blockSide;
-    const auto column = [&](int g) {
-      return g / grid.X % grid.Y % blockSide * blockSide + g % grid.X % blockSide;
-    };
-    std::array<int, blockSide * blockSide + 1> starts{};
-    for (const int g : centres) ++starts[column(g) + 1];
-    std::partial_sum(starts.begin(), starts.end(), starts.begin());
-    next_.resize(centres.size());
-    for (std::size_t i = 0; i < centres.size(); ++i) {
-      next_[starts[column(centres[i])]++] = static_cast<int>(i);
-    }
-    const auto bucket = [&](int g) {
-      const int x = g % grid.X, y = g / grid.X % grid.Y, z = g / grid.plane();
-      const int block = y % side / blockSide * RegionTile::blocksARow + x % side / blockSide;
-      const int tile = y / side * tilesX + x / side;
-      return (static_cast<std::size_t>(tile) * RegionTile::blocks + block) * grid.Z + z;
-    };
+    std::array<int, blockSide * blockSide + 1> columns{};
     starts_.assign(buckets + 1, 0);
-    for (const int g : centres) ++starts_[bucket(g)];
+    keys_.clear();
+    for (const int g : centres) {
+      const int z = g / grid.plane(), y = g % grid.plane() / grid.X, x = g % grid.plane() % grid.X;
+      const int block = y % side / blockSide * RegionTile::blocksARow + x % side / blockSide;
+      const auto tile = static_cast<std::size_t>(y / side * tilesX + x / side);
+      const Key key{(tile * RegionTile::blocks + block) * grid.Z + z,
+                    y % side * RegionTile::reach + x % side};
+      keys_.push_back(key);
+      ++columns[key.column() + 1];
+      ++starts_[key.bucket];
+    }
+    std::partial_sum(columns.begin(), columns.end(), columns.begin());
+    byColumn_.resize(centres.size());
+    for (std::size_t i = 0; i < centres.size(); ++i) {
+      byColumn_[columns[keys_[i].column()]++] = static_cast<int>(i);
+    }
     std::exclusive_scan(starts_.begin(), starts_.end(), starts_.begin(), 0);
     order_.resize(centres.size());
-    for (const int i : next_) order_[starts_[bucket(centres[i])]++] = i;
+    for (const int i : byColumn_) order_[starts_[keys_[i].bucket]++] = i;
     // Every bucket's place has moved on to the next one's.
     std::copy_backward(starts_.begin(), starts_.end() - 1, starts_.end());
     starts_.front() = 0;
@@ -647,7 +656,8 @@ class RegionSummer {
     idle_.push_back(std::move(worker));
   }
 
-  std::vector<int> starts_, next_, order_;
+  std::vector<Key> keys_;
+  std::vector<int> byColumn_, starts_, order_;
   std::vector<std::unique_ptr<Worker>> idle_;
   std::mutex lock_;
 };

@@ -22,19 +22,6 @@ double relativeChange(int i, const double* lt) {
   return std::abs(std::min(oneStep, twoSteps)) / lt[i - 1];
 }
 
-/// A value that Phi2VeC puts inside the mask.
-bool isInside(double phi) { return !(phi >= 0); }
-
-/// How many voxels the step that `engine` has just made of Phi added to the inside.
-template <typename Engine, typename Function>
-int insideChange(const Engine& engine, const Function& Phi) {
-  int change = 0;
-  for (int i = 0; i < engine.n_nbt; ++i) {
-    change += isInside(Phi.p[engine.ori_nbt_ind[i]]) - isInside(engine.Spar_Phi[i]);
-  }
-  return change;
-}
-
 /// Evolves Phi until its inside count stops changing or `maxIterations` steps have been made.
 /// onStep(iteration, inside, ratio, engine) is called after every step.
 template <typename Engine, typename Function, typename OnStep>
@@ -45,7 +32,7 @@ void evolveFunction(Function& Phi, double inside, Function& image, const voxPara
   for (int i = 0; i < maxIterations; ++i) {
     Engine engine(memory, threads);
     engine.UpdatePhi(&Phi, bandWidth, &image, P.w1, P.w2, P.w3, P.w4, P.w5, P.w6, P.w7, &Phi);
-    inside += insideChange(engine, Phi);
+    if (engine.n_edge > 0) inside += memory.insideChange;
     lt.push_back(inside);
     const double ratio = relativeChange(i, lt.data());
     onStep(i, inside, ratio, engine);
@@ -117,10 +104,14 @@ void setupPipeline(voxPara& P, char* inputPath, char* maskPath, char* strippedPa
 
 PreparedVolumes prepare(vox3DMat<double, char>& input, const voxPara& P, std::ostream* report) {
   PreparedVolumes volumes;
-  std::unique_ptr<vox3DMat<double, char>> work;
-  if (!allFinite(input)) work = finiteCopy(input);
-  work.reset((work ? *work : input).filterMinNeigbor());
-  work.reset(work->extension(P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp));
+  std::unique_ptr<vox3DMat<double, char>> finite;
+  if (!allFinite(input)) finite = finiteCopy(input);
+  vox3DMat<double, char>& source = finite ? *finite : input;
+  // Filtered straight into the padded volume.
+  std::unique_ptr<vox3DMat<double, char>> work(
+      source.extension(P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp));
+  source.filterMinNeigborInto(*work, P.Xn, P.Yn, P.Zn);
+  finite.reset();
   if (P.dnX != 0 || P.dnY != 0 || P.dnZ != 0) {
     work.reset(work->downsampleby2(P.dnX, P.dnY, P.dnZ, "min"));
   }
