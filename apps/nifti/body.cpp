@@ -8,8 +8,8 @@
 namespace tavrel::nifti {
 namespace {
 
-// Measured on heads with and without leaks (docs/accuracy.md). Sound masks have less than 2 %
-// beyond these distances, leaks more than 25 %.
+// Fitted on the heads of docs/accuracy.md: from W5 0.9 on, sound masks have less than 2 % beyond
+// these distances, and leaks more than 25 %.
 constexpr double kBallMm = 4, kPieceReachMm = 10, kFinishedReachMm = 20;
 constexpr double kMostStray = 0.05;  // of the mask
 constexpr double kLeastBody = 0.85;  // of the largest piece

@@ -12,6 +12,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -62,7 +63,7 @@ void evolveAll(const std::string& path, const fs::path& folder, double first, do
   intensities(scan, {image.p, voxelCount(size)});
   char none[] = "";
   for (int i = 0; first + i * step < last + step / 2; ++i) {
-    const double w5 = first + i * step;
+    const double w5 = std::round((first + i * step) * 100) / 100;  // 1.2, not 1.2000000000000002
     if (fs::exists(folder / maskName(w5))) continue;
     voxPara P;
     tavrel::setupPipeline(P, none, none, none, 3, size[0], size[1], size[2], w5);
