@@ -150,23 +150,26 @@ class alignas(hugePage) RegionTile {
     }
   };
 
-  /// A plane of the grid: image and labels from its first voxel on.
-  struct Plane {
-    const double* image;
-    const char* label;
-    int X, Y;
-  };
-
-  /// Starts the tables of a plane for an area of the tile, whose first column is (x0, y0) of the
-  /// grid: no rows.
-  void start(const Plane& plane, int x0, int y0, Area area) {
-    plane_ = plane;
+  /// Goes to the tile whose first column is (x0, y0) of a grid with planes of X x Y voxels. What
+  /// lies outside the grid belongs to neither side.
+  void enter(int X, int Y, int x0, int y0) {
+    X_ = X;
+    Y_ = Y;
     x0_ = x0 - boxSize;
     y0_ = y0 - boxSize;
     begin_ = std::max(0, -x0_);
-    end_ = std::min(reach, plane.X - x0_);
+    end_ = std::min(reach, X - x0_);
     for (int j = 0; j < padded; ++j) inGrid_[j] = -std::uint64_t{j >= begin_ && j < end_};
-    x_ = {area.x0, std::min(area.x1, plane.X - x0)};
+    for (Table& table : tables_) std::fill(std::begin(table.value), std::end(table.value), 0.0);
+    row_ = {};
+  }
+
+  /// Starts the tables of the plane with these first voxels for an area of the tile: no rows.
+  void start(const double* image, const char* label, Area area) {
+    image_ = image;
+    label_ = label;
+    windows_ = {area.x0, std::min(area.x1, X_ - x0_ - boxSize)};
+    columns_ = {std::max(windows_[0], begin_), std::min(windows_[1] + window - 1, end_)};
     const int first = area.y0 * reach + area.x0, last = area.y0 * reach + area.x1;
     for (Table& table : tables_) {
       std::fill(table.total + first, table.total + last, 0);
@@ -175,11 +178,15 @@ class alignas(hugePage) RegionTile {
     std::fill(positives_ + first, positives_ + last, 0);
   }
 
-  /// Adds rows [first, last) to the tables of the area's columns. Voxels outside the grid belong to
-  /// neither side.
+  /// Adds rows [first, last) to the tables of the area's columns.
   [[gnu::always_inline]] void addRows(int first, int last) {
     for (int r = first; r < last; ++r) {
-      readRow(r);
+      const int y = y0_ + r;
+      if (y < 0 || y >= Y_) {
+        repeatRow(r);
+        continue;
+      }
+      readRow(r, static_cast<std::ptrdiff_t>(y) * X_ + x0_);
       roundRow();
       slideOver(r);
     }
@@ -277,22 +284,29 @@ class alignas(hugePage) RegionTile {
     std::memcpy(&to, from, sizeof to);
   }
 
-  /// Reads row r of the tile. F of a voxel is the significand of v, shifted.
-  [[gnu::always_inline]] void readRow(int r) {
-    const int y = y0_ + r;
-    const bool outside = y < 0 || y >= plane_.Y;
-    if (!outside) {
-      const std::ptrdiff_t voxel = static_cast<std::ptrdiff_t>(y) * plane_.X + (x0_ + begin_);
-      std::memcpy(bits_ + begin_, plane_.image + voxel, (end_ - begin_) * sizeof(double));
-      std::memcpy(label_ + begin_, plane_.label + voxel, end_ - begin_);
+  /// Adds nothing to the sums of the rows before.
+  void repeatRow(int r) {
+    const int before = r * reach + windows_[0], after = before + reach;
+    const int count = windows_[1] - windows_[0];
+    for (Table& table : tables_) {
+      std::copy_n(table.total + before, count, table.total + after);
+      std::copy_n(table.rounding + before, count, table.rounding + after);
     }
-    for (int j = x_[0] / lanes * lanes; j < x_[1] + window - 1; j += lanes) {
+    std::copy_n(positives_ + before, count, positives_ + after);
+  }
+
+  /// Reads row r of the tile, whose first column is `voxel` of the plane. F of a voxel is the
+  /// significand of v, shifted.
+  [[gnu::always_inline]] void readRow(int r, std::ptrdiff_t voxel) {
+    std::memcpy(rowBits_ + begin_, image_ + (voxel + begin_), (end_ - begin_) * sizeof(double));
+    std::memcpy(rowLabels_ + begin_, label_ + (voxel + begin_), end_ - begin_);
+    for (int j = columns_[0] / lanes * lanes; j < columns_[1]; j += lanes) {
       typedef signed char Labels [[gnu::vector_size(lanes)]];
       Labels labels;
-      Words bits, inGrid{};
-      load(labels, label_ + j);
-      load(bits, bits_ + j);
-      if (!outside) load(inGrid, inGrid_ + j);
+      Words bits, inGrid;
+      load(labels, rowLabels_ + j);
+      load(bits, rowBits_ + j);
+      load(inGrid, inGrid_ + j);
       const auto positive = (Words)(__builtin_convertvector(labels, SignedWords) > 0);
       const Words inside[2] = {positive & inGrid, ~positive & inGrid};
       const Words exponent = bits >> 52;  // and the sign
@@ -327,7 +341,7 @@ class alignas(hugePage) RegionTile {
       half[k] = 1u << k;
       mask[k] = (2u << k) - 1;
     }
-    for (int j = x_[0]; j < x_[1] + window - 1; ++j) {
+    for (int j = columns_[0]; j < columns_[1]; ++j) {
       const Rounding rest = (low(row_.low, j) + half) & mask;
       const Rounding ties = ((Rounding)(rest == 0) & low(row_.exact, j)) + low(row_.unusable, j);
       const Rounding all = half - rest + ties;
@@ -347,8 +361,8 @@ class alignas(hugePage) RegionTile {
       }
       positives -= static_cast<int>(low(row_.inside[0], j));
     };
-    for (int j = x_[0]; j < x_[0] + window - 1; ++j) enter(j);
-    for (int x = x_[0]; x < x_[1]; ++x) {
+    for (int j = windows_[0]; j < windows_[0] + window - 1; ++j) enter(j);
+    for (int x = windows_[0]; x < windows_[1]; ++x) {
       enter(x + window - 1);
       const int before = r * reach + x, after = before + reach;
       for (int s = 0; s < 2; ++s) {
@@ -477,14 +491,16 @@ class alignas(hugePage) RegionTile {
   std::array<Table, 2> tables_;         // positive, negative
   int positives_[(reach + 1) * reach];  // voxels of the positive side
 
-  // The plane and the tile's place in it, with its margin.
-  Plane plane_{};
-  int x0_ = 0, y0_ = 0;
-  int begin_ = 0, end_ = 0;            // columns within the grid
-  std::array<int, 2> x_{};             // windows that are needed
-  std::uint64_t inGrid_[padded] = {};  // all ones where the column is within the grid
-  std::uint64_t bits_[padded] = {};    // a row of the image
-  signed char label_[padded] = {};
+  int X_ = 0, Y_ = 0;              // of the grid
+  int x0_ = 0, y0_ = 0;            // where the tile with its margin begins in it
+  int begin_ = 0, end_ = 0;        // columns within the grid
+  const double* image_ = nullptr;  // the plane
+  const char* label_ = nullptr;
+  std::array<int, 2> windows_{};        // windows of the area
+  std::array<int, 2> columns_{};        // their voxels within the grid
+  std::uint64_t inGrid_[padded] = {};   // all ones where the column is within the grid
+  std::uint64_t rowBits_[padded] = {};  // a row of the plane
+  signed char rowLabels_[padded] = {};
   // What every voxel of the row brings to the tables.
   struct Row {
     Words inside[2][padded / lanes];  // all ones where the voxel is on the side
@@ -494,7 +510,7 @@ class alignas(hugePage) RegionTile {
     Words unusable[padded / lanes];   // tieUnit where the tables do not serve v
     Rounding rounding[2][padded];
   };
-  Row row_;
+  Row row_{};
 };
 
 /// One tile from its first plane to its last. `starts[block * grid.Z + z]` is the first slot of
@@ -504,6 +520,7 @@ class alignas(hugePage) RegionTile {
                                            int x0, int y0, std::span<const int> starts) {
   constexpr int blocksARow = RegionTile::blocksARow, blockSide = RegionTile::blockSide;
   std::array<std::span<RegionTile::Slot>, RegionTile::blocks> ranges;  // of one plane
+  tile.enter(grid.X, grid.Y, x0, y0);
   for (int z = 0; z < grid.Z; ++z) {
     RegionTile::Area area;
     for (int block = 0; block < RegionTile::blocks; ++block) {
@@ -514,9 +531,8 @@ class alignas(hugePage) RegionTile {
       if (first != last) area.addBlock(block);
     }
     if (area.x0 >= area.x1) continue;
-    const std::ptrdiff_t voxel = static_cast<std::ptrdiff_t>(z) * grid.plane();
-    const RegionTile::Plane plane{image + voxel, label + voxel, grid.X, grid.Y};
-    tile.start(plane, x0, y0, area);
+    const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(z) * grid.plane();
+    tile.start(image + plane, label + plane, area);
     // Blocks are served as soon as the tables reach far enough, while these are in cache.
     int rows = area.y0;
     for (int y = area.y0; y < area.y1; y += blockSide) {
