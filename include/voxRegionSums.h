@@ -186,7 +186,7 @@ class alignas(hugePage) RegionTile {
         repeatRow(r);
         continue;
       }
-      readRow(r, static_cast<std::ptrdiff_t>(y) * X_ + x0_);
+      readRow(r, y);
       roundRow();
       slideOver(r);
     }
@@ -295,19 +295,28 @@ class alignas(hugePage) RegionTile {
     std::copy_n(positives_ + before, count, positives_ + after);
   }
 
-  /// Reads row r of the tile, whose first column is `voxel` of the plane. F of a voxel is the
-  /// significand of v, shifted.
-  [[gnu::always_inline]] void readRow(int r, std::ptrdiff_t voxel) {
-    std::memcpy(rowBits_ + begin_, image_ + (voxel + begin_), (end_ - begin_) * sizeof(double));
-    std::memcpy(rowLabels_ + begin_, label_ + (voxel + begin_), end_ - begin_);
+  /// Reads row r of the tile, which is row y of the plane. F of a voxel is the significand of v,
+  /// shifted.
+  [[gnu::always_inline]] void readRow(int r, int y) {
+    const std::ptrdiff_t voxel = static_cast<std::ptrdiff_t>(y) * X_ + x0_;
+    const double* values = rowValues_;
+    const char* labels = rowLabels_;
+    if (y > 0 && y < Y_ - 1) {
+      values = image_ + voxel;
+      labels = label_ + voxel;
+    } else {  // vectors would reach beyond the plane
+      const std::size_t count = end_ - begin_;
+      std::memcpy(rowValues_ + begin_, image_ + (voxel + begin_), count * sizeof(double));
+      std::memcpy(rowLabels_ + begin_, label_ + (voxel + begin_), count);
+    }
     for (int j = columns_[0] / lanes * lanes; j < columns_[1]; j += lanes) {
       typedef signed char Labels [[gnu::vector_size(lanes)]];
-      Labels labels;
+      Labels label;
       Words bits, inGrid;
-      load(labels, rowLabels_ + j);
-      load(bits, rowBits_ + j);
+      load(label, labels + j);
+      load(bits, values + j);
       load(inGrid, inGrid_ + j);
-      const auto positive = (Words)(__builtin_convertvector(labels, SignedWords) > 0);
+      const auto positive = (Words)(__builtin_convertvector(label, SignedWords) > 0);
       const Words inside[2] = {positive & inGrid, ~positive & inGrid};
       const Words exponent = bits >> 52;  // and the sign
       const auto served = (Words)(((SignedWords)exponent >= leastExponent) &
@@ -376,47 +385,64 @@ class alignas(hugePage) RegionTile {
     }
   }
 
-  /// Adds the plane voxel by voxel to the first `count` slots of the plain list. Up to four windows
-  /// that follow each other along x are summed side by side in one vector, and some vectors at a
-  /// time, so that their chains of additions overlap.
-  [[gnu::always_inline]] void addPlainly(int s, const Slots& slots, int count) const {
-    constexpr int groups = 8;
+  /// Sums of windows that follow each other along x, and the first voxel of the first one.
+  struct Group {
+    const double* value;
+    alignas(8 * lanes) std::uint64_t sum[lanes];
+  };
+  static constexpr int groups = 8;
+
+  /// Adds the windows' voxels to the sums of `count` groups, all groups side by side so that their
+  /// chains of additions overlap.
+  template <int count>
+  [[gnu::always_inline]] static void addWindows(std::array<Group, groups>& group) {
     typedef double Vector [[gnu::vector_size(8 * lanes)]];
+    const double* value[count];
+    Vector sum[count];
+    for (int g = 0; g < count; ++g) {
+      value[g] = group[g].value;
+      load(sum[g], group[g].sum);
+    }
+    for (int row = 0; row < window; ++row) {
+#pragma GCC unroll 21
+      for (int j = 0; j < window; ++j) {
+#pragma GCC unroll 8
+        for (int g = 0; g < count; ++g) {
+          Vector v;
+          load(v, value[g] + j);
+          sum[g] += v;
+        }
+      }
+      for (const double*& v : value) v += reach;
+    }
+    for (int g = 0; g < count; ++g) std::memcpy(group[g].sum, &sum[g], sizeof sum[g]);
+  }
+
+  /// Adds the plane voxel by voxel to the first `count` slots of the plain list. Up to four windows
+  /// that follow each other along x are summed side by side in one vector.
+  [[gnu::always_inline]] void addPlainly(int s, const Slots& slots, int count) const {
     Slot* const* list = slots.plain.data();
     for (int next = 0; next < count;) {
-      const double* value[groups];
-      alignas(Vector) std::uint64_t bits[groups][lanes] = {};
+      std::array<Group, groups> group;
       int end[groups];  // of the slots of each group
+      int used = 0;
       const int begin = next;
-      for (int g = 0; g < groups; ++g) {
-        const int first = next < count ? list[next]->place : 0;
+      for (; used < groups && next < count; ++used) {
+        const int first = list[next]->place;
+        group[used] = {tables_[s].value + first, {}};
         for (int before = -1; next < count; ++next) {
           const int at = list[next]->place - first;
           if (at <= before || at >= lanes) break;
-          bits[g][at] = list[next]->sum[s];
+          group[used].sum[at] = list[next]->sum[s];
           before = at;
         }
-        value[g] = tables_[s].value + first;
-        end[g] = next;
+        end[used] = next;
       }
-      Vector sum[groups];
-      std::memcpy(sum, bits, sizeof sum);
-      for (int row = 0; row < window; ++row) {
-#pragma GCC unroll 21
-        for (int j = 0; j < window; ++j) {
-#pragma GCC unroll 8
-          for (int g = 0; g < groups; ++g) {
-            Vector v;
-            load(v, value[g] + j);
-            sum[g] += v;
-          }
-        }
-        for (const double*& v : value) v += reach;
-      }
-      std::memcpy(bits, sum, sizeof sum);
-      for (int g = 0, i = begin; g < groups; ++g) {
+      std::fill(group.begin() + used, group.end(), group[0]);
+      used > groups / 2 ? addWindows<groups>(group) : addWindows<groups / 2>(group);
+      for (int g = 0, i = begin; g < used; ++g) {
         for (const int first = i; i < end[g]; ++i) {
-          list[i]->sum[s] = bits[g][list[i]->place - list[first]->place];
+          list[i]->sum[s] = group[g].sum[list[i]->place - list[first]->place];
         }
       }
     }
@@ -496,11 +522,11 @@ class alignas(hugePage) RegionTile {
   int begin_ = 0, end_ = 0;        // columns within the grid
   const double* image_ = nullptr;  // the plane
   const char* label_ = nullptr;
-  std::array<int, 2> windows_{};        // windows of the area
-  std::array<int, 2> columns_{};        // their voxels within the grid
-  std::uint64_t inGrid_[padded] = {};   // all ones where the column is within the grid
-  std::uint64_t rowBits_[padded] = {};  // a row of the plane
-  signed char rowLabels_[padded] = {};
+  std::array<int, 2> windows_{};       // windows of the area
+  std::array<int, 2> columns_{};       // their voxels within the grid
+  std::uint64_t inGrid_[padded] = {};  // all ones where the column is within the grid
+  double rowValues_[padded] = {};      // a row of the plane
+  char rowLabels_[padded] = {};
   // What every voxel of the row brings to the tables.
   struct Row {
     Words inside[2][padded / lanes];  // all ones where the voxel is on the side
