@@ -139,7 +139,7 @@ class vox3DLevelSet {
     sizeX = Phi->sizeX;
     sizeY = Phi->sizeY;
     sizeZ = Phi->sizeZ;
-    mxn = sizeX * sizeY;
+    mxn = Phi->mxn;
   }
 
   tavrel::Stages<vox3DLevelSet> stages() {

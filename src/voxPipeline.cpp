@@ -130,9 +130,9 @@ void evolve(PreparedVolumes& volumes, const voxPara& P, const EvolutionObserver&
             int threads) {
   using Engine = vox3DLevelSet<double, char>;
   Engine::Memory memory;
-  const int levels = P.seg_dn + 1;
+  const int levels = P.levels();
   for (int level = 0; level < levels; ++level) {
-    const int halvings = P.seg_dn - level;
+    const int halvings = levels - 1 - level;
     std::unique_ptr<vox3DMat<double, char>> reduced;
     if (halvings > 0)
       reduced.reset(volumes.image->downsampleby2(halvings, halvings, halvings, "min"));
