@@ -301,10 +301,10 @@ class alignas(hugePage) RegionTile {
     const std::ptrdiff_t voxel = static_cast<std::ptrdiff_t>(y) * X_ + x0_;
     const double* values = rowValues_;
     const char* labels = rowLabels_;
-    if (y > 0 && y < Y_ - 1) {
+    if (y > 0 && y < Y_ - 1 && X_ >= lanes) {
       values = image_ + voxel;
       labels = label_ + voxel;
-    } else {  // vectors would reach beyond the plane
+    } else {  // vectors might reach beyond the plane
       const std::size_t count = end_ - begin_;
       std::memcpy(rowValues_ + begin_, image_ + (voxel + begin_), count * sizeof(double));
       std::memcpy(rowLabels_ + begin_, label_ + (voxel + begin_), count);
