@@ -60,10 +60,6 @@ struct LevelSetMemory {
   int insideChange = 0;  ///< voxels that the last step added to the inside
 };
 
-/// Whether the mask of a level-set function holds 1 where it has this value; not-a-number is
-/// inside.
-inline bool isInside(double phi) { return !(phi >= 0); }
-
 /// Where the two engines differ in building their state: axes, matrices and the guard messages.
 template <int D>
 struct StageRules;

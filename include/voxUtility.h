@@ -23,6 +23,12 @@ constexpr auto number(T value) {
   }
 }
 
+/// Whether a value of a level-set function is inside: below 0, or not a number.
+template <class T>
+constexpr bool isInside(T phi) {
+  return !(number(phi) >= 0);
+}
+
 /// `value` truncated toward zero; 0 for what has no 64-bit integer (not a number, beyond 2^63).
 constexpr std::int64_t truncated(double value) {
   return value > -0x1p63 && value < 0x1p63 ? static_cast<std::int64_t>(value) : 0;

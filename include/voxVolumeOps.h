@@ -66,8 +66,7 @@ void maskToPhi(std::span<const T> mask, U* phi) {
 /// Mask of a level-set function: 0 where the value is 0 or more, 1 elsewhere (not-a-number too).
 template <class T, class U>
 void phiToMask(std::span<const T> phi, U* mask) {
-  std::transform(phi.begin(), phi.end(), mask,
-                 [](T v) { return static_cast<U>(!(number(v) >= 0)); });
+  std::transform(phi.begin(), phi.end(), mask, [](T v) { return static_cast<U>(isInside(v)); });
 }
 
 /// 1 where min <= voxel <= max, 0 elsewhere; min > max ends the process with status 1.

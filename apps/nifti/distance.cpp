@@ -89,4 +89,11 @@ std::vector<double> squaredDistances(std::span<const char> mask, const Size& siz
   return distances;
 }
 
+void setWithin(std::span<char> mask, std::span<const double> squaredDistances, double radius,
+               char value) {
+  const double limit = radius * radius * (1 + 1e-6);
+  for (std::size_t v = 0; v < mask.size(); ++v)
+    if (squaredDistances[v] <= limit) mask[v] = value;
+}
+
 }  // namespace tavrel::nifti

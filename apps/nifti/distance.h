@@ -19,4 +19,10 @@ namespace tavrel::nifti {
 std::vector<double> squaredDistances(std::span<const char> mask, const Size& size,
                                      const Spacing& spacing, char target);
 
+/// Sets the voxels of `mask` whose squared distance (mm^2) is that of `radius` mm at most to
+/// `value`. A distance equal to the radius counts, whatever the rounding of its square and of the
+/// spacing, which headers hold in 32 bits (1.0000001 mm).
+void setWithin(std::span<char> mask, std::span<const double> squaredDistances, double radius,
+               char value);
+
 }  // namespace tavrel::nifti

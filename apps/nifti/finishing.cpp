@@ -56,12 +56,7 @@ void paste(const Crop& part, std::span<char> mask, const Size& size) {
 /// 0.
 void grow(Crop& part, const Spacing& spacing, double radius, char value) {
   checkInterrupted();
-  // A distance equal to the radius counts as within, whatever the rounding of its square and of the
-  // spacing, which headers hold in 32 bits (1.0000001 mm).
-  const double limit = radius * radius * (1 + 1e-6);
-  const auto distances = squaredDistances(part.voxels, part.size, spacing, value);
-  for (std::size_t v = 0; v < distances.size(); ++v)
-    if (distances[v] <= limit) part.voxels[v] = value;
+  setWithin(part.voxels, squaredDistances(part.voxels, part.size, spacing, value), radius, value);
 }
 
 /// Numbers the face-connected pieces of voxels that equal `value`, from 1 on, in the order of their

@@ -122,13 +122,6 @@ std::vector<char> readReference(const std::string& path, double closeMm) {
   return mask;
 }
 
-/// Voxels within the radius of a squared distance map set to `value`.
-void growWithin(std::vector<char>& mask, const std::vector<double>& squared, double radius,
-                char value) {
-  for (std::size_t v = 0; v < mask.size(); ++v)
-    if (squared[v] <= radius * radius * (1 + 1e-6)) mask[v] = value;
-}
-
 /// Calls f(opening radius, closing radius, mask) for all pairs of radii, with every distance map
 /// made once. Gives what finishMask() gives.
 template <class F>
@@ -136,15 +129,15 @@ void forRadii(const std::vector<char>& raw, const Size& size, const Spacing& spa
   const auto toOutside = squaredDistances(raw, size, spacing, 0);
   for (int open = 0; open <= kLargestRadius; ++open) {
     auto opened = raw;
-    if (open > 0) growWithin(opened, toOutside, open, 0);
+    if (open > 0) setWithin(opened, toOutside, open, 0);
     keepLargest(opened, size);
-    if (open > 0) growWithin(opened, squaredDistances(opened, size, spacing, 1), open, 1);
+    if (open > 0) setWithin(opened, squaredDistances(opened, size, spacing, 1), open, 1);
     const auto toInside = squaredDistances(opened, size, spacing, 1);
     for (int close = 0; close <= kLargestRadius; ++close) {
       auto closed = opened;
       if (close > 0) {
-        growWithin(closed, toInside, close, 1);
-        growWithin(closed, squaredDistances(closed, size, spacing, 0), close, 0);
+        setWithin(closed, toInside, close, 1);
+        setWithin(closed, squaredDistances(closed, size, spacing, 0), close, 0);
       }
       fillHoles(closed, size);
       f(open, close, closed);
