@@ -109,9 +109,7 @@ class vox3DMat {
       tavrel::fatal("two matrice are of different size or empty\n", std::cerr, 0);
     }
     auto* product = new vox3DMat(sizeX, sizeY, sizeZ);
-    std::transform(p, p + voxels().size(), B.p, product->p, [](T v, U factor) {
-      return tavrel::converted<T>(static_cast<double>(tavrel::number(factor)) * tavrel::number(v));
-    });
+    tavrel::multiply(voxels(), B.p, product->p);
     return product;
   }
 
@@ -258,21 +256,20 @@ class vox3DMat {
   /// border keeps its values. Null if this matrix has no array.
   vox3DMat* filterMinNeigbor() const {
     if (!p) return nullptr;
-    vox3DMat* result = duplicate();
-    filterMinNeigborInto(*result, 0, 0, 0);
+    auto* result = new vox3DMat(sizeX, sizeY, sizeZ);
+    for (int k = 0; k < sizeZ; ++k) {
+      for (int j = 0; j < sizeY; ++j) filterRow(j, k, result->row(j, k));
+    }
     return result;
   }
 
-  /// The inner voxels of the same filter, written into `result` from its voxel (x, y, z) on, whose
-  /// other voxels stay. They must fit.
-  void filterMinNeigborInto(vox3DMat& result, int x, int y, int z) const {
-    for (int k = 1; k < sizeZ - 1; ++k) {
-      for (int j = 1; j < sizeY - 1; ++j) {
-        const T* in = row(j, k);
-        T* out = result.row(j + y, k + z) + x;
-        for (int i = 1; i < sizeX - 1; ++i) out[i] = smallestNeighbour(in + i);
-      }
-    }
+  /// Row (j, k) of the same filter, as sizeX values of any type that holds the voxels' values.
+  template <class V>
+  void filterRow(int j, int k, V* out) const {
+    const T* in = row(j, k);
+    std::transform(in, in + sizeX, out, [](T v) { return tavrel::converted<V>(v); });
+    if (j == 0 || j == sizeY - 1 || k == 0 || k == sizeZ - 1) return;
+    for (int i = 1; i < sizeX - 1; ++i) out[i] = tavrel::converted<V>(smallestNeighbour(in + i));
   }
 
   /// One dilation by a 3 x 3 x 3 box, in place: voxels near a positive one become 1, others stay.

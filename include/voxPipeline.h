@@ -62,9 +62,12 @@ void setupPipeline(voxPara& P, char* inputPath, char* maskPath, char* strippedPa
 
 /// First stage: six-neighbour minimum filter, zero padding, halvings by `P.dn*`, normalisation to
 /// 0..1, gamma, and the box seed at the coarsest level. Voxels that are not finite count as 0.
+/// There are instances for voxels of type double, float, short and unsigned char; the result depends
+/// on their values alone.
 /// @param input  volume of P.sizeX x P.sizeY x P.sizeZ voxels; only read
 /// @param report where the sorting lines of `Normalize` go; nullptr for nowhere
-PreparedVolumes prepare(vox3DMat<double, char>& input, const voxPara& P,
+template <class T>
+PreparedVolumes prepare(const vox3DMat<T, char>& input, const voxPara& P,
                         std::ostream* report = nullptr);
 
 /// Second stage: the level-set evolution over P.seg_dn + 1 resolutions, coarsest first. On return

@@ -47,6 +47,14 @@ void add(std::span<T> voxels, T m) {
   for (T& v : voxels) v = static_cast<T>(v + m);
 }
 
+/// product[n] = voxels[n] * factors[n], computed in doubles. `product` may be the voxels' own array.
+template <class T, class U>
+void multiply(std::span<const T> voxels, const U* factors, T* product) {
+  std::transform(voxels.begin(), voxels.end(), factors, product, [](T v, U factor) {
+    return converted<T>(static_cast<double>(number(factor)) * number(v));
+  });
+}
+
 /// The sum of the voxels as doubles in storage order. Sums of 8-bit values are exact in any order,
 /// so those are taken as integers.
 template <class T>

@@ -42,11 +42,11 @@ bool sizesFit(long long width, long long height, long long slices) {
   return true;
 }
 
-/// Whether the machine can hold what every voxel takes at the finest level: input, prepared image
-/// and level-set function, label and band map, index map. The narrow band comes on top. Without
+/// Whether the machine can hold what every voxel takes at the finest level: prepared image and
+/// level-set function, input, label and band map, index map. The narrow band comes on top. Without
 /// this check the system would end the process.
 bool memoryFits(int width, int height, int slices) {
-  constexpr std::uint64_t bytesPerVoxel = 3 * sizeof(double) + 2 * sizeof(char) + sizeof(int);
+  constexpr std::uint64_t bytesPerVoxel = 2 * sizeof(double) + 3 * sizeof(char) + sizeof(int);
   const std::uint64_t memory = tavrel::machineMemory();
   const std::uint64_t voxels = static_cast<std::uint64_t>(1LL * width * height * slices);
   return memory == 0 || voxels <= memory / bytesPerVoxel;
@@ -64,6 +64,30 @@ template <typename T, typename U>
 void writeVolume(const vox3DMat<T, U>& volume, const std::string& path, int format) {
   const std::size_t voxels = static_cast<std::size_t>(volume.mxn) * volume.sizeZ;
   tavrel::writeRaw(path.c_str(), format, std::span<const T>(volume.p, voxels));
+}
+
+/// Reads, strips and writes a volume whose file holds values of type T, which is also how it is kept:
+/// as doubles it would take several times the memory.
+template <class T>
+void strip(const voxPara& P, const std::string& phiPath) {
+  voxRawVolumeData<T, char> R(P.ori_fn, P.ori_datatype, P.sizeX, P.sizeY, P.sizeZ);
+  R.read();
+  vox3DMat<T, char>& D = *R.getMatobject();
+
+  tavrel::PreparedVolumes volumes = tavrel::prepare(D, P, &std::cout);
+  tavrel::EvolutionObserver observer;
+  observer.onLevel = [&](int, vox3DMat<double, char>& Phi) {
+    writeVolume(Phi, phiPath, floatFormat);
+  };
+  tavrel::evolve(volumes, P, observer);
+  volumes.image.reset();
+  vox3DMat<double, char> noSlices;  // they are refined only after an evolution on a reduced grid
+  tavrel::finish(*volumes.mask, noSlices, P);
+
+  writeVolume(*volumes.mask, P.mask_fn, P.mask_datatype);
+  const std::size_t voxels = static_cast<std::size_t>(D.mxn) * D.sizeZ;
+  tavrel::multiply(std::span<const T>(D.p, voxels), volumes.mask->p, D.p);
+  writeVolume(D, P.SS_fn, P.SS_datatype);
 }
 
 int reportMemory(char** argv) {
@@ -103,22 +127,7 @@ bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, i
   voxPara P;
   tavrel::setupPipeline(P, pImgFilePath.data(), pImgMaskFilePath.data(), pImgSSFilePath.data(),
                         nImgFormat, nImgWidth, nImgHeight, nImgSlices, dW5);
-  voxRawVolumeData<double, char> R(P.ori_fn, P.ori_datatype, P.sizeX, P.sizeY, P.sizeZ);
-  R.read();
-  vox3DMat<double, char>& D = *R.getMatobject();
-
-  tavrel::PreparedVolumes volumes = tavrel::prepare(D, P, &std::cout);
-  tavrel::EvolutionObserver observer;
-  observer.onLevel = [&](int, vox3DMat<double, char>& Phi) {
-    writeVolume(Phi, pImgPhiFilePath, floatFormat);
-  };
-  tavrel::evolve(volumes, P, observer);
-  volumes.image.reset();
-  tavrel::finish(*volumes.mask, D, P);
-
-  writeVolume(*volumes.mask, P.mask_fn, P.mask_datatype);
-  const std::unique_ptr<vox3DMat<double, char>> VeSS(D * *volumes.mask);
-  writeVolume(*VeSS, P.SS_fn, P.SS_datatype);
+  tavrel::withFileType(nImgFormat, [&]<class T>(T) { strip<T>(P, pImgPhiFilePath); });
   return true;
 }
 

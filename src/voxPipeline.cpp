@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 #include "vox2DLevelSet.h"
@@ -41,17 +42,38 @@ void evolveFunction(Function& Phi, double inside, Function& image, const voxPara
   }
 }
 
-std::unique_ptr<vox3DMat<double, char>> finiteCopy(vox3DMat<double, char>& volume) {
-  std::unique_ptr<vox3DMat<double, char>> copy(volume.duplicate());
+template <class T>
+bool allFinite(const vox3DMat<T, char>& volume) {
+  if constexpr (std::is_integral_v<T>) return true;
+  const std::size_t count = static_cast<std::size_t>(volume.mxn) * volume.sizeZ;
+  return std::all_of(volume.p, volume.p + count, [](T v) { return std::isfinite(v); });
+}
+
+template <class T>
+std::unique_ptr<vox3DMat<T, char>> finiteCopy(const vox3DMat<T, char>& volume) {
+  std::unique_ptr<vox3DMat<T, char>> copy(volume.duplicate());
   const std::size_t count = static_cast<std::size_t>(copy->mxn) * copy->sizeZ;
   std::replace_if(
-      copy->p, copy->p + count, [](double v) { return !std::isfinite(v); }, 0.0);
+      copy->p, copy->p + count, [](T v) { return !std::isfinite(v); }, T{0});
   return copy;
 }
 
-bool allFinite(const vox3DMat<double, char>& volume) {
-  const std::size_t count = static_cast<std::size_t>(volume.mxn) * volume.sizeZ;
-  return std::all_of(volume.p, volume.p + count, [](double v) { return std::isfinite(v); });
+/// The minimum-filtered volume with its padding, row by row, so that nothing else of its size is
+/// needed.
+template <class T>
+std::unique_ptr<vox3DMat<double, char>> filteredAndPadded(const vox3DMat<T, char>& source,
+                                                          const voxPara& P) {
+  auto result = std::make_unique<vox3DMat<double, char>>(
+      source.sizeX + P.Xn + P.Xp, source.sizeY + P.Yn + P.Yp, source.sizeZ + P.Zn + P.Zp);
+  double* row = result->p;
+  for (int k = -P.Zn; k < source.sizeZ + P.Zp; ++k) {
+    for (int j = -P.Yn; j < source.sizeY + P.Yp; ++j, row += result->sizeX) {
+      std::fill_n(row, result->sizeX, 0.0);
+      const bool inside = k >= 0 && k < source.sizeZ && j >= 0 && j < source.sizeY;
+      if (inside) source.filterRow(j, k, row + P.Xn);
+    }
+  }
+  return result;
 }
 
 /// Refines every plane of the mask on the input's own intensities.
@@ -102,15 +124,12 @@ void setupPipeline(voxPara& P, char* inputPath, char* maskPath, char* strippedPa
                            maxIter, maxIter, maxIter);
 }
 
-PreparedVolumes prepare(vox3DMat<double, char>& input, const voxPara& P, std::ostream* report) {
+template <class T>
+PreparedVolumes prepare(const vox3DMat<T, char>& input, const voxPara& P, std::ostream* report) {
   PreparedVolumes volumes;
-  std::unique_ptr<vox3DMat<double, char>> finite;
+  std::unique_ptr<vox3DMat<T, char>> finite;
   if (!allFinite(input)) finite = finiteCopy(input);
-  vox3DMat<double, char>& source = finite ? *finite : input;
-  // Filtered straight into the padded volume.
-  std::unique_ptr<vox3DMat<double, char>> work(
-      source.extension(P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp));
-  source.filterMinNeigborInto(*work, P.Xn, P.Yn, P.Zn);
+  auto work = filteredAndPadded(finite ? *finite : input, P);
   finite.reset();
   if (P.dnX != 0 || P.dnY != 0 || P.dnZ != 0) {
     work.reset(work->downsampleby2(P.dnX, P.dnY, P.dnZ, "min"));
@@ -125,6 +144,12 @@ PreparedVolumes prepare(vox3DMat<double, char>& input, const voxPara& P, std::os
   volumes.mask->selfdownsampleby2(P.seg_dn, P.seg_dn, P.seg_dn, "simple");
   return volumes;
 }
+
+template PreparedVolumes prepare(const vox3DMat<double, char>&, const voxPara&, std::ostream*);
+template PreparedVolumes prepare(const vox3DMat<float, char>&, const voxPara&, std::ostream*);
+template PreparedVolumes prepare(const vox3DMat<short, char>&, const voxPara&, std::ostream*);
+template PreparedVolumes prepare(const vox3DMat<unsigned char, char>&, const voxPara&,
+                                 std::ostream*);
 
 void evolve(PreparedVolumes& volumes, const voxPara& P, const EvolutionObserver& observer,
             int threads) {
