@@ -216,6 +216,13 @@ inline void maskBytes(const BitGrid& set, char* mask, int threads = 1) {
   });
 }
 
+/// Every bit of a half word, lowest first.
+inline constexpr std::array<std::uint32_t, 32> eachBit = [] {
+  std::array<std::uint32_t, 32> table{};
+  for (int b = 0; b < 32; ++b) table[b] = std::uint32_t{1} << b;
+  return table;
+}();
+
 /// indices = base + 1 on the positive side, base on the negative side.
 inline void sideIndices(const BitGrid& positive, int base, int* indices, int threads = 1) {
   const Grid grid = positive.grid();
@@ -224,7 +231,15 @@ inline void sideIndices(const BitGrid& positive, int base, int* indices, int thr
       for (int y = 0; y < grid.Y; ++y) {
         const BitGrid::Word* row = positive.row(y, z);
         int* out = indices + static_cast<std::size_t>(z) * grid.plane() + 1LL * y * grid.X;
-        for (int x = 0; x < grid.X; ++x) out[x] = base + int(row[x / 64] >> (x % 64) & 1);
+        for (int x = 0; x < grid.X; x += 32) {
+          const auto bits = static_cast<std::uint32_t>(row[x / 64] >> x % 64);
+          const auto index = [=](int b) { return base + int{(bits & eachBit[b]) != 0}; };
+          if (x + 32 <= grid.X) {
+            for (int b = 0; b < 32; ++b) out[x + b] = index(b);
+          } else {
+            for (int b = 0; x + b < grid.X; ++b) out[x + b] = index(b);
+          }
+        }
       }
     }
   });
@@ -281,12 +296,14 @@ void listBand(const BitGrid& positive, const BitGrid& edge, const BitGrid& band,
 }
 
 /// Band indices of the 2*D face neighbours of band voxels [first, last), in the order
-/// +x, -x, +y, -y (, +z, -z), with coordinates clamped to the grid.
+/// +x, -x, +y, -y (, +z, -z), with coordinates clamped to the grid. Returns the largest index of a
+/// neighbour up along the last axis, 0 if there is none.
 template <int D>
-void linkNeighbours(Grid grid, const int* indices, const int* ind, const int* sub, int first,
+int linkNeighbours(Grid grid, const int* indices, const int* ind, const int* sub, int first,
                     int last, int* neighbours) {
   const std::array<int, 3> size{grid.X, grid.Y, grid.Z};
   const std::array<int, 3> stride{1, grid.X, grid.plane()};
+  int largest = 0;
   for (int i = first; i < last; ++i) {
     const int* at = indices + ind[i];
     const int* coordinates = sub + static_cast<std::size_t>(D) * i;
@@ -295,7 +312,9 @@ void linkNeighbours(Grid grid, const int* indices, const int* ind, const int* su
       out[2 * axis] = at[coordinates[axis] + 1 < size[axis] ? stride[axis] : 0];
       out[2 * axis + 1] = at[coordinates[axis] > 0 ? -stride[axis] : 0];
     }
+    largest = std::max(largest, out[2 * D - 2]);
   }
+  return largest;
 }
 
 }  // namespace tavrel

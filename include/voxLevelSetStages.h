@@ -134,7 +134,9 @@ class Stages {
     maskBytes(m_.band, e_.mask_nbt->p, threads_);
     listVoxels(grid);
     const auto relabel = [&](const int* ind, int count, signed char code) {
-      for (int i = 0; i < count; ++i) e_.label->p[ind[i]] = static_cast<char>(code);
+      parallelRanges(threads_, count, [&](int first, int last) {
+        for (int i = first; i < last; ++i) e_.label->p[ind[i]] = static_cast<char>(code);
+      });
     };
     relabel(e_.ori_ptest_ind, e_.n_ptest, 2);
     relabel(e_.ori_ntest_ind, e_.n_ntest, -2);
@@ -257,12 +259,13 @@ class Stages {
       for (int i = first; i < last; ++i) indices[e_.ori_nbt_ind[i]] = i;
     });
     e_.links() = m_.links.need(static_cast<std::size_t>(2 * D) * e_.n_nbt);
+    std::atomic<int> largest{0};
     parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
-      linkNeighbours<D>(grid, indices, e_.ori_nbt_ind, e_.ori_nbt_sub, first, last, e_.links());
+      const int mine = linkNeighbours<D>(grid, indices, e_.ori_nbt_ind, e_.ori_nbt_sub, first, last,
+                                         e_.links());
+      for (int seen = largest; seen < mine && !largest.compare_exchange_weak(seen, mine);) {
+      }
     });
-    int largest = 0;
-    for (int i = 0; i < e_.n_nbt; ++i)
-      largest = std::max(largest, e_.links()[2 * D * (i + 1LL) - 2]);
     Rules::check(grid, grid.X - 1 + (grid.Y - 1) * grid.X + (grid.Z - 1) * grid.plane(), largest,
                  e_.n_nbt);
   }
