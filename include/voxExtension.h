@@ -22,6 +22,7 @@ struct ExtensionRules;
 template <>
 struct ExtensionRules<3> {
   /// Only a strictly nearer neighbour is upwind.
+  static constexpr bool upwindIsNearer = true;
   static bool upwind(double own, double neighbour) { return own > neighbour; }
   /// On equal distances along an axis the - neighbour is taken.
   static bool takePlus(double plus, double minus) { return plus < minus; }
@@ -30,6 +31,7 @@ struct ExtensionRules<3> {
 template <>
 struct ExtensionRules<2> {
   /// A neighbour at the same distance is upwind, too.
+  static constexpr bool upwindIsNearer = false;
   static bool upwind(double own, double neighbour) { return own >= neighbour; }
   /// On equal distances along an axis the + neighbour is taken.
   static bool takePlus(double plus, double minus) { return !(minus < plus); }
@@ -78,20 +80,25 @@ void extendToInterface(const Band<D>& band, int first, int last) {
 /// Extension over one side's test voxels, a contiguous piece of the band list.
 ///
 /// The values are those of a visit in increasing distance, equal distances in band order. No sort
-/// is needed: a voxel reads only neighbours that come before it in that order, so each voxel is
-/// computed after the neighbours it depends on, in whatever order that happens.
+/// is needed: a voxel reads only neighbours that come before it in that order, so it is enough to
+/// compute each voxel after the neighbours it depends on. That happens in passes up and down the
+/// list, each over the voxels that the passes before had to leave; the directions alternate, so that
+/// a chain of voxels that depend on each other takes one pass for each of its turns.
 template <int D>
 class TestVoxelExtension {
  public:
   TestVoxelExtension(const Band<D>& band, int first, int last)
       : band_(band), first_(first), done_(last - first, 0) {
+    std::vector<int> waiting, still;
     for (int i = first; i < last; ++i) {
-      if (isDone(i) || compute(i)) continue;
-      while (!pending_.empty()) {
-        const int top = pending_.back();
-        if (isDone(top) || compute(top)) pending_.pop_back();
+      if (!compute(i)) waiting.push_back(i);
+    }
+    while (!waiting.empty()) {
+      still.clear();
+      for (auto i = waiting.rbegin(); i != waiting.rend(); ++i) {
+        if (!compute(*i)) still.push_back(*i);
       }
-      compute(i);
+      waiting.swap(still);
     }
   }
 
@@ -127,7 +134,7 @@ class TestVoxelExtension {
     return !isTest(neighbour) || before(neighbour, j) ? band_.Fext[neighbour] : 0.0;
   }
 
-  /// Computes voxel j, or puts the neighbours it waits for on the stack and returns false.
+  /// Computes voxel j and returns true, or false if it waits for a neighbour.
   bool compute(int j) {
     const double u = band_.usdf[j];
     const int* link = band_.links(j);
@@ -141,14 +148,13 @@ class TestVoxelExtension {
       count += ExtensionRules<D>::upwind(u, upwind[count].distance);
     }
     if (count == 0) return computeWithoutUpwind(j);
-    bool ready = true;
     for (int m = 0; m < count; ++m) {
-      if (waitsFor(upwind[m].neighbour, j)) {
-        pending_.push_back(upwind[m].neighbour);
-        ready = false;
+      const int neighbour = upwind[m].neighbour;
+      if (ExtensionRules<D>::upwindIsNearer ? isTest(neighbour) && !isDone(neighbour)
+                                            : waitsFor(neighbour, j)) {
+        return false;
       }
     }
-    if (!ready) return false;
     done_[j - first_] = 1;
     band_.Fext[j] = average(upwind, count, u, j);
     return true;
@@ -159,10 +165,7 @@ class TestVoxelExtension {
     const int* link = band_.links(j);
     const bool takePlus = ExtensionRules<D>::takePlus(band_.usdf[link[0]], band_.usdf[link[1]]);
     const int neighbour = link[takePlus ? 0 : 1];
-    if (waitsFor(neighbour, j)) {
-      pending_.push_back(neighbour);
-      return false;
-    }
+    if (waitsFor(neighbour, j)) return false;
     done_[j - first_] = 1;
     band_.Fext[j] = valueFor(neighbour, j);
     return true;
@@ -171,7 +174,10 @@ class TestVoxelExtension {
   /// Mean of the upwind neighbours' values, weighted by how much nearer to the interface each is.
   double average(const std::array<Axis, D + 1>& upwind, int count, double u, int j) const {
     std::array<double, D> f;
-    for (int m = 0; m < count; ++m) f[m] = valueFor(upwind[m].neighbour, j);
+    for (int m = 0; m < count; ++m) {
+      const int neighbour = upwind[m].neighbour;
+      f[m] = ExtensionRules<D>::upwindIsNearer ? band_.Fext[neighbour] : valueFor(neighbour, j);
+    }
     if (count == 1) return f[0];
     const double s0 = upwind[0].distance;
     const double s1 = upwind[1].distance;
@@ -189,7 +195,6 @@ class TestVoxelExtension {
   const Band<D>& band_;
   int first_;
   std::vector<unsigned char> done_;
-  std::vector<int> pending_;
 };
 
 /// Extension velocities of all test voxels; the two sides are independent of each other.
