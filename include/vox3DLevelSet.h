@@ -79,7 +79,7 @@ class vox3DLevelSet {
     Initialize(Phi, std::max(bwt, 1));
     if (n_edge == 0) return;
     sFindEdgeExact();
-    sFindUsdf();
+    stages().findUsdfAndSums(voldata, w4);
     sFindF(voldata, w1, w2, w3, w4, w5, w6, w7);
     sFindEdgeFext();
     sCalFext(w7, tPhi);

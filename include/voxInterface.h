@@ -223,14 +223,13 @@ class Sweeps {
   std::vector<int> planes_;           ///< first row of every plane, then the end
 };
 
-/// Unsigned distance and interface points of all test voxels. The two sides never touch (face
-/// neighbours on different sides are edge voxels), so they are swept independently.
+/// Unsigned distance and interface points of one side's test voxels; side 0 is the positive one. The
+/// two never touch (face neighbours on different sides are edge voxels), so they may be swept at the
+/// same time.
 template <int D>
-void sweepDistances(const Band<D>& band, int threads) {
-  parallelFor(threads, 2, [&](int side) {
-    const int middle = band.n_edge + band.n_ptest;
-    Sweeps<D>(band, side == 0 ? band.n_edge : middle, side == 0 ? middle : band.n_nbt).run();
-  });
+void sweepDistances(const Band<D>& band, int side) {
+  const int middle = band.n_edge + band.n_ptest;
+  Sweeps<D>(band, side == 0 ? band.n_edge : middle, side == 0 ? middle : band.n_nbt).run();
 }
 
 /// Gives the distances of slots [first, last) their sign; 0 on the negative side becomes -0.

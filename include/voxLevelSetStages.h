@@ -13,6 +13,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "voxBand.h"
@@ -57,6 +58,7 @@ struct LevelSetMemory {
   BitGrid positive, edge, band, scratch;
   RegionSummer regions;
   std::vector<RegionSums> sums;
+  bool summed = false;   ///< `sums` are those of this step
   int insideChange = 0;  ///< voxels that the last step added to the inside
 };
 
@@ -112,6 +114,7 @@ class Stages {
   template <typename Matrix>
   void labelEdges(Matrix* Phi, bool indexMap) {
     const Grid grid = Rules::gridOf(*Phi);
+    m_.summed = false;
     signBits(Phi->p, grid, m_.positive, threads_);
     interfaceBits(m_.positive, m_.edge, threads_);
     e_.label = matrix(m_.label, grid);
@@ -156,9 +159,23 @@ class Stages {
 
   void findUsdf() {
     const Band<D> b = band();
-    sweepDistances(b, threads_);
-    parallelRanges(threads_, b.n_nbt + 2,
-                   [&](int first, int last) { signDistances(b, first, last); });
+    parallelFor(threads_, 2, [&](int side) { sweepDistances(b, side); });
+    signSlots();
+  }
+
+  /// findUsdf(), and the region sums that findF() will need. Both depend on the labels and the edge
+  /// voxels alone, and together they keep all threads busy: there are only two sides to sweep.
+  template <typename Matrix>
+  void findUsdfAndSums(Matrix* voldata, double w4) {
+    if (threads_ <= 1 || !(w4 != 0)) return findUsdf();
+    const Band<D> b = band();
+    const std::span<const int> centres = arrangeSums();
+    parallelFor(threads_, 2 + m_.regions.pieces(), [&](int i) {
+      if (i < 2) return sweepDistances(b, i);
+      m_.regions.sumPiece(i - 2, voldata->p, e_.label->p, centres, m_.sums);
+    });
+    m_.summed = true;
+    signSlots();
   }
 
   template <typename Matrix>
@@ -168,9 +185,12 @@ class Stages {
       curvatureSpeed(b, e_.mask_indices->p, grid, w1, w3, first, last);
     });
     if (!(w4 != 0)) return;
-    m_.sums.resize(e_.n_edge);
-    m_.regions.sum(voldata->p, e_.label->p, grid, std::span<const int>(e_.ori_nbt_ind, e_.n_edge),
-                   m_.sums, threads_);
+    if (!std::exchange(m_.summed, false)) {
+      const std::span<const int> centres = arrangeSums();
+      parallelFor(threads_, m_.regions.pieces(), [&](int i) {
+        m_.regions.sumPiece(i, voldata->p, e_.label->p, centres, m_.sums);
+      });
+    }
     overEdges([&](const Band<D>& b, int first, int last) {
       for (int i = first; i < last; ++i) {
         b.F[i] = withRegionTerm(b.F[i], voldata->p[e_.ori_nbt_ind[i]], m_.sums[i], w4, w5);
@@ -218,6 +238,20 @@ class Stages {
   void overEdges(Kernel&& kernel) {
     const Band<D> b = band();
     parallelRanges(threads_, e_.n_edge, [&](int first, int last) { kernel(b, first, last); });
+  }
+
+  void signSlots() {
+    const Band<D> b = band();
+    parallelRanges(threads_, b.n_nbt + 2,
+                   [&](int first, int last) { signDistances(b, first, last); });
+  }
+
+  /// Gets the region sums of the edge voxels ready to be taken; returns where these are.
+  std::span<const int> arrangeSums() {
+    const std::span<const int> centres(e_.ori_nbt_ind, e_.n_edge);
+    m_.sums.resize(e_.n_edge);
+    m_.regions.arrange(Rules::gridOf(*e_.label), centres, threads_);
+    return centres;
   }
 
   void listVoxels(Grid grid) {

@@ -608,32 +608,43 @@ class RegionSummer {
   void sum(const double* image, const char* label, Grid grid, std::span<const int> centres,
            std::span<RegionSums> sums, int threads = 1,
            InstructionSet instructions = widestInstructionSet()) {
+    arrange(grid, centres, threads);
+    parallelFor(threads, pieces(),
+                [&](int i) { sumPiece(i, image, label, centres, sums, instructions); });
+  }
+
+  /// The same in steps, for callers with other work to share out among their threads: arranges the
+  /// voxels in pieces, which can then be summed in any order and at the same time.
+  void arrange(Grid grid, std::span<const int> centres, int threads) {
     // Smaller tiles have wider margins for their size, but keep several threads busy.
     const int side = threads > 1 ? RegionTile::side / 2 : RegionTile::side;
-    const int tilesX = (grid.X + side - 1) / side;
-    const int tilesY = (grid.Y + side - 1) / side;
-    const std::size_t planesATile = static_cast<std::size_t>(RegionTile::blocks) * grid.Z;
-    sortByTile(grid, centres, side, tilesX, planesATile * tilesX * tilesY);
-    parallelFor(threads, tilesX * tilesY, [&](int t) {
-      const auto starts = std::span(starts_).subspan(t * planesATile, planesATile + 1);
-      const auto mine = std::span(order_).subspan(starts.front(), starts.back() - starts.front());
-      if (mine.empty()) return;
-      const int x0 = t % tilesX * side;
-      const int y0 = t / tilesX * side;
-      std::unique_ptr<Worker> worker = borrowWorker();
-      RegionTile::Slots& slots = worker->slots;
-      slots.resize(mine.size());
-      for (std::size_t i = 0; i < mine.size(); ++i) {
-        slots.all[i] = {{}, keys_[mine[i]].place, 0};
-      }
-      kernelFor(instructions)(worker->tile, slots, image, label, grid, x0, y0, starts);
-      for (std::size_t i = 0; i < mine.size(); ++i) {
-        const RegionTile::Slot& slot = slots.all[i];
-        sums[mine[i]] = {std::bit_cast<double>(slot.sum[0]), std::bit_cast<double>(slot.sum[1]),
-                         slot.positives, boxVoxels(grid, centres[mine[i]]) - slot.positives};
-      }
-      returnWorker(std::move(worker));
-    });
+    tiling_ = {grid, sideWithin(grid.X, side), sideWithin(grid.Y, side)};
+    sortByTile(centres, threads);
+    largestFirst();
+  }
+  int pieces() const { return static_cast<int>(tiles_.size()); }
+  void sumPiece(int piece, const double* image, const char* label, std::span<const int> centres,
+                std::span<RegionSums> sums,
+                InstructionSet instructions = widestInstructionSet()) {
+    const int t = tiles_[piece];
+    const std::size_t planes = tiling_.planesATile();
+    const auto starts = std::span(starts_).subspan(t * planes, planes + 1);
+    const auto mine = std::span(order_).subspan(starts.front(), starts.back() - starts.front());
+    if (mine.empty()) return;
+    const int x0 = t % tiling_.tilesX() * tiling_.sideX;
+    const int y0 = t / tiling_.tilesX() * tiling_.sideY;
+    std::unique_ptr<Worker> worker = borrowWorker();
+    RegionTile::Slots& slots = worker->slots;
+    slots.resize(mine.size());
+    for (std::size_t i = 0; i < mine.size(); ++i) slots.all[i] = {{}, keys_[mine[i]].place, 0};
+    kernelFor(instructions)(worker->tile, slots, image, label, tiling_.grid, x0, y0, starts);
+    for (std::size_t i = 0; i < mine.size(); ++i) {
+      const RegionTile::Slot& slot = slots.all[i];
+      sums[mine[i]] = {std::bit_cast<double>(slot.sum[0]), std::bit_cast<double>(slot.sum[1]),
+                       slot.positives,
+                       boxVoxels(tiling_.grid, centres[mine[i]]) - slot.positives};
+    }
+    returnWorker(std::move(worker));
   }
 
  private:
@@ -642,6 +653,32 @@ class RegionSummer {
     RegionTile tile;
     RegionTile::Slots slots;
   };
+
+  /// How the planes of a grid are cut into tiles.
+  struct Tiling {
+    Grid grid;
+    int sideX, sideY;
+    int tilesX() const { return (grid.X + sideX - 1) / sideX; }
+    int tiles() const { return tilesX() * ((grid.Y + sideY - 1) / sideY); }
+    std::size_t planesATile() const { return static_cast<std::size_t>(RegionTile::blocks) * grid.Z; }
+  };
+
+  /// The side of tiles of about the same size, none larger than `most`, in whole blocks.
+  static int sideWithin(int size, int most) {
+    const int tiles = (size + most - 1) / most;
+    const int blocks = (size + RegionTile::blockSide * tiles - 1) / (RegionTile::blockSide * tiles);
+    return blocks * RegionTile::blockSide;
+  }
+
+  /// tiles_ = the tiles in the order in which threads take them: those with the most voxels first,
+  /// so that all threads end at about the same time.
+  void largestFirst() {
+    tiles_.resize(tiling_.tiles());
+    std::iota(tiles_.begin(), tiles_.end(), 0);
+    const std::size_t planes = tiling_.planesATile();
+    const auto voxels = [&](int t) { return starts_[(t + 1) * planes] - starts_[t * planes]; };
+    std::sort(tiles_.begin(), tiles_.end(), [&](int a, int b) { return voxels(a) > voxels(b); });
+  }
 
   /// Where a voxel stands among the tiles.
   struct Key {
@@ -654,21 +691,29 @@ class RegionSummer {
     }
   };
 
+  Key keyOf(int centre) const {
+    const auto& [grid, sideX, sideY] = tiling_;
+    const int z = centre / grid.plane(), inPlane = centre - z * grid.plane();
+    const int y = inPlane / grid.X, x = inPlane - y * grid.X;
+    const int tileX = x / sideX, tileY = y / sideY;
+    const int inX = x - tileX * sideX, inY = y - tileY * sideY;
+    constexpr int blockSide = RegionTile::blockSide;
+    const int block = inY / blockSide * RegionTile::blocksARow + inX / blockSide;
+    const auto tile = static_cast<std::size_t>(tileY) * tiling_.tilesX() + tileX;
+    return {(tile * RegionTile::blocks + block) * grid.Z + z, inY * RegionTile::reach + inX};
+  }
+
   /// order_ = the voxels by tile, block, plane, row and column, starts_ = where each block's
   /// planes begin. A radix sort of two passes.
-  void sortByTile(Grid grid, std::span<const int> centres, int side, int tilesX,
-                  std::size_t buckets) {
+  void sortByTile(std::span<const int> centres, int threads) {
+    keys_.resize(centres.size());
+    parallelRanges(threads, static_cast<int>(centres.size()), [&](int first, int last) {
+      for (int i = first; i < last; ++i) keys_[i] = keyOf(centres[i]);
+    });
     constexpr int blockSide = RegionTile::blockSide;
     std::array<int, blockSide * blockSide + 1> columns{};
-    starts_.assign(buckets + 1, 0);
-    keys_.clear();
-    for (const int g : centres) {
-      const int z = g / grid.plane(), y = g % grid.plane() / grid.X, x = g % grid.plane() % grid.X;
-      const int block = y % side / blockSide * RegionTile::blocksARow + x % side / blockSide;
-      const auto tile = static_cast<std::size_t>(y / side * tilesX + x / side);
-      const Key key{(tile * RegionTile::blocks + block) * grid.Z + z,
-                    y % side * RegionTile::reach + x % side};
-      keys_.push_back(key);
+    starts_.assign(tiling_.planesATile() * tiling_.tiles() + 1, 0);
+    for (const Key& key : keys_) {
       ++columns[key.column() + 1];
       ++starts_[key.bucket];
     }
@@ -697,6 +742,8 @@ class RegionSummer {
     idle_.push_back(std::move(worker));
   }
 
+  Tiling tiling_{};
+  std::vector<int> tiles_;
   std::vector<Key> keys_;
   std::vector<int> byColumn_, starts_, order_;
   std::vector<std::unique_ptr<Worker>> idle_;
