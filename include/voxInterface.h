@@ -13,6 +13,8 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <limits>
 #include <vector>
 
 #include "voxExactMath.h"
@@ -158,74 +160,117 @@ class Sweeps {
   }
 
   void visit(int i) {
-    if (!stale_[i - first_]) return;
-    stale_[i - first_] = 0;
+    // Local copies: the compiler must assume that writing to a byte changes any member.
+    unsigned char* const stale = stale_.data();
+    const unsigned first = first_, spare = last_ - first_;
+    if (!stale[i - first]) return;
+    stale[i - first] = 0;
     if (!relax(i)) return;
+    const int* const link = band_.links(i);
 #pragma GCC unroll 6
     for (int k = 0; k < 2 * D; ++k) {
       // Neighbours on other lists are marked in a spare place at the end.
-      const unsigned neighbour = band_.links(i)[k] - first_;
-      stale_[std::min(neighbour, static_cast<unsigned>(last_ - first_))] = 1;
+      stale[std::min(link[k] - first, spare)] = 1;
     }
   }
+
+  /// One value for each of the two neighbours along an axis. Which neighbour has the least is
+  /// unpredictable, so it is found without branches.
+  typedef double Pair [[gnu::vector_size(16)]];
+  typedef std::int64_t PairBits [[gnu::vector_size(16)]];
+
+  /// The least value; none that is not a number, save the first.
+  static double least(const Pair* values) {
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    Pair smallest{values[0][0], values[0][1] < infinity ? values[0][1] : infinity};
+#pragma GCC unroll 2
+    for (int axis = 1; axis < D; ++axis) {
+      smallest = values[axis] < smallest ? values[axis] : smallest;
+    }
+    return smallest[1] < smallest[0] ? smallest[1] : smallest[0];
+  }
+
+  /// Number of the first neighbour with this value, which is one of them.
+  static int firstEqual(const Pair* values, double value) {
+    PairBits equal{};
+#pragma GCC unroll 3
+    for (int axis = 0; axis < D; ++axis) {
+      equal |= (values[axis] == Pair{value, value}) & PairBits{1 << 2 * axis, 2 << 2 * axis};
+    }
+    return std::countr_zero(static_cast<unsigned>(equal[0] | equal[1]));
+  }
+
+  /// Where a voxel is.
+  struct Voxel {
+    Pair xy, zz;
+    explicit Voxel(const int* c) : xy{double(c[0]), double(c[1])}, zz{} {
+      if constexpr (D == 3) zz = Pair{double(c[2]), double(c[2])};
+    }
+    /// Squares of the distances to the points p and q.
+    Pair squaredDistances(const double* p, const double* q) const {
+      Pair a = xy - Pair{p[0], p[1]};
+      Pair b = xy - Pair{q[0], q[1]};
+      a *= a;
+      b *= b;
+      Pair squared = Pair{a[0], b[0]} + Pair{a[1], b[1]};
+      if constexpr (D == 3) {
+        const Pair c = zz - Pair{p[2], q[2]};
+        squared += c * c;
+      }
+      return squared;
+    }
+  };
 
   /// Takes the nearest interface point among the neighbours', if the voxel is at least about as far
   /// from it as the nearest known neighbour. Returns whether anything changed.
   bool relax(int i) {
     const int* link = band_.links(i);
-    double nearest = band_.usdf[link[0]];
-#pragma GCC unroll 6
-    for (int k = 1; k < 2 * D; ++k) {
-      const double u = band_.usdf[link[k]];
-      nearest = u < nearest ? u : nearest;
+    Pair known[D], squared[D];
+    for (int k = 0; k < D; ++k) {
+      known[k] = Pair{band_.usdf[link[2 * k]], band_.usdf[link[2 * k + 1]]};
     }
+    const double nearest = least(known);
     if (!(nearest < unknownDistance)) return false;
-    // Which neighbour wins is unpredictable, so it is found without branches.
-    const int* own = band_.coordinates(i);
-    double best = squaredDistance(own, band_.point(link[0]));
-    int winner = link[0];
-#pragma GCC unroll 6
-    for (int k = 1; k < 2 * D; ++k) {
-      const double squared = squaredDistance(own, band_.point(link[k]));
-      const bool nearer = squared < best;
-      winner ^= (winner ^ link[k]) & -int{nearer};
-      best = nearer ? squared : best;
+    const Voxel own(band_.coordinates(i));
+    for (int k = 0; k < D; ++k) {
+      squared[k] = own.squaredDistances(band_.point(link[2 * k]), band_.point(link[2 * k + 1]));
     }
+    const double best = least(squared);
     if (!(best + 0.0001 >= nearest * nearest)) return false;
-    return assign(i, std::sqrt(best), band_.point(winner));
+    return assign(i, std::sqrt(best), band_.point(link[firstEqual(squared, best)]));
   }
 
-  static double squaredDistance(const int* voxel, const double* point) {
-    double squared = (voxel[0] - point[0]) * (voxel[0] - point[0]);
-#pragma GCC unroll 2
-    for (int j = 1; j < D; ++j) squared += (voxel[j] - point[j]) * (voxel[j] - point[j]);
-    return squared;
-  }
-
+  /// Both coordinates go in one store, since the next voxel may read them in one load.
   bool assign(int i, double distance, const double* source) {
     const auto differs = [](double a, double b) {
-      return std::bit_cast<std::uint64_t>(a) != std::bit_cast<std::uint64_t>(b);
+      return std::bit_cast<std::uint64_t>(a) ^ std::bit_cast<std::uint64_t>(b);
     };
     double* point = band_.point(i);
-    bool changed = differs(band_.usdf[i], distance);
+    std::uint64_t changed = differs(band_.usdf[i], distance);
     band_.usdf[i] = distance;
-    for (int j = 0; j < D; ++j) {
-      changed |= differs(point[j], source[j]);
-      point[j] = source[j];
+    PairBits before, after;
+    std::memcpy(&before, point, sizeof before);
+    std::memcpy(&after, source, sizeof after);
+    std::memcpy(point, &after, sizeof after);
+    before ^= after;
+    changed |= before[0] | before[1];
+    if constexpr (D == 3) {
+      changed |= differs(point[2], source[2]);
+      point[2] = source[2];
     }
-    return changed;
+    return changed != 0;
   }
 
-  const Band<D>& band_;
+  const Band<D> band_;
   int first_, last_;
   std::vector<unsigned char> stale_;  ///< 1: a neighbour changed since the last visit
   std::vector<int> rows_;             ///< first voxel of every row, then the end
   std::vector<int> planes_;           ///< first row of every plane, then the end
 };
 
-/// Unsigned distance and interface points of one side's test voxels; side 0 is the positive one. The
-/// two never touch (face neighbours on different sides are edge voxels), so they may be swept at the
-/// same time.
+/// Unsigned distance and interface points of one side's test voxels; side 0 is the positive one.
+/// The two never touch (face neighbours on different sides are edge voxels), so they may be swept
+/// at the same time.
 template <int D>
 void sweepDistances(const Band<D>& band, int side) {
   const int middle = band.n_edge + band.n_ptest;
