@@ -159,7 +159,7 @@ class alignas(hugePage) RegionTile {
     begin_ = std::max(0, -x0_);
     end_ = std::min(reach, X - x0_);
     for (int j = 0; j < padded; ++j) inGrid_[j] = -std::uint64_t{j >= begin_ && j < end_};
-    for (Table& table : tables_) std::fill(std::begin(table.value), std::end(table.value), 0.0);
+    for (auto& values : value_) std::fill(std::begin(values), std::end(values), 0.0);
     row_ = {};
   }
 
@@ -170,10 +170,8 @@ class alignas(hugePage) RegionTile {
     windows_ = {area.x0, std::min(area.x1, X_ - x0_ - boxSize)};
     columns_ = {std::max(windows_[0], begin_), std::min(windows_[1] + window - 1, end_)};
     const int first = area.y0 * reach + area.x0, last = area.y0 * reach + area.x1;
-    for (Table& table : tables_) {
-      std::fill(table.total + first, table.total + last, 0);
-      std::fill(table.rounding + first, table.rounding + last, Rounding{});
-    }
+    std::fill(total_ + first, total_ + last, Pair{});
+    for (auto& rounding : rounding_) std::fill(rounding + first, rounding + last, Rounding{});
     std::fill(positives_ + first, positives_ + last, 0);
   }
 
@@ -198,12 +196,11 @@ class alignas(hugePage) RegionTile {
       for (Slot& slot : range) {
         const std::ptrdiff_t at = slot.place;
         slot.positives += positives_[at + window * reach] - positives_[at];
+        const Pair failed = stepBoth(at, at + window * reach, slot.sum);
 #pragma GCC unroll 2
         for (int s = 0; s < 2; ++s) {
-          const Step next = step(tables_[s], at, at + window * reach, slot.sum[s]);
-          slot.sum[s] = next.sum;
           *unfinished[s] = &slot;
-          unfinished[s] += !next.valid;
+          unfinished[s] -= static_cast<std::ptrdiff_t>(failed[s]);
         }
       }
     }
@@ -222,10 +219,10 @@ class alignas(hugePage) RegionTile {
   }
 
  private:
-  static constexpr int firstBinade = 5;  ///< the tables serve sums from 2^5 ...
-  static constexpr int binades = 8;      ///< ... to below 2^13
+  static constexpr int firstBinade = 4;  ///< the tables serve sums from 2^4 ...
+  static constexpr int binades = 8;      ///< ... to below 2^12
   static constexpr int fractionBits = 53 - firstBinade;
-  static constexpr int leastExponent = 1023 - fractionBits;  ///< they serve values from 2^-48 ...
+  static constexpr int leastExponent = 1023 - fractionBits;  ///< they serve values from 2^-49 ...
   static constexpr int limitExponent = 1023 + 2;             ///< ... to below 4, and 0
   static constexpr std::uint64_t ulps = std::uint64_t{1} << 52;  ///< of a binade
   static constexpr std::uint32_t tieUnit = 1 << 21;
@@ -234,12 +231,8 @@ class alignas(hugePage) RegionTile {
   /// Sums of c_k and of ties, by k.
   typedef std::uint32_t Rounding [[gnu::vector_size(4 * binades)]];
 
-  /// One side of the interface. Entry [r * reach + x] is over rows 0 to r - 1 of window x.
-  struct Table {
-    std::uint64_t total[(reach + 1) * reach];  ///< sums of F
-    Rounding rounding[(reach + 1) * reach];
-    double value[reach * reach + 4];  ///< the voxel, 0 if it is not on this side; room for a vector
-  };
+  /// One word for the positive and one for the negative side.
+  typedef std::uint64_t Pair [[gnu::vector_size(16)]];
 
   /// The binade of a sum, counted from the first one served; `binades` or more if none of them.
   [[gnu::always_inline]] static std::uint64_t binadeOf(std::uint64_t sum) {
@@ -251,20 +244,41 @@ class alignas(hugePage) RegionTile {
     std::uint64_t sum;
     bool valid;
   };
-  /// Adds the rows between two entries of a table.
-  [[gnu::always_inline]] static Step step(const Table& table, std::ptrdiff_t from,
-                                          std::ptrdiff_t to, std::uint64_t sum) {
+  /// Adds the rows between two entries of the tables to a sum of side s.
+  [[gnu::always_inline]] Step step(int s, std::ptrdiff_t from, std::ptrdiff_t to,
+                                   std::uint64_t sum) const {
     const std::uint64_t binade = binadeOf(sum);
     const bool served = binade < binades;
     const std::uint64_t k = served ? binade : 0;
-    const std::uint32_t rounding = lane(table.rounding[to], k) - lane(table.rounding[from], k);
-    const auto correction = static_cast<std::uint64_t>(static_cast<std::int32_t>(rounding));
-    const std::uint64_t total = table.total[to] - table.total[from];
-    const std::uint64_t next = sum + ((total + correction) >> (k + 1));
+    const std::uint64_t rounding = roundingOf(s, from, to, k);
+    const std::uint64_t next = sum + ((total_[to][s] - total_[from][s] + rounding) >> (k + 1));
     const std::uint64_t leaves = (next ^ sum) >> (served ? 52 : 0);
-    const std::uint32_t ties = (rounding + tieUnit / 2) / tieUnit;
+    const std::uint64_t ties = (rounding + tieUnit / 2) / tieUnit;
     const bool valid = (leaves | ties) == 0;
     return {valid ? next : sum, valid};
+  }
+  /// The same for both sums of a slot. Returns all ones for a side where it is not valid.
+  [[gnu::always_inline]] Pair stepBoth(std::ptrdiff_t from, std::ptrdiff_t to,
+                                       std::uint64_t (&sums)[2]) const {
+    Pair sum;
+    load(sum, sums);
+    const Pair binade = (sum >> 52) - (1023 + firstBinade);
+    const auto served = (Pair)((binade & -std::uint64_t{binades}) == 0);
+    const Pair k = binade & served;
+    const Pair rounding{roundingOf(0, from, to, k[0]), roundingOf(1, from, to, k[1])};
+    const Pair next = sum + ((total_[to] - total_[from] + rounding) >> (k + 1));
+    const Pair leaves = (next ^ sum) & (~served | -ulps);
+    const Pair ties = (rounding + tieUnit / 2) & -std::uint64_t{tieUnit};
+    const auto valid = (Pair)((leaves | ties) == 0);
+    sum = (next & valid) | (sum & ~valid);
+    std::memcpy(sums, &sum, sizeof sum);
+    return ~valid;
+  }
+  /// The sum of c_k between two entries, with its sign.
+  [[gnu::always_inline]] std::uint64_t roundingOf(int s, std::ptrdiff_t from, std::ptrdiff_t to,
+                                                  std::uint64_t k) const {
+    const std::uint32_t rounding = lane(rounding_[s][to], k) - lane(rounding_[s][from], k);
+    return static_cast<std::uint64_t>(static_cast<std::int32_t>(rounding));
   }
   [[gnu::always_inline]] static std::uint32_t lane(const Rounding& rounding, std::uint64_t k) {
     std::uint32_t value;
@@ -282,15 +296,17 @@ class alignas(hugePage) RegionTile {
   [[gnu::always_inline]] static void load(Vector& to, const T* from) {
     std::memcpy(&to, from, sizeof to);
   }
+  template <typename Vector, typename T>
+  [[gnu::always_inline]] static void store(T* to, const Vector& from) {
+    std::memcpy(to, &from, sizeof from);
+  }
 
   /// Adds nothing to the sums of the rows before.
   void repeatRow(int r) {
     const int before = r * reach + windows_[0], after = before + reach;
     const int count = windows_[1] - windows_[0];
-    for (Table& table : tables_) {
-      std::copy_n(table.total + before, count, table.total + after);
-      std::copy_n(table.rounding + before, count, table.rounding + after);
-    }
+    std::copy_n(total_ + before, count, total_ + after);
+    for (auto& rounding : rounding_) std::copy_n(rounding + before, count, rounding + after);
     std::copy_n(positives_ + before, count, positives_ + after);
   }
 
@@ -325,21 +341,14 @@ class alignas(hugePage) RegionTile {
       const Words fixed = (significand >> shift) & served;
       const auto exact = (Words)((fixed << shift) == significand);
       const auto unusable = (Words)(bits != 0) & ~served;
-      row_.low[j / lanes] = fixed;
-      row_.exact[j / lanes] = exact & tieUnit;
-      row_.unusable[j / lanes] = unusable & tieUnit;
+      store(row_.fixed + j, fixed);
+      store(row_.exact + j, exact & tieUnit);
+      store(row_.unusable + j, unusable & tieUnit);
       for (int s = 0; s < 2; ++s) {
-        row_.inside[s][j / lanes] = inside[s];
-        row_.fixed[s][j / lanes] = fixed & inside[s];
-        const Words value = bits & inside[s];
-        std::memcpy(tables_[s].value + r * reach + j, &value, sizeof value);
+        store(row_.inside[s] + j, inside[s]);
+        store(value_[s] + r * reach + j, bits & inside[s]);
       }
     }
-  }
-
-  /// The lower half of entry j of a row.
-  [[gnu::always_inline]] static std::uint32_t low(const Words* row, int j) {
-    return static_cast<std::uint32_t>(row[j / lanes][j % lanes]);
   }
 
   /// What each of the row's voxels adds to the sums of c_k of both sides.
@@ -350,37 +359,37 @@ class alignas(hugePage) RegionTile {
       mask[k] = (2u << k) - 1;
     }
     for (int j = columns_[0]; j < columns_[1]; ++j) {
-      const Rounding rest = (low(row_.low, j) + half) & mask;
-      const Rounding ties = ((Rounding)(rest == 0) & low(row_.exact, j)) + low(row_.unusable, j);
+      const auto low = [j](const std::uint64_t* row) { return static_cast<std::uint32_t>(row[j]); };
+      const Rounding rest = (low(row_.fixed) + half) & mask;
+      const Rounding ties = ((Rounding)(rest == 0) & low(row_.exact)) + low(row_.unusable);
       const Rounding all = half - rest + ties;
-      for (int s = 0; s < 2; ++s) row_.rounding[s][j] = all & low(row_.inside[s], j);
+      for (int s = 0; s < 2; ++s) row_.rounding[s][j] = all & low(row_.inside[s]);
+      row_.total[j] = Pair{row_.inside[0][j], row_.inside[1][j]} & row_.fixed[j];
     }
   }
 
   /// Slides the window along the row and adds it to the sums of the rows before.
   [[gnu::always_inline]] void slideOver(int r) {
     Rounding rounding[2] = {};
-    std::uint64_t total[2] = {};
+    Pair total{};
     int positives = 0;
     const auto enter = [&](int j) {
-      for (int s = 0; s < 2; ++s) {
-        rounding[s] += row_.rounding[s][j];
-        total[s] += row_.fixed[s][j / lanes][j % lanes];
-      }
-      positives -= static_cast<int>(low(row_.inside[0], j));
+      for (int s = 0; s < 2; ++s) rounding[s] += row_.rounding[s][j];
+      total += row_.total[j];
+      positives -= static_cast<int>(row_.inside[0][j]);
     };
     for (int j = windows_[0]; j < windows_[0] + window - 1; ++j) enter(j);
     for (int x = windows_[0]; x < windows_[1]; ++x) {
       enter(x + window - 1);
       const int before = r * reach + x, after = before + reach;
       for (int s = 0; s < 2; ++s) {
-        tables_[s].rounding[after] = tables_[s].rounding[before] + rounding[s];
-        tables_[s].total[after] = tables_[s].total[before] + total[s];
+        rounding_[s][after] = rounding_[s][before] + rounding[s];
         rounding[s] -= row_.rounding[s][x];
-        total[s] -= row_.fixed[s][x / lanes][x % lanes];
       }
+      total_[after] = total_[before] + total;
+      total -= row_.total[x];
       positives_[after] = positives_[before] + positives;
-      positives += static_cast<int>(low(row_.inside[0], x));
+      positives += static_cast<int>(row_.inside[0][x]);
     }
   }
 
@@ -428,7 +437,7 @@ class alignas(hugePage) RegionTile {
       const int begin = next;
       for (; used < groups && next < count; ++used) {
         const int first = list[next]->place;
-        group[used] = {tables_[s].value + first, {}};
+        group[used] = {value_[s] + first, {}};
         for (int before = -1; next < count; ++next) {
           const int at = list[next]->place - first;
           if (at <= before || at >= lanes) break;
@@ -447,21 +456,24 @@ class alignas(hugePage) RegionTile {
     }
   }
 
-  /// The last of rows 0 to window - 1 before which the sums of F stay below `limit`, as an offset
-  /// in the table: a binary search. Its way is unpredictable, so it takes no branches.
-  [[gnu::always_inline]] static int rowBefore(const std::uint64_t* total, std::uint64_t limit) {
-    constexpr int steps[] = {10, 5, 3, 1, 1};
-    const std::uint64_t* at = total;
-#pragma GCC unroll 5
-    for (int i = 0; i < 5; ++i) {
-      const bool further = at[steps[i] * reach] < limit;
-      at += steps[i] * reach & -std::ptrdiff_t{further};
-    }
-    return static_cast<int>(at - total);
-  }
-
   /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
   static constexpr int batch = 8;
+
+  /// For each of a batch of windows the last of rows 0 to window - 1 before which the sums of F
+  /// stay below the limit, as an entry of the table: binary searches, step by step side by side.
+  /// Their ways are unpredictable, so they take no branches.
+  [[gnu::always_inline]] static void findRows(int s, const std::uint64_t (&limit)[batch],
+                                              const Pair* (&entry)[batch]) {
+    constexpr int steps[] = {10, 5, 3, 1, 1};
+#pragma GCC unroll 5
+    for (int i = 0; i < 5; ++i) {
+#pragma GCC unroll 8
+      for (int b = 0; b < batch; ++b) {
+        const bool further = entry[b][steps[i] * reach][s] < limit[b];
+        entry[b] += steps[i] * reach & -std::ptrdiff_t{further};
+      }
+    }
+  }
 
   /// Sums that leave their binade in this plane: as many rows at once as stay in it, the row
   /// where the sum leaves it voxel by voxel, then the rest. The rows are found from the sums of F
@@ -470,11 +482,19 @@ class alignas(hugePage) RegionTile {
   /// before the row, or whose sums grow too large for the tables, go to the plain list.
   [[gnu::always_inline]] int addInPieces(int s, Slots& slots, int count, int& plain) const {
     constexpr std::uint64_t margin = window * window / 2 + 1;
-    const Table& table = tables_[s];
     int left = 0;
     for (int first = 0; first < count; first += batch) {
       Piece* pieces = slots.pieces.data() + first;
       const int used = std::min(batch, count - first);
+      const Pair* entry[batch];
+      std::uint64_t limit[batch];
+      for (int b = 0; b < batch; ++b) {
+        const Piece& piece = pieces[std::min(b, used - 1)];
+        entry[b] = total_ + piece.slot->place;
+        const std::uint64_t room = std::max(ulps - (piece.sum & (ulps - 1)), margin) - margin;
+        limit[b] = entry[b][piece.row][s] + (room << (binadeOf(piece.sum) + 1));
+      }
+      findRows(s, limit, entry);
       const double* value[batch];
       int row[batch];  // offsets in the tables
       double sum[batch];
@@ -482,13 +502,11 @@ class alignas(hugePage) RegionTile {
       for (int b = 0; b < batch; ++b) {
         const Piece& piece = pieces[std::min(b, used - 1)];
         const std::ptrdiff_t place = piece.slot->place, from = place + piece.row;
-        const std::uint64_t room = std::max(ulps - (piece.sum & (ulps - 1)), margin) - margin;
-        const std::uint64_t limit = table.total[from] + (room << (binadeOf(piece.sum) + 1));
-        row[b] = std::max(rowBefore(table.total + place, limit), piece.row);
-        const std::ptrdiff_t to = place + row[b];
-        const Step found = step(table, from, to, piece.sum);
+        const std::ptrdiff_t to = std::max(entry[b] - total_, from);
+        row[b] = static_cast<int>(to - place);
+        const Step found = step(s, from, to, piece.sum);
         tie[b] = !found.valid;
-        value[b] = table.value + to;
+        value[b] = value_[s] + to;
         sum[b] = std::bit_cast<double>(found.sum);
       }
 #pragma GCC unroll 21
@@ -500,7 +518,7 @@ class alignas(hugePage) RegionTile {
         Slot* const slot = pieces[b].slot;
         const int next = row[b] + reach;
         const auto bits = std::bit_cast<std::uint64_t>(sum[b]);
-        const Step rest = step(table, slot->place + next, slot->place + window * reach, bits);
+        const Step rest = step(s, slot->place + next, slot->place + window * reach, bits);
         const bool done = rest.valid & !tie[b];
         const bool lost = tie[b] | (!done & (binadeOf(bits) >= binades));
         slot->sum[s] = done ? rest.sum : slot->sum[s];
@@ -513,8 +531,12 @@ class alignas(hugePage) RegionTile {
     return left;
   }
 
-  std::array<Table, 2> tables_;         // positive, negative
+  // The tables; one of each for the positive and one for the negative side. Entry [r * reach + x]
+  // of the sums is over rows 0 to r - 1 of window x.
+  Pair total_[(reach + 1) * reach];  // sums of F
+  Rounding rounding_[2][(reach + 1) * reach];
   int positives_[(reach + 1) * reach];  // voxels of the positive side
+  double value_[2][reach * reach + 4];  // the voxel, 0 if it is not on this side; room for a vector
 
   int X_ = 0, Y_ = 0;              // of the grid
   int x0_ = 0, y0_ = 0;            // where the tile with its margin begins in it
@@ -528,12 +550,12 @@ class alignas(hugePage) RegionTile {
   char rowLabels_[padded] = {};
   // What every voxel of the row brings to the tables.
   struct Row {
-    Words inside[2][padded / lanes];  // all ones where the voxel is on the side
-    Words fixed[2][padded / lanes];   // F, if it is
-    Words low[padded / lanes];        // F
-    Words exact[padded / lanes];      // tieUnit where F holds all of v
-    Words unusable[padded / lanes];   // tieUnit where the tables do not serve v
+    std::uint64_t inside[2][padded];  // all ones where the voxel is on the side
+    std::uint64_t fixed[padded];      // F
+    std::uint64_t exact[padded];      // tieUnit where F holds all of v
+    std::uint64_t unusable[padded];   // tieUnit where the tables do not serve v
     Rounding rounding[2][padded];
+    Pair total[padded];
   };
   Row row_{};
 };
@@ -624,8 +646,7 @@ class RegionSummer {
   }
   int pieces() const { return static_cast<int>(tiles_.size()); }
   void sumPiece(int piece, const double* image, const char* label, std::span<const int> centres,
-                std::span<RegionSums> sums,
-                InstructionSet instructions = widestInstructionSet()) {
+                std::span<RegionSums> sums, InstructionSet instructions = widestInstructionSet()) {
     const int t = tiles_[piece];
     const std::size_t planes = tiling_.planesATile();
     const auto starts = std::span(starts_).subspan(t * planes, planes + 1);
@@ -641,8 +662,7 @@ class RegionSummer {
     for (std::size_t i = 0; i < mine.size(); ++i) {
       const RegionTile::Slot& slot = slots.all[i];
       sums[mine[i]] = {std::bit_cast<double>(slot.sum[0]), std::bit_cast<double>(slot.sum[1]),
-                       slot.positives,
-                       boxVoxels(tiling_.grid, centres[mine[i]]) - slot.positives};
+                       slot.positives, boxVoxels(tiling_.grid, centres[mine[i]]) - slot.positives};
     }
     returnWorker(std::move(worker));
   }
@@ -660,7 +680,9 @@ class RegionSummer {
     int sideX, sideY;
     int tilesX() const { return (grid.X + sideX - 1) / sideX; }
     int tiles() const { return tilesX() * ((grid.Y + sideY - 1) / sideY); }
-    std::size_t planesATile() const { return static_cast<std::size_t>(RegionTile::blocks) * grid.Z; }
+    std::size_t planesATile() const {
+      return static_cast<std::size_t>(RegionTile::blocks) * grid.Z;
+    }
   };
 
   /// The side of tiles of about the same size, none larger than `most`, in whole blocks.
