@@ -29,7 +29,8 @@ std::unique_ptr<Image> ballAndSlab(double beam) {
 }
 
 TEST(Stripping, LowersTheWeightWhileTheMaskLeaksAndSaysWhenThatDoesNotHelp) {
-  const StripSettings settings = {.finish = kDefaultFinish};
+  StripSettings settings;
+  settings.finish = kDefaultFinish;
   std::vector<double> runs;
   StripObserver observer;
   observer.onRun = [&](double w5) { runs.push_back(w5); };
