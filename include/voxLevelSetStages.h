@@ -169,10 +169,10 @@ class Stages {
   void findUsdfAndSums(Matrix* voldata, double w4) {
     if (threads_ <= 1 || !(w4 != 0)) return findUsdf();
     const Band<D> b = band();
-    const std::span<const int> centres = arrangeSums();
+    arrangeSums();
     parallelFor(threads_, 2 + m_.regions.pieces(), [&](int i) {
       if (i < 2) return sweepDistances(b, i);
-      m_.regions.sumPiece(i - 2, voldata->p, e_.label->p, centres, m_.sums);
+      m_.regions.sumPiece(i - 2, voldata->p, e_.label->p, m_.sums);
     });
     m_.summed = true;
     signSlots();
@@ -186,10 +186,9 @@ class Stages {
     });
     if (!(w4 != 0)) return;
     if (!std::exchange(m_.summed, false)) {
-      const std::span<const int> centres = arrangeSums();
-      parallelFor(threads_, m_.regions.pieces(), [&](int i) {
-        m_.regions.sumPiece(i, voldata->p, e_.label->p, centres, m_.sums);
-      });
+      arrangeSums();
+      parallelFor(threads_, m_.regions.pieces(),
+                  [&](int i) { m_.regions.sumPiece(i, voldata->p, e_.label->p, m_.sums); });
     }
     overEdges([&](const Band<D>& b, int first, int last) {
       for (int i = first; i < last; ++i) {
@@ -246,12 +245,11 @@ class Stages {
                    [&](int first, int last) { signDistances(b, first, last); });
   }
 
-  /// Gets the region sums of the edge voxels ready to be taken; returns where these are.
-  std::span<const int> arrangeSums() {
+  /// Gets the region sums of the edge voxels ready to be taken.
+  void arrangeSums() {
     const std::span<const int> centres(e_.ori_nbt_ind, e_.n_edge);
     m_.sums.resize(e_.n_edge);
     m_.regions.arrange(Rules::gridOf(*e_.label), centres, threads_);
-    return centres;
   }
 
   void listVoxels(Grid grid) {
@@ -295,8 +293,8 @@ class Stages {
     e_.links() = m_.links.need(static_cast<std::size_t>(2 * D) * e_.n_nbt);
     std::atomic<int> largest{0};
     parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
-      const int mine = linkNeighbours<D>(grid, indices, e_.ori_nbt_ind, e_.ori_nbt_sub, first, last,
-                                         e_.links());
+      const int mine =
+          linkNeighbours<D>(grid, indices, e_.ori_nbt_ind, e_.ori_nbt_sub, first, last, e_.links());
       for (int seen = largest; seen < mine && !largest.compare_exchange_weak(seen, mine);) {
       }
     });

@@ -74,13 +74,12 @@ inline RegionSums plainRegionSums(const double* image, const char* label, Grid g
   return sums;
 }
 
-/// Number of voxels in the box around a voxel.
-inline int boxVoxels(Grid grid, int centre) {
+/// Number of voxels in the box around voxel (x, y, z).
+inline int boxVoxels(Grid grid, int x, int y, int z) {
   const auto extent = [](int c, int size) {
     return std::min(c + boxSize, size - 1) - std::max(c - boxSize, 0) + 1;
   };
-  return extent(centre % grid.X, grid.X) * extent(centre / grid.X % grid.Y, grid.Y) *
-         extent(centre / grid.plane(), grid.Z);
+  return extent(x, grid.X) * extent(y, grid.Y) * extent(z, grid.Z);
 }
 
 /// Instruction sets the kernels are compiled for. The bytes are the same for all.
@@ -631,8 +630,7 @@ class RegionSummer {
            std::span<RegionSums> sums, int threads = 1,
            InstructionSet instructions = widestInstructionSet()) {
     arrange(grid, centres, threads);
-    parallelFor(threads, pieces(),
-                [&](int i) { sumPiece(i, image, label, centres, sums, instructions); });
+    parallelFor(threads, pieces(), [&](int i) { sumPiece(i, image, label, sums, instructions); });
   }
 
   /// The same in steps, for callers with other work to share out among their threads: arranges the
@@ -645,8 +643,8 @@ class RegionSummer {
     largestFirst();
   }
   int pieces() const { return static_cast<int>(tiles_.size()); }
-  void sumPiece(int piece, const double* image, const char* label, std::span<const int> centres,
-                std::span<RegionSums> sums, InstructionSet instructions = widestInstructionSet()) {
+  void sumPiece(int piece, const double* image, const char* label, std::span<RegionSums> sums,
+                InstructionSet instructions = widestInstructionSet()) {
     const int t = tiles_[piece];
     const std::size_t planes = tiling_.planesATile();
     const auto starts = std::span(starts_).subspan(t * planes, planes + 1);
@@ -662,7 +660,7 @@ class RegionSummer {
     for (std::size_t i = 0; i < mine.size(); ++i) {
       const RegionTile::Slot& slot = slots.all[i];
       sums[mine[i]] = {std::bit_cast<double>(slot.sum[0]), std::bit_cast<double>(slot.sum[1]),
-                       slot.positives, boxVoxels(tiling_.grid, centres[mine[i]]) - slot.positives};
+                       slot.positives, keys_[mine[i]].voxels - slot.positives};
     }
     returnWorker(std::move(worker));
   }
@@ -704,13 +702,10 @@ class RegionSummer {
 
   /// Where a voxel stands among the tiles.
   struct Key {
-    std::size_t bucket;  ///< number of its tile, block and plane
-    int place;           ///< index y * reach + x within the tile
-    /// The same within the block.
-    int column() const {
-      constexpr int reach = RegionTile::reach, blockSide = RegionTile::blockSide;
-      return place / reach % blockSide * blockSide + place % reach % blockSide;
-    }
+    std::size_t bucket;    ///< number of its tile, block and plane
+    int place;             ///< index y * reach + x within the tile
+    std::uint16_t column;  ///< the same within the block: y * blockSide + x
+    std::uint16_t voxels;  ///< in its box
   };
 
   Key keyOf(int centre) const {
@@ -722,7 +717,9 @@ class RegionSummer {
     constexpr int blockSide = RegionTile::blockSide;
     const int block = inY / blockSide * RegionTile::blocksARow + inX / blockSide;
     const auto tile = static_cast<std::size_t>(tileY) * tiling_.tilesX() + tileX;
-    return {(tile * RegionTile::blocks + block) * grid.Z + z, inY * RegionTile::reach + inX};
+    return {(tile * RegionTile::blocks + block) * grid.Z + z, inY * RegionTile::reach + inX,
+            static_cast<std::uint16_t>(inY % blockSide * blockSide + inX % blockSide),
+            static_cast<std::uint16_t>(boxVoxels(grid, x, y, z))};
   }
 
   /// order_ = the voxels by tile, block, plane, row and column, starts_ = where each block's
@@ -736,13 +733,13 @@ class RegionSummer {
     std::array<int, blockSide * blockSide + 1> columns{};
     starts_.assign(tiling_.planesATile() * tiling_.tiles() + 1, 0);
     for (const Key& key : keys_) {
-      ++columns[key.column() + 1];
+      ++columns[key.column + 1];
       ++starts_[key.bucket];
     }
     std::partial_sum(columns.begin(), columns.end(), columns.begin());
     byColumn_.resize(centres.size());
     for (std::size_t i = 0; i < centres.size(); ++i) {
-      byColumn_[columns[keys_[i].column()]++] = static_cast<int>(i);
+      byColumn_[columns[keys_[i].column]++] = static_cast<int>(i);
     }
     std::exclusive_scan(starts_.begin(), starts_.end(), starts_.begin(), 0);
     order_.resize(centres.size());
