@@ -58,7 +58,9 @@ struct LevelSetMemory {
   BitGrid positive, edge, band, scratch;
   RegionSummer regions;
   std::vector<RegionSums> sums;
-  bool summed = false;   ///< `sums` are those of this step
+  bool summed = false;  ///< `sums` are those of this step
+  /// Set by a caller that steps one Phi and leaves it alone in between: `positive` is still right.
+  bool signsKnown = false;
   int insideChange = 0;  ///< voxels that the last step added to the inside
 };
 
@@ -115,7 +117,7 @@ class Stages {
   void labelEdges(Matrix* Phi, bool indexMap) {
     const Grid grid = Rules::gridOf(*Phi);
     m_.summed = false;
-    signBits(Phi->p, grid, m_.positive, threads_);
+    if (!std::exchange(m_.signsKnown, false)) signBits(Phi->p, grid, m_.positive, threads_);
     interfaceBits(m_.positive, m_.edge, threads_);
     e_.label = matrix(m_.label, grid);
     labelCodes(m_.positive, m_.edge, e_.label->p, threads_);
@@ -204,7 +206,8 @@ class Stages {
   void calFext() { extendOverBand(band(), threads_); }
 
   /// Phi = signed distance - dt * extension velocity, with dt such that the fastest band voxel
-  /// moves by one voxel. Counts the voxels that this adds to the inside.
+  /// moves by one voxel. Counts the voxels that this adds to the inside, and keeps up the sign
+  /// bits.
   template <typename Matrix>
   void substractPhi(Matrix* Phi) {
     std::atomic<int> change{0};
@@ -217,6 +220,7 @@ class Stages {
         const auto next = e_.Spar_sdf[i] - dt * e_.Spar_Fext[i];
         Phi->p[e_.ori_nbt_ind[i]] = next;
         mine += isInside(next) - isInside(e_.Spar_Phi[i]);
+        if ((next > 0) != (e_.Spar_Phi[i] > 0)) flipSign(e_.ori_nbt_sub + 1LL * D * i);
       }
       change += mine;
     });
@@ -237,6 +241,11 @@ class Stages {
   void overEdges(Kernel&& kernel) {
     const Band<D> b = band();
     parallelRanges(threads_, e_.n_edge, [&](int first, int last) { kernel(b, first, last); });
+  }
+
+  void flipSign(const int* voxel) {
+    BitGrid::Word& word = m_.positive.row(voxel[1], D == 3 ? voxel[2] : 0)[voxel[0] / 64];
+    std::atomic_ref(word).fetch_xor(BitGrid::Word{1} << voxel[0] % 64, std::memory_order_relaxed);
   }
 
   void signSlots() {

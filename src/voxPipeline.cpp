@@ -30,9 +30,11 @@ void evolveFunction(Function& Phi, double inside, Function& image, const voxPara
                     int maxIterations, double threshold, int threads,
                     typename Engine::Memory& memory, OnStep&& onStep) {
   std::vector<double> lt;
+  memory.signsKnown = false;
   for (int i = 0; i < maxIterations; ++i) {
     Engine engine(memory, threads);
     engine.UpdatePhi(&Phi, bandWidth, &image, P.w1, P.w2, P.w3, P.w4, P.w5, P.w6, P.w7, &Phi);
+    memory.signsKnown = true;  // nothing else writes to Phi until the next step
     if (engine.n_edge > 0) inside += memory.insideChange;
     lt.push_back(inside);
     const double ratio = relativeChange(i, lt.data());
