@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <span>
 
-#include "voxMemory.h"
 #include "voxVolumeOps.h"
 
 /// A slice of sizeX x sizeY pixels of type T. U is the pixel type of the matrices that the
@@ -26,11 +25,7 @@ class vox2DMat {
   vox2DMat() = default;
   /// A matrix of X x Y pixels, not initialised. Ends the process with status 1 if the sizes are
   /// negative or too large.
-  vox2DMat(int X, int Y)
-      : p(tavrel::newArray<T>(tavrel::voxelCount(X, Y)).release()),
-        sizeX(X),
-        sizeY(Y),
-        mxn(X * Y) {}
+  vox2DMat(int X, int Y) : p(new T[tavrel::voxelCount(X, Y)]), sizeX(X), sizeY(Y), mxn(X * Y) {}
   ~vox2DMat() { delete[] p; }
   vox2DMat(const vox2DMat&) = delete;
   vox2DMat& operator=(const vox2DMat&) = delete;

@@ -23,7 +23,6 @@
 
 #include "vox2DMat.h"
 #include "voxFatal.h"
-#include "voxMemory.h"
 #include "voxUtility.h"
 #include "voxVolumeOps.h"
 
@@ -52,7 +51,7 @@ class vox3DMat {
   /// it already has is not released. Ends the process with status 1 if the sizes are negative or
   /// too large.
   void setup(int X, int Y, int Z) {
-    p = tavrel::newArray<T>(tavrel::voxelCount(X, Y, Z)).release();
+    p = new T[tavrel::voxelCount(X, Y, Z)];
     sizeX = X;
     sizeY = Y;
     sizeZ = Z;

@@ -1,8 +1,11 @@
-// Large arrays for voxels: not initialised, and backed by huge pages where the system has them.
+// Large arrays for the narrow band: not initialised, and backed by huge pages where the system has
+// them.
 //
-// A fresh volume is written once from end to end, so most of its cost is the system's work of
-// handing over memory page by page. Asking for pages of 2 MiB instead of 4 KiB makes that work a
-// tenth or less. It is only a hint: arrays come from new[] and go by delete[] like any other.
+// Band arrays are read out of order, through the neighbour table, which pages of 2 MiB speed up; so
+// do fewer page faults when they are first written. It is only a hint: arrays come from new[] and
+// go by delete[] like any other. Whole volumes, which are mostly read from end to end, gain nothing
+// and stay on the system's usual pages: a virtual machine may have given its free huge pages back
+// to the host, and getting them again takes longer than clearing the small ones.
 #pragma once
 
 #include <cstddef>
