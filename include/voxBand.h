@@ -300,7 +300,7 @@ void listBand(const BitGrid& positive, const BitGrid& edge, const BitGrid& band,
 /// neighbour up along the last axis, 0 if there is none.
 template <int D>
 int linkNeighbours(Grid grid, const int* indices, const int* ind, const int* sub, int first,
-                    int last, int* neighbours) {
+                   int last, int* neighbours) {
   const std::array<int, 3> size{grid.X, grid.Y, grid.Z};
   const std::array<int, 3> stride{1, grid.X, grid.plane()};
   int largest = 0;

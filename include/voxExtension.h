@@ -82,8 +82,8 @@ void extendToInterface(const Band<D>& band, int first, int last) {
 /// The values are those of a visit in increasing distance, equal distances in band order. No sort
 /// is needed: a voxel reads only neighbours that come before it in that order, so it is enough to
 /// compute each voxel after the neighbours it depends on. That happens in passes up and down the
-/// list, each over the voxels that the passes before had to leave; the directions alternate, so that
-/// a chain of voxels that depend on each other takes one pass for each of its turns.
+/// list, each over the voxels that the passes before had to leave; the directions alternate, so
+/// that a chain of voxels that depend on each other takes one pass for each of its turns.
 template <int D>
 class TestVoxelExtension {
  public:

@@ -240,13 +240,14 @@ class Sweeps {
     return assign(i, std::sqrt(best), band_.point(link[firstEqual(squared, best)]));
   }
 
-  /// Both coordinates go in one store, since the next voxel may read them in one load.
+  /// Gives a voxel a distance and the interface point at `source`; returns whether that changes a
+  /// bit. x and y go in one store, since the next voxel may read them in one load.
   bool assign(int i, double distance, const double* source) {
-    const auto differs = [](double a, double b) {
+    const auto difference = [](double a, double b) {
       return std::bit_cast<std::uint64_t>(a) ^ std::bit_cast<std::uint64_t>(b);
     };
     double* point = band_.point(i);
-    std::uint64_t changed = differs(band_.usdf[i], distance);
+    std::uint64_t changed = difference(band_.usdf[i], distance);
     band_.usdf[i] = distance;
     PairBits before, after;
     std::memcpy(&before, point, sizeof before);
@@ -255,7 +256,7 @@ class Sweeps {
     before ^= after;
     changed |= before[0] | before[1];
     if constexpr (D == 3) {
-      changed |= differs(point[2], source[2]);
+      changed |= difference(point[2], source[2]);
       point[2] = source[2];
     }
     return changed != 0;

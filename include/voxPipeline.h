@@ -36,9 +36,9 @@ struct StepReport {
   int levels;     ///< number of levels of the run
   int iteration;  ///< counted from 0 within the level
   double inside;  ///< voxels inside after the step, of the level's grid
-  double ratio;   ///< relative change that decides convergence; infinite in the first two iterations
-  int n_edge;     ///< voxels on the interface before the step
-  int n_nbt;      ///< voxels in the narrow band before the step
+  double ratio;  ///< relative change that decides convergence; infinite in the first two iterations
+  int n_edge;    ///< voxels on the interface before the step
+  int n_nbt;     ///< voxels in the narrow band before the step
 };
 
 /// Callbacks of an evolution; empty ones are skipped. They run on the calling thread between steps
@@ -62,8 +62,8 @@ void setupPipeline(voxPara& P, char* inputPath, char* maskPath, char* strippedPa
 
 /// First stage: six-neighbour minimum filter, zero padding, halvings by `P.dn*`, normalisation to
 /// 0..1, gamma, and the box seed at the coarsest level. Voxels that are not finite count as 0.
-/// There are instances for voxels of type double, float, short and unsigned char; the result depends
-/// on their values alone.
+/// There are instances for voxels of type double, float, short and unsigned char; the result
+/// depends on their values alone.
 /// @param input  volume of P.sizeX x P.sizeY x P.sizeZ voxels; only read
 /// @param report where the sorting lines of `Normalize` go; nullptr for nowhere
 template <class T>

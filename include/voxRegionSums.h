@@ -634,7 +634,8 @@ class RegionSummer {
   }
 
   /// The same in steps, for callers with other work to share out among their threads: arranges the
-  /// voxels in pieces, which can then be summed in any order and at the same time.
+  /// voxels in pieces, which can then be summed in any order and at the same time. The arguments
+  /// are those of sum().
   void arrange(Grid grid, std::span<const int> centres, int threads) {
     // Smaller tiles have wider margins for their size, but keep several threads busy.
     const int side = threads > 1 ? RegionTile::side / 2 : RegionTile::side;
@@ -643,6 +644,8 @@ class RegionSummer {
     largestFirst();
   }
   int pieces() const { return static_cast<int>(tiles_.size()); }
+  /// Sums piece 0 to pieces() - 1. `sums` has a place for every voxel that was arranged; those of
+  /// the piece are written.
   void sumPiece(int piece, const double* image, const char* label, std::span<RegionSums> sums,
                 InstructionSet instructions = widestInstructionSet()) {
     const int t = tiles_[piece];

@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "voxFatal.h"
-#include "voxMemory.h"
 #include "voxUtility.h"
 
 namespace tavrel {
@@ -47,7 +46,8 @@ void add(std::span<T> voxels, T m) {
   for (T& v : voxels) v = static_cast<T>(v + m);
 }
 
-/// product[n] = voxels[n] * factors[n], computed in doubles. `product` may be the voxels' own array.
+/// product[n] = voxels[n] * factors[n], computed in doubles. `product` may be the voxels' own
+/// array.
 template <class T, class U>
 void multiply(std::span<const T> voxels, const U* factors, T* product) {
   std::transform(voxels.begin(), voxels.end(), factors, product, [](T v, U factor) {

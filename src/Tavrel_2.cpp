@@ -12,6 +12,7 @@
 
 #include "vox3DMat.h"
 #include "voxArguments.h"
+#include "voxMemory.h"
 #include "voxPara.h"
 #include "voxPipeline.h"
 #include "voxRawVolumeData.h"
@@ -66,8 +67,8 @@ void writeVolume(const vox3DMat<T, U>& volume, const std::string& path, int form
   tavrel::writeRaw(path.c_str(), format, std::span<const T>(volume.p, voxels));
 }
 
-/// Reads, strips and writes a volume whose file holds values of type T, which is also how it is kept:
-/// as doubles it would take several times the memory.
+/// Reads, strips and writes a volume whose file holds values of type T, which is also how it is
+/// kept: as doubles it would take several times the memory.
 template <class T>
 void strip(const voxPara& P, const std::string& phiPath) {
   voxRawVolumeData<T, char> R(P.ori_fn, P.ori_datatype, P.sizeX, P.sizeY, P.sizeZ);

@@ -15,7 +15,6 @@ MASKS = [("ch2", "closed, filled", "ch2", 0), ("ch2", "as it is", "ch2_asis", 0)
          ("aomic-1", "templates and surfaces", "aomic", 0), ("aomic-1", "tissue labels", "aomic", 1),
          ("swiss", "given", "swiss", 0), ("mni152", "given", "mni152", 0)]
 SERIES = {"not finished": ("-1", "-1"), "defaults": ("3", "6")}
-AUTO = {"ch2": "1.00", "aomic-1": "1.10", "swiss": "1.00", "mni152": "1.00"}
 
 
 def read(folder):
@@ -41,6 +40,7 @@ def write(path, rows):
 
 
 def update(path, scores):
+    """Puts the scores into ACCURACY.tsv; returns the W5 that auto chose there for every head."""
     with open(path, newline="") as file:
         header, *old = csv.reader(file, delimiter="\t")
     rows = [header]
@@ -50,9 +50,10 @@ def update(path, scores):
                      if tuple(key) == radii]
         rows += [row for row in old if row[:2] == [head, mask] and row[2] not in SERIES]
     write(path, rows)
+    return {row[0]: row[3] for row in rows if row[2] == "auto"}
 
 
-def report(scores):
+def report(scores, auto):
     cells = scores["swiss", "given"]
     print("best fixed settings over all W5 and radii:")
     fixed = sorted(((worst(scores, lambda _: key), key) for key in cells), reverse=True)
@@ -60,7 +61,7 @@ def report(scores):
         print(f"  W5 {key[0]}, radii {key[1]} and {key[2]}: {dice:.3f} ({head})")
     print("\nworst Dice at the W5 of auto: opening (rows) and closing")
     for opening in range(7):
-        row = [worst(scores, lambda head: (AUTO[head], str(opening), str(c)))[0] for c in range(7)]
+        row = [worst(scores, lambda head: (auto[head], str(opening), str(c)))[0] for c in range(7)]
         print(f"| {opening} | " + " | ".join(f"{dice:.3f}" for dice in row) + " |")
     for series, radii in SERIES.items():
         print(f"\n{series}: Dice, false-positive and false-negative mL")
@@ -76,8 +77,7 @@ def main():
     write(radii, [["head", "mask", "w5", "open_mm", "close_mm", "dice", "fp_ml", "fn_ml"]] +
           [[head, mask, *key, *cell] for (head, mask), cells in scores.items()
            for key, cell in cells.items()])
-    update(accuracy, scores)
-    report(scores)
+    report(scores, update(accuracy, scores))
 
 
 if __name__ == "__main__":
