@@ -12,7 +12,7 @@
 // Where a plane of the box fails, it is split into the rows before the one in which S leaves its
 // binade, that row, voxel by voxel, and the rows after it. Sums too small (or too large) for the
 // tables, and planes with half-way cases, are added voxel by voxel, several boxes side by side in a
-// vector.
+// vector, and once for all boxes that have the same window and sum.
 //
 // Tables. With F = floor(v * 2^B), the integer of v in the binade whose ulp drops the last k bits
 // of F is (F + c_k) / 2^k, where c_k = (round F to k bits) - F is small. So one 64-bit sum of F and
@@ -37,6 +37,7 @@
 #include <mutex>
 #include <numeric>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "voxBand.h"
@@ -126,14 +127,17 @@ class alignas(hugePage) RegionTile {
   /// The voxels of a tile by block and plane, and the work lists of one plane.
   struct Slots {
     void resize(std::size_t count) {
-      for (auto* list : {&unfinished[0], &unfinished[1], &plain}) list->resize(count + 1);
+      for (auto* list : {&unfinished[0], &unfinished[1]}) list->resize(count + 1);
       pieces.resize(count + 1);
+      plain.resize(2 * count + 1);
+      next.resize(2 * count + 1);
       all.resize(count);
     }
     std::vector<Slot> all;
     std::array<std::vector<Slot*>, 2> unfinished;
-    std::vector<Slot*> plain;
     std::vector<Piece> pieces;
+    std::vector<Slot*> plain;  ///< for their positive sums, then for their negative ones
+    std::vector<int> next;     ///< number of the next plain sum of the same window; -1: none
   };
 
   /// The part of a tile whose windows are needed: columns [x0, x1) and rows [y0, y1).
@@ -203,8 +207,10 @@ class alignas(hugePage) RegionTile {
         }
       }
     }
+    int plain = 0, plainPositive = 0;
     for (int s = 0; s < 2; ++s) {
-      int plain = 0, pieces = 0;
+      plainPositive = plain;
+      int pieces = 0;
       for (Slot* slot : std::span(slots.unfinished[s].data(), unfinished[s])) {
         const bool served = binadeOf(slot->sum[s]) < binades;
         slots.plain[plain] = slot;
@@ -213,8 +219,8 @@ class alignas(hugePage) RegionTile {
         pieces += served;
       }
       while (pieces > 0) pieces = addInPieces(s, slots, pieces, plain);
-      addPlainly(s, slots, plain);
     }
+    if (plain > 0) addPlainly(slots, plainPositive, plain);
   }
 
  private:
@@ -392,10 +398,15 @@ class alignas(hugePage) RegionTile {
     }
   }
 
-  /// Sums of windows that follow each other along x, and the first voxel of the first one.
+  /// Sums of windows that follow each other along x.
   struct Group {
-    const double* value;
+    const double* value;  ///< first voxel of the first window
     alignas(8 * lanes) std::uint64_t sum[lanes];
+    int side;
+  };
+  /// The plain sums of a group: the first one of each lane's list; -1: none.
+  struct Members {
+    int first[lanes];
   };
   static constexpr int groups = 8;
 
@@ -425,34 +436,88 @@ class alignas(hugePage) RegionTile {
     for (int g = 0; g < count; ++g) std::memcpy(group[g].sum, &sum[g], sizeof sum[g]);
   }
 
-  /// Adds the plane voxel by voxel to the first `count` slots of the plain list. Up to four windows
-  /// that follow each other along x are summed side by side in one vector.
-  [[gnu::always_inline]] void addPlainly(int s, const Slots& slots, int count) const {
-    Slot* const* list = slots.plain.data();
-    for (int next = 0; next < count;) {
+  /// Lists of the plain sums of a row of blocks: a list a window, those of the positive side first.
+  struct WindowLists {
+    static constexpr int windows = blockSide * reach;
+    WindowLists() { first.fill(-1); }
+    std::array<int, 2 * windows + lanes> first;                 ///< of each window; -1: none
+    std::array<std::uint64_t, 2 * windows / 64 + 2> waiting{};  ///< a bit a window: has a list
+  };
+
+  /// Adds the plane voxel by voxel to the plain sums, of which the first `positive` are positive
+  /// ones. Up to four windows that follow each other along x are summed side by side in a vector,
+  /// and equal sums of the same window, as those of boxes above each other are before the first
+  /// voxel of their side, are taken together.
+  [[gnu::always_inline]] void addPlainly(Slots& slots, int positive, int count) {
+    Slot* const* const plain = slots.plain.data();
+    int* const next = slots.next.data();
+    const int firstPlace = plain[0]->place / WindowLists::windows * WindowLists::windows;
+    for (int i = 0; i < count; ++i) {
+      const int w = plain[i]->place - firstPlace + (i < positive ? 0 : WindowLists::windows);
+      next[i] = std::exchange(lists_.first[w], i);
+      lists_.waiting[w / 64] |= std::uint64_t{1} << w % 64;
+    }
+    const int words = static_cast<int>(lists_.waiting.size());
+    for (int word = 0; word < words;) {
       std::array<Group, groups> group;
-      int end[groups];  // of the slots of each group
+      std::array<Members, groups> members;
       int used = 0;
-      const int begin = next;
-      for (; used < groups && next < count; ++used) {
-        const int first = list[next]->place;
-        group[used] = {value_[s] + first, {}};
-        for (int before = -1; next < count; ++next) {
-          const int at = list[next]->place - first;
-          if (at <= before || at >= lanes) break;
-          group[used].sum[at] = list[next]->sum[s];
-          before = at;
+      while (used < groups && word < words) {
+        if (lists_.waiting[word] == 0) {
+          ++word;
+        } else {
+          const int w = word * 64 + std::countr_zero(lists_.waiting[word]);
+          members[used] = takeGroup(slots, firstPlace, w, group[used]);
+          ++used;
         }
-        end[used] = next;
       }
+      if (used == 0) break;
       std::fill(group.begin() + used, group.end(), group[0]);
       used > groups / 2 ? addWindows<groups>(group) : addWindows<groups / 2>(group);
-      for (int g = 0, i = begin; g < used; ++g) {
-        for (const int first = i; i < end[g]; ++i) {
-          list[i]->sum[s] = group[g].sum[list[i]->place - list[first]->place];
+      for (int g = 0; g < used; ++g) {
+        for (int l = 0; l < lanes; ++l) {
+          for (int i = members[g].first[l]; i >= 0; i = next[i]) {
+            plain[i]->sum[group[g].side] = group[g].sum[l];
+          }
         }
       }
     }
+  }
+
+  /// Takes a sum of window w, and of each of the next windows that have any, off the lists.
+  [[gnu::always_inline]] Members takeGroup(Slots& slots, int firstPlace, int w, Group& group) {
+    const int s = w >= WindowLists::windows;
+    group = {value_[s] + (w - s * WindowLists::windows + firstPlace), {}, s};
+    Members members;
+    std::uint64_t done = 0;
+    for (int l = 0; l < lanes; ++l) {
+      const int first = lists_.first[w + l];
+      members.first[l] = first;
+      if (first < 0) continue;
+      group.sum[l] = slots.plain[first]->sum[s];
+      lists_.first[w + l] = takeEqual(slots, s, first);
+      done |= std::uint64_t{lists_.first[w + l] < 0} << l;
+    }
+    lists_.waiting[w / 64] &= ~(done << w % 64);
+    lists_.waiting[w / 64 + 1] &= ~(done >> 1 >> (63 - w % 64));
+    return members;
+  }
+
+  /// Splits a window's list into the sums equal to its first one, which stay in it, and the rest,
+  /// which is returned.
+  [[gnu::always_inline]] static int takeEqual(Slots& slots, int s, int first) {
+    int rest = -1, last = first;
+    for (int i = slots.next[first]; i >= 0;) {
+      const int after = slots.next[i];
+      if (slots.plain[i]->sum[s] == slots.plain[first]->sum[s]) {
+        last = slots.next[last] = i;
+      } else {
+        slots.next[i] = std::exchange(rest, i);
+      }
+      i = after;
+    }
+    slots.next[last] = -1;
+    return rest;
   }
 
   /// Some pieces that are worked on side by side, so that their long chains of additions overlap.
@@ -536,6 +601,7 @@ class alignas(hugePage) RegionTile {
   Rounding rounding_[2][(reach + 1) * reach];
   int positives_[(reach + 1) * reach];  // voxels of the positive side
   double value_[2][reach * reach + 4];  // the voxel, 0 if it is not on this side; room for a vector
+  WindowLists lists_;                   // empty between planes
 
   int X_ = 0, Y_ = 0;              // of the grid
   int x0_ = 0, y0_ = 0;            // where the tile with its margin begins in it
