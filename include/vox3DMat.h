@@ -20,6 +20,7 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "vox2DMat.h"
 #include "voxFatal.h"
@@ -338,47 +339,80 @@ class vox3DMat {
                                       static_cast<int>(Z));
   }
 
-  /// Voxels from one line across `axis` to the next, lines along it, and blocks of such lines.
+  /// Voxels from one line across an axis to the next, lines along it, and blocks of such lines.
   struct Lines {
     std::size_t inner, length, outer;
   };
-  Lines linesAlong(int axis) const {
-    const std::size_t X = sizeX, Y = sizeY, Z = sizeZ;
+  using Sizes = std::array<std::size_t, 3>;
+  static Lines linesAlong(int axis, Sizes size) {
+    const auto [X, Y, Z] = size;
     return std::array<Lines, 3>{{{1, X, Y * Z}, {X, Y, Z}, {X * Y, Z, 1}}}[axis];
+  }
+  Sizes sizes() const {
+    return {static_cast<std::size_t>(sizeX), static_cast<std::size_t>(sizeY),
+            static_cast<std::size_t>(sizeZ)};
+  }
+
+  static void checkHalving(std::string_view method) {
+    if (method != "min" && method != "simple") {
+      tavrel::fatal("downsample method incorrect,exit\n", std::cerr, 1);
+    }
+  }
+
+  static void halve(const T* from, T* to, Lines lines, std::string_view method) {
+    const auto [inner, length, outer] = lines;
+    if (method == "min") {
+      tavrel::halveLines(from, to, inner, length, outer,
+                         [](T a, T b) { return tavrel::number(b) < tavrel::number(a) ? b : a; });
+    } else {
+      tavrel::halveLines(from, to, inner, length, outer, [](T a, T) { return a; });
+    }
   }
 
   std::unique_ptr<vox3DMat> halved(int axis, std::string_view method) const {
-    const auto [inner, length, outer] = linesAlong(axis);
-    auto result = resized(axis, static_cast<std::int64_t>(length / 2));
-    if (method == "min") {
-      tavrel::halveLines(p, result->p, inner, length, outer,
-                         [](T a, T b) { return tavrel::number(b) < tavrel::number(a) ? b : a; });
-    } else if (method == "simple") {
-      tavrel::halveLines(p, result->p, inner, length, outer, [](T a, T) { return a; });
-    } else {
-      tavrel::fatal("downsample method incorrect,exit\n", std::cerr, 1);
-    }
+    checkHalving(method);
+    const Lines lines = linesAlong(axis, sizes());
+    auto result = resized(axis, static_cast<std::int64_t>(lines.length / 2));
+    halve(p, result->p, lines, method);
     return result;
   }
 
   std::unique_ptr<vox3DMat> doubled(int axis, std::string_view method) const {
     if (method != "simple") tavrel::fatal("upsample method incorrect,exit\n", std::cerr, 1);
-    const auto [inner, length, outer] = linesAlong(axis);
+    const auto [inner, length, outer] = linesAlong(axis, sizes());
     auto result = resized(axis, 2 * static_cast<std::int64_t>(length));
     tavrel::doubleLines(p, result->p, inner, length * outer);
     return result;
   }
 
-  /// This matrix halved counts[0] times along x and so on; null if there is nothing to halve.
+  /// This matrix halved counts[0] times along x and so on; null if there is nothing to halve. One
+  /// plane of the result at a time, so that what is between two halvings stays in cache.
   std::unique_ptr<vox3DMat> halvedBy(std::array<int, 3> counts, std::string_view method) const {
     if (!istimes(sizeX, std::pow(2.0, counts[0])) || !istimes(sizeY, std::pow(2.0, counts[1])) ||
         !istimes(sizeZ, std::pow(2.0, counts[2]))) {
       tavrel::fatal("dimensions don't match, exit\n", std::cerr, 1);
     }
-    std::unique_ptr<vox3DMat> result;
-    for (int axis = 0; axis < 3; ++axis) {
-      for (int n = 0; n < std::min(counts[axis], kSizeBits); ++n) {
-        result = (result ? *result : *this).halved(axis, method);
+    for (int& count : counts) count = std::clamp(count, 0, kSizeBits);
+    const int steps = counts[0] + counts[1] + counts[2];
+    if (steps == 0) return nullptr;
+    checkHalving(method);
+    auto result =
+        std::make_unique<vox3DMat>(sizeX >> counts[0], sizeY >> counts[1], sizeZ >> counts[2]);
+    std::array<std::vector<T>, 2> buffers;  // what is between two halvings
+    for (int k = 0; k < result->sizeZ; ++k) {
+      const T* from = plane(k << counts[2]);
+      Sizes size{sizes()[0], sizes()[1], std::size_t{1} << counts[2]};
+      int step = 0;
+      for (int axis = 0; axis < 3; ++axis) {
+        for (int n = 0; n < counts[axis]; ++n) {
+          const Lines lines = linesAlong(axis, size);
+          size[axis] /= 2;
+          std::vector<T>& buffer = buffers[++step % 2];
+          if (step < steps) buffer.resize(std::max(buffer.size(), size[0] * size[1] * size[2]));
+          T* const to = step < steps ? buffer.data() : result->plane(k);
+          halve(from, to, lines, method);
+          from = to;
+        }
       }
     }
     return result;
