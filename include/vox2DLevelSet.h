@@ -75,7 +75,9 @@ class vox2DLevelSet {
   /// @param w7,tPhi  accepted for the twin's sake, not read: there is no coupling term in 2-D
   void UpdatePhi(vox2DMat<T, U>* Phi, int bwt, vox2DMat<T, U>* voldata, double w1, double w2,
                  double w3, double w4, double w5, double w6, double w7, vox2DMat<T, U>* tPhi) {
-    Initialize(Phi, std::max(bwt, 1));
+    takeSizes(Phi);
+    stages().labelEdges(Phi, false);
+    stages().buildBand(std::max(bwt, 1), Phi, true);
     if (n_edge == 0) return;
     sFindEdgeExact();
     stages().findUsdfAndSums(voldata, w4);
@@ -99,7 +101,7 @@ class vox2DLevelSet {
   }
 
   /// Band of `bwt` voxels around the edge voxels of LabelEdges, and all its arrays.
-  void Labelnbt(int bwt, vox2DMat<T, U>* Phi) { stages().buildBand(bwt, Phi); }
+  void Labelnbt(int bwt, vox2DMat<T, U>* Phi) { stages().buildBand(bwt, Phi, false); }
 
   /// Nearest interface point and distance of the edge voxels.
   void sFindEdgeExact() { stages().findEdgeExact(); }

@@ -76,7 +76,9 @@ class vox3DLevelSet {
   /// @param w7,tPhi  coupling to a reference function of Phi's sizes, read before Phi is written
   void UpdatePhi(vox3DMat<T, U>* Phi, int bwt, vox3DMat<T, U>* voldata, double w1, double w2,
                  double w3, double w4, double w5, double w6, double w7, vox3DMat<T, U>* tPhi) {
-    Initialize(Phi, std::max(bwt, 1));
+    takeSizes(Phi);
+    stages().labelEdges(Phi, false);
+    stages().buildBand(std::max(bwt, 1), Phi, true);
     if (n_edge == 0) return;
     sFindEdgeExact();
     stages().findUsdfAndSums(voldata, w4);
@@ -100,7 +102,7 @@ class vox3DLevelSet {
   }
 
   /// Band of `bwt` voxels around the edge voxels of LabelEdges, and all its arrays.
-  void Labelnbt(int bwt, vox3DMat<T, U>* Phi) { stages().buildBand(bwt, Phi); }
+  void Labelnbt(int bwt, vox3DMat<T, U>* Phi) { stages().buildBand(bwt, Phi, false); }
 
   /// Nearest interface point and distance of the edge voxels.
   void sFindEdgeExact() { stages().findEdgeExact(); }

@@ -130,8 +130,9 @@ class Stages {
   }
 
   /// The band within `width` voxels of the interface: lists, index map, links, starting values.
+  /// `wholeStep` leaves out those that the other stages of a step overwrite before they read them.
   template <typename Matrix>
-  void buildBand(int width, Matrix* Phi) {
+  void buildBand(int width, Matrix* Phi, bool wholeStep) {
     const Grid grid = Rules::gridOf(*Phi);
     m_.band = m_.edge;
     dilateBox(m_.band, width, m_.scratch, threads_);
@@ -146,7 +147,7 @@ class Stages {
     relabel(e_.ori_ptest_ind, e_.n_ptest, 2);
     relabel(e_.ori_ntest_ind, e_.n_ntest, -2);
     linkVoxels(grid);
-    fillArrays(Phi->p);
+    fillArrays(Phi->p, wholeStep);
   }
 
   /// Views of the band arrays for the kernels.
@@ -311,7 +312,7 @@ class Stages {
                  e_.n_nbt);
   }
 
-  void fillArrays(const double* Phi) {
+  void fillArrays(const double* Phi, bool wholeStep) {
     const std::size_t n = e_.n_nbt;
     e_.Spar_Phi = m_.Phi.need(n);
     e_.Spar_F = m_.F.need(n + 1);
@@ -321,20 +322,23 @@ class Stages {
     e_.Spar_sdf = m_.sdf.need(n + 2);
     parallelRanges(threads_, e_.n_nbt, [&](int first, int last) {
       for (int i = first; i < last; ++i) e_.Spar_Phi[i] = Phi[e_.ori_nbt_ind[i]];
-      std::fill(e_.Spar_F + first, e_.Spar_F + last, 0.0);
+      const int kept = wholeStep ? std::clamp(e_.n_edge, first, last) : first;
+      std::fill(e_.Spar_F + kept, e_.Spar_F + last, 0.0);
+      fillUnknown(kept, last);
+      if (wholeStep) return;
       std::fill(e_.Spar_Fext + first, e_.Spar_Fext + last, 0.0);
-      fillUnknown(first, last);
+      std::fill(e_.Spar_sdf + first, e_.Spar_sdf + last, unknownDistance);
     });
     e_.Spar_F[n] = 0.0;
     e_.Spar_Fext[n] = -unknownDistance;
     e_.Spar_Fext[n + 1] = unknownDistance;
     fillUnknown(e_.n_nbt, e_.n_nbt + 2);
+    std::fill_n(e_.Spar_sdf + n, 2, unknownDistance);
   }
 
   void fillUnknown(int first, int last) {
     std::fill(e_.Spar_exact + 1LL * D * first, e_.Spar_exact + 1LL * D * last, unknownDistance);
     std::fill(e_.Spar_usdf + first, e_.Spar_usdf + last, unknownDistance);
-    std::fill(e_.Spar_sdf + first, e_.Spar_sdf + last, unknownDistance);
   }
 
   Engine& e_;

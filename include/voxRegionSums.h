@@ -777,10 +777,8 @@ class RegionSummer {
     std::uint16_t voxels;  ///< in its box
   };
 
-  Key keyOf(int centre) const {
+  Key keyOf(int x, int y, int z) const {
     const auto& [grid, sideX, sideY] = tiling_;
-    const int z = centre / grid.plane(), inPlane = centre - z * grid.plane();
-    const int y = inPlane / grid.X, x = inPlane - y * grid.X;
     const int tileX = x / sideX, tileY = y / sideY;
     const int inX = x - tileX * sideX, inY = y - tileY * sideY;
     constexpr int blockSide = RegionTile::blockSide;
@@ -791,13 +789,27 @@ class RegionSummer {
             static_cast<std::uint16_t>(boxVoxels(grid, x, y, z))};
   }
 
+  /// keys_[first] to keys_[last - 1].
+  void findKeys(std::span<const int> centres, int first, int last) {
+    const Grid grid = tiling_.grid;
+    int row = 0, y = 0, z = 0;  // the first voxel of a row: mostly the next centre is on it, too
+    for (int i = first; i < last; ++i) {
+      const int centre = centres[i];
+      if (centre < row || centre - row >= grid.X) {
+        z = centre / grid.plane();
+        y = (centre - z * grid.plane()) / grid.X;
+        row = z * grid.plane() + y * grid.X;
+      }
+      keys_[i] = keyOf(centre - row, y, z);
+    }
+  }
+
   /// order_ = the voxels by tile, block, plane, row and column, starts_ = where each block's
   /// planes begin. A radix sort of two passes.
   void sortByTile(std::span<const int> centres, int threads) {
     keys_.resize(centres.size());
-    parallelRanges(threads, static_cast<int>(centres.size()), [&](int first, int last) {
-      for (int i = first; i < last; ++i) keys_[i] = keyOf(centres[i]);
-    });
+    parallelRanges(threads, static_cast<int>(centres.size()),
+                   [&](int first, int last) { findKeys(centres, first, last); });
     constexpr int blockSide = RegionTile::blockSide;
     std::array<int, blockSide * blockSide + 1> columns{};
     starts_.assign(tiling_.planesATile() * tiling_.tiles() + 1, 0);
