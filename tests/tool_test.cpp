@@ -199,7 +199,7 @@ TEST_F(ToolTest, LackOfMemoryIsReported) {
   GTEST_SKIP() << "AddressSanitizer needs more address space than the limit leaves";
 #endif
   writeFile(path("image"), "");
-  std::string line = "ulimit -v 400000 && exec " TAVREL_COMMAND;
+  std::string line = "ulimit -v 200000 && exec " TAVREL_COMMAND;
   for (const std::string& arg : arguments("1", {300, 300, 300})) line += " '" + arg + "'";
   const Finished finished = run("/bin/sh", {"-c", line});
   EXPECT_TRUE(
