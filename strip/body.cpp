@@ -5,7 +5,7 @@
 #include "distance.h"
 #include "finishing.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 namespace {
 
 // Fitted on the heads of docs/accuracy.md: from W5 0.9 on, sound masks have less than 2 % beyond
@@ -49,4 +49,4 @@ bool MaskBody::leaks(std::span<const char> mask, const Size& size, const Size& b
   return double(stray) > kMostStray * double(voxels);
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

@@ -11,7 +11,7 @@
 
 #include "resample.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 
 /// The firm part of a mask of the half resolution.
 class MaskBody {
@@ -34,4 +34,4 @@ class MaskBody {
   bool leaks_ = false, thin_ = true;
 };
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 namespace {
 
 constexpr double kFar = std::numeric_limits<double>::infinity();
@@ -96,4 +96,4 @@ void setWithin(std::span<char> mask, std::span<const double> squaredDistances, d
     if (squaredDistances[v] <= limit) mask[v] = value;
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

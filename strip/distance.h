@@ -10,9 +10,9 @@
 #include <span>
 #include <vector>
 
-#include "header.h"
+#include "geometry.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 
 /// For every voxel the squared distance to the nearest voxel whose mask value equals `target`
 /// (0 or 1); infinite where there is none.
@@ -25,4 +25,4 @@ std::vector<double> squaredDistances(std::span<const char> mask, const Size& siz
 void setWithin(std::span<char> mask, std::span<const double> squaredDistances, double radius,
                char value);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

@@ -6,9 +6,8 @@
 #include <vector>
 
 #include "distance.h"
-#include "interrupt.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 namespace {
 
 /// A box of a mask, with the voxels in memory of its own.
@@ -55,7 +54,6 @@ void paste(const Crop& part, std::span<char> mask, const Size& size) {
 /// Sets `value` on all voxels within `radius` of a voxel that has it: dilation for 1, erosion for
 /// 0.
 void grow(Crop& part, const Spacing& spacing, double radius, char value) {
-  checkInterrupted();
   setWithin(part.voxels, squaredDistances(part.voxels, part.size, spacing, value), radius, value);
 }
 
@@ -155,12 +153,12 @@ void fillHoles(std::span<char> mask, const Size& size) {
 }
 
 void finishMask(std::span<char> mask, const Size& size, const Spacing& spacing,
-                const FinishSettings& settings) {
+                const FinishSettings& settings, const Checkpoint& checkpoint) {
   openMask(mask, size, spacing, settings.openMm, settings.largest);
-  checkInterrupted();
+  pass(checkpoint);
   closeMask(mask, size, spacing, settings.closeMm);
-  checkInterrupted();
+  pass(checkpoint);
   if (settings.fillHoles) fillHoles(mask, size);
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

@@ -9,9 +9,9 @@
 
 #include <span>
 
-#include "header.h"
+#include "geometry.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 
 /// What finishMask() does, in this order.
 struct FinishSettings {
@@ -32,9 +32,9 @@ void keepLargest(std::span<char> mask, const Size& size);
 /// Fills background that faces do not connect to the border of the volume. In place.
 void fillHoles(std::span<char> mask, const Size& size);
 
-/// All steps of the settings. @throws Interrupted
+/// All steps of the settings.
 void finishMask(std::span<char> mask, const Size& size, const Spacing& spacing,
-                const FinishSettings& settings);
+                const FinishSettings& settings, const Checkpoint& checkpoint = {});
 
 /// Box around the voxels at 1: first voxel and one past the last along each axis; empty masks give
 /// equal bounds.
@@ -44,4 +44,4 @@ struct Box {
 };
 Box boundingBox(std::span<const char> mask, const Size& size);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

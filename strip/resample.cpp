@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <stdexcept>
 
 #include "distance.h"
-#include "interrupt.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 namespace {
 
 /// One output voxel along an axis as a weighted sum of input voxels first, first + 1, ...
@@ -36,14 +36,14 @@ std::vector<Taps> axisTaps(int fromSize, double fromSpacing, int toSize, double 
 
 /// Replaces axis `d` of the volume by the weighted sums.
 std::vector<double> alongAxis(std::span<const double> values, const Size& size, int d,
-                              const std::vector<Taps>& taps) {
+                              const std::vector<Taps>& taps, const Checkpoint& checkpoint) {
   std::size_t stride = 1;
   for (int k = 0; k < d; ++k) stride *= std::size_t(size[k]);
   const std::size_t length = std::size_t(size[d]), outer = values.size() / (stride * length);
   std::vector<double> result(stride * taps.size() * outer, 0.0);
   double* out = result.data();
   for (std::size_t o = 0; o < outer; ++o) {
-    checkInterrupted();
+    pass(checkpoint);
     const double* base = values.data() + o * stride * length;
     for (const Taps& tap : taps) {
       for (std::size_t w = 0; w < tap.weights.size(); ++w) {
@@ -65,20 +65,22 @@ Grid isotropicGrid(const Grid& grid, double mm) {
     const double n = std::max(1.0, std::round(grid.size[d] * grid.spacing[d] / mm));
     voxels *= n + 3;
     if (voxels > std::numeric_limits<int>::max())
-      throw ScanError("would have too many voxels on the grid of --resample");
+      throw std::length_error("would have too many voxels on the grid to strip on");
     result.size[d] = int(n);
     result.spacing[d] = mm;
   }
   return result;
 }
 
-std::vector<double> resample(std::span<const double> values, const Grid& from, const Grid& to) {
+std::vector<double> resample(std::span<const double> values, const Grid& from, const Grid& to,
+                             const Checkpoint& checkpoint) {
   std::vector<double> result(values.begin(), values.end());
   Size size = from.size;
   for (int d = 0; d < 3; ++d) {
     if (from.size[d] == to.size[d] && from.spacing[d] == to.spacing[d]) continue;
-    result = alongAxis(result, size, d,
-                       axisTaps(from.size[d], from.spacing[d], to.size[d], to.spacing[d]));
+    result =
+        alongAxis(result, size, d,
+                  axisTaps(from.size[d], from.spacing[d], to.size[d], to.spacing[d]), checkpoint);
     size[d] = to.size[d];
   }
   return result;
@@ -100,4 +102,4 @@ std::vector<char> resampleMask(std::span<const char> mask, const Grid& from, con
   return result;
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

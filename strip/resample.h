@@ -9,25 +9,20 @@
 #include <span>
 #include <vector>
 
-#include "header.h"
+#include "geometry.h"
 
-namespace tavrel::nifti {
-
-/// Sizes and spacings (mm) of a grid.
-struct Grid {
-  Size size = {};
-  Spacing spacing = {};
-};
+namespace tavrel::strip {
 
 /// The isotropic grid of the given spacing that covers about the same space, at least one voxel
-/// along each axis. @throws ScanError if it has too many voxels
+/// along each axis. @throws std::length_error if it has 2^31 voxels or more
 Grid isotropicGrid(const Grid& grid, double mm);
 
 /// The volume on another grid.
-std::vector<double> resample(std::span<const double> values, const Grid& from, const Grid& to);
+std::vector<double> resample(std::span<const double> values, const Grid& from, const Grid& to,
+                             const Checkpoint& checkpoint = {});
 
 /// A 0/1 mask on another grid: its signed distance to the surface is interpolated, and what is
 /// negative is inside. Empty masks stay empty.
 std::vector<char> resampleMask(std::span<const char> mask, const Grid& from, const Grid& to);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

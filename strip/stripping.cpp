@@ -5,9 +5,8 @@
 #include <cmath>
 
 #include "body.h"
-#include "interrupt.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -85,7 +84,7 @@ class Evolution {
     LevelRecord record;
     EvolutionObserver watch;
     watch.onStep = [&](const StepReport& step) {
-      checkInterrupted();
+      pass(observer.checkpoint);
       record.iterations = step.iteration + 1;
       if (observer.onStep) observer.onStep(step);
     };
@@ -140,7 +139,8 @@ std::optional<Candidate> tryWeight(Evolution& evolution, double w5, const Grid& 
                                    GoOn&& goOn) {
   auto result = evolution.run(w5, settings, observer, goOn);
   if (!result) return std::nullopt;
-  if (settings.finish) finishMask(result->mask, grid.size, grid.spacing, *settings.finish);
+  if (settings.finish)
+    finishMask(result->mask, grid.size, grid.spacing, *settings.finish, observer.checkpoint);
   const bool leaks = result->body && evolution.leaks(*result->body, result->mask);
   return Candidate{w5, std::move(*result), leaks};
 }
@@ -182,7 +182,7 @@ Stripped stripScan(std::unique_ptr<Image> image, const Grid& grid, const StripSe
                    const StripObserver& observer) {
   const Grid work = strippingGrid(grid, settings);
   Evolution evolution(imageOnGrid(std::move(image), grid, work), work, settings.threads);
-  checkInterrupted();
+  pass(observer.checkpoint);
   Candidate chosen = settings.w5 ? *tryWeight(evolution, *settings.w5, work, settings, observer,
                                               [](const MaskBody&) { return true; })
                                  : chooseWeight(evolution, work, settings, observer);
@@ -200,4 +200,4 @@ Stripped stripScan(std::unique_ptr<Image> image, const Grid& grid, const StripSe
   return result;
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

@@ -16,7 +16,7 @@
 #include "finishing.h"
 #include "resample.h"
 
-namespace tavrel::nifti {
+namespace tavrel::strip {
 
 /// The defaults, chosen for the best worst case over the heads of docs/accuracy.md. The automatic
 /// choice takes kUsualW5, kThinW5 where the mask of the half resolution is thin and does not leak
@@ -44,6 +44,7 @@ struct LevelRecord {
 
 /// Told about the work while it goes on; empty functions are skipped, and they may throw.
 struct StripObserver {
+  Checkpoint checkpoint;
   /// Before each run of the evolution; the automatic choice of W5 may abandon a run for another.
   std::function<void(double w5)> onRun;
   std::function<void(const StepReport&)> onStep;
@@ -71,4 +72,4 @@ Grid strippingGrid(const Grid& grid, const StripSettings& settings);
 Stripped stripScan(std::unique_ptr<Image> image, const Grid& grid, const StripSettings& settings,
                    const StripObserver& observer = {});
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::strip

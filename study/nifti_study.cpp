@@ -21,14 +21,14 @@
 #include <string>
 #include <vector>
 
-#include "distance.h"
-#include "finishing.h"
-#include "resample.h"
-#include "scan.h"
+#include "scan/nifti/scan.h"
+#include "strip/distance.h"
+#include "strip/finishing.h"
+#include "strip/resample.h"
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::scan;
 namespace fs = std::filesystem;
 
 constexpr int kLargestRadius = 6;

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <string>
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 
 /// The arguments written one after the other, as a stream writes them.
 template <class... Args>
@@ -14,4 +14,4 @@ std::string text(const Args&... args) {
   return out.str();
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

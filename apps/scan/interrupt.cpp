@@ -3,7 +3,7 @@
 #include <csignal>
 #include <initializer_list>
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 volatile std::sig_atomic_t arrived = 0;
@@ -33,4 +33,4 @@ void checkInterrupted() {
   if (arrived) throw Interrupted{arrived};
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

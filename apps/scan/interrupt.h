@@ -4,7 +4,7 @@
 // a second, which throws, so that destructors remove what is unfinished.
 #pragma once
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 
 /// Thrown by checkInterrupted() when a signal has asked the command to stop.
 struct Interrupted {
@@ -18,4 +18,4 @@ void catchSignals();
 /// @throws Interrupted if a signal has arrived since catchSignals().
 void checkInterrupted();
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

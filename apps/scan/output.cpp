@@ -13,7 +13,7 @@
 #include "format.h"
 #include "interrupt.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 constexpr std::size_t kChunk = std::size_t(1) << 20;
@@ -98,4 +98,4 @@ PendingFile writePendingNifti(const std::filesystem::path& target, const Header&
   return file;
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

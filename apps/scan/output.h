@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "header.h"
+#include "nifti/header.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 
 /// A file that cannot be written; the text names the file and the reason.
 class OutputError : public std::runtime_error {
@@ -56,4 +56,4 @@ PendingFile writePendingNifti(const std::filesystem::path& target, const Header&
                               std::span<const std::byte> extensions,
                               std::span<const std::byte> voxels);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

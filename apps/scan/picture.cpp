@@ -9,9 +9,9 @@
 #include <memory>
 #include <numeric>
 
-#include "finishing.h"
+#include "strip/finishing.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 constexpr int kCuts = 7;
@@ -280,4 +280,4 @@ std::vector<std::byte> drawPicture(const PictureInput& input) {
   return canvas.png();
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "header.h"
+#include "nifti/header.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 
 /// What the picture shows.
 struct PictureInput {
@@ -35,4 +35,4 @@ struct Window {
 };
 Window intensityWindow(std::span<const double> values, double low, double high);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -8,16 +8,16 @@
 #include <new>
 #include <nlohmann/json.hpp>
 
-#include "datatype.h"
-#include "format.h"
-#include "interrupt.h"
-#include "output.h"
-#include "picture.h"
 #include "progress.h"
 #include "report.h"
-#include "scan.h"
+#include "scan/format.h"
+#include "scan/interrupt.h"
+#include "scan/nifti/datatype.h"
+#include "scan/nifti/scan.h"
+#include "scan/output.h"
+#include "scan/picture.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 namespace fs = std::filesystem;
@@ -228,4 +228,4 @@ int runCommand(const Options& options) {
   }
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -3,10 +3,10 @@
 
 #include "options.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 
 /// Strips all scans of the options and returns the exit status: 0 all done, 2 some input failed,
 /// 130 stopped by Ctrl-C (128 plus the number of other signals).
 int runCommand(const Options& options);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -2,8 +2,8 @@
 
 int main(int argc, char** argv) {
   try {
-    return tavrel::nifti::runCommand(tavrel::nifti::parseOptions(argc, argv));
-  } catch (const tavrel::nifti::ExitNow& exit) {
+    return tavrel::scan::runCommand(tavrel::scan::parseOptions(argc, argv));
+  } catch (const tavrel::scan::ExitNow& exit) {
     return exit.status;
   }
 }

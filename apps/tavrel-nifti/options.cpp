@@ -6,9 +6,9 @@
 #include <map>
 #include <set>
 
-#include "format.h"
+#include "scan/format.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 constexpr char kExamples[] = R"(
@@ -216,4 +216,4 @@ OutputPaths outputPaths(const std::string& input, const Options& options) {
           named(options.phi, ""), named(options.qc, "_brain_qc.png")};
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -7,9 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "stripping.h"
+#include "strip/stripping.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
+
+using namespace strip;
 
 inline constexpr char kVersion[] = TAVREL_VERSION;
 
@@ -45,4 +47,4 @@ struct OutputPaths {
 /// give plain .nii outputs.
 OutputPaths outputPaths(const std::string& input, const Options& options);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -6,9 +6,10 @@
 #include <cmath>
 #include <cstdio>
 
-#include "format.h"
+#include "scan/format.h"
+#include "scan/interrupt.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 constexpr double kFirstRatio = 0.1, kLastRatio = 0.0002;
@@ -88,6 +89,7 @@ void Progress::showStep(const StepReport& step) {
 StripObserver Progress::observer(const Grid& grid) {
   grid_ = grid;
   StripObserver observer;
+  observer.checkpoint = checkInterrupted;
   observer.onRun = [this](double w5) {
     run_ = print("W5 %.2f", w5);
     fraction_ = 0;
@@ -107,4 +109,4 @@ void Progress::done(const std::string& line) {
   if (style_ != Style::quiet) out_ << name_ << ": " << line << std::endl;
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -8,18 +8,15 @@
 #include <ostream>
 #include <string>
 
-#include "stripping.h"
+#include "strip/stripping.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
+
+using namespace strip;
 
 /// How far a level has converged, 0 to 1: where the relative change stands, on a logarithmic scale,
 /// between a tenth and the value that ends a level.
 double convergence(double ratio);
-
-/// Volume in mL of a number of voxels.
-constexpr double millilitres(double voxels, const Spacing& spacing) {
-  return voxels * spacing[0] * spacing[1] * spacing[2] / 1000;
-}
 
 /// The display of one scan.
 class Progress {
@@ -62,4 +59,4 @@ class Progress {
   std::chrono::steady_clock::time_point last_ = {};
 };
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

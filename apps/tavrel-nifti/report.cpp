@@ -1,15 +1,12 @@
 #include "report.h"
 
-#include <openssl/evp.h>
-
-#include <array>
-#include <fstream>
-#include <memory>
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "progress.h"
+#include "scan/checksum.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 using json = nlohmann::ordered_json;
@@ -32,26 +29,6 @@ json settingsEntry(const Options& options) {
 }
 
 }  // namespace
-
-std::string sha256(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(),
-                                                                   EVP_MD_CTX_free);
-  if (!in || !context || !EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr))
-    throw ScanError("cannot be read for its checksum");
-  std::vector<char> chunk(1 << 20);
-  while (in) {
-    in.read(chunk.data(), std::streamsize(chunk.size()));
-    EVP_DigestUpdate(context.get(), chunk.data(), std::size_t(in.gcount()));
-  }
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
-  unsigned length = 0;
-  EVP_DigestFinal_ex(context.get(), digest.data(), &length);
-  std::string text;
-  for (unsigned i = 0; i < length; ++i)
-    for (const int nibble : {digest[i] >> 4, digest[i] & 15}) text += "0123456789abcdef"[nibble];
-  return text;
-}
 
 json newReport(const Options& options) {
   return {{"program", "tavrel-nifti"},
@@ -96,4 +73,4 @@ json failedEntry(const std::string& input, const std::string& reason) {
   return {{"input", input}, {"status", "failed"}, {"error", reason}};
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -6,12 +6,10 @@
 #include <string>
 
 #include "options.h"
-#include "scan.h"
+#include "scan/nifti/scan.h"
+#include "strip/stripping.h"
 
-namespace tavrel::nifti {
-
-/// SHA-256 of a file's bytes in hexadecimal. @throws ScanError if it cannot be read
-std::string sha256(const std::filesystem::path& file);
+namespace tavrel::scan {
 
 /// The report's frame: program, version and settings, with an empty list "scans".
 nlohmann::ordered_json newReport(const Options& options);
@@ -24,4 +22,4 @@ nlohmann::ordered_json scanEntry(const std::string& input, const Scan& scan,
 /// The entry of a scan that failed.
 nlohmann::ordered_json failedEntry(const std::string& input, const std::string& reason);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "scan.h"
+#include "scan/nifti/scan.h"
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::scan;
 
 ByteSource sourceOf(std::span<const std::byte> bytes) {
   auto read = [rest = bytes](std::span<std::byte> target) mutable {

@@ -1,5 +1,5 @@
 // Writes a small file of every datatype as a starting point for the fuzzer: seeds FOLDER
-#include "nifti_files.h"
+#include "tests/scan/nifti_files.h"
 
 int main(int, char** argv) {
   using namespace test_files;

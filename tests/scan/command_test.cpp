@@ -15,7 +15,7 @@
 
 #include "nifti_files.h"
 #include "phantom.h"
-#include "report.h"
+#include "scan/checksum.h"
 
 namespace {
 
@@ -222,7 +222,7 @@ TEST_F(Command, ReportsEveryScanAndGoesOnAfterAFailure) {
   EXPECT_EQ(report["scans"][0]["error"], "is not a NIfTI file");
   EXPECT_EQ(report["settings"]["w5"], 1.0);
   const auto& scan = report["scans"][1];
-  EXPECT_EQ(scan["sha256"], tavrel::nifti::sha256(folder_ / "scan.nii.gz"));
+  EXPECT_EQ(scan["sha256"], tavrel::scan::sha256(folder_ / "scan.nii.gz"));
   EXPECT_EQ(scan["levels"].size(), 3u);
   const Bytes mask = inflate(folder_ / "out/scan_brain_mask.nii.gz");
   const auto voxels = std::count(mask.begin() + 352, mask.end(), 1);
@@ -234,7 +234,7 @@ TEST_F(Command, ReportsEveryScanAndGoesOnAfterAFailure) {
 TEST(Report, ChecksumIsTheStandardOne) {
   const TemporaryFolder folder;
   writeBytes(folder / "abc", {'a', 'b', 'c'});
-  EXPECT_EQ(tavrel::nifti::sha256(folder / "abc"),
+  EXPECT_EQ(tavrel::scan::sha256(folder / "abc"),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 

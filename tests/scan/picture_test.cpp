@@ -1,4 +1,4 @@
-#include "picture.h"
+#include "scan/picture.h"
 
 #include <cairo.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::scan;
 
 /// A decoded picture.
 struct Pixels {

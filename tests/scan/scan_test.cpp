@@ -1,4 +1,4 @@
-#include "scan.h"
+#include "scan/nifti/scan.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -7,12 +7,12 @@
 #include <limits>
 #include <numeric>
 
-#include "datatype.h"
 #include "nifti_files.h"
+#include "scan/nifti/datatype.h"
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::scan;
 using namespace test_files;
 
 std::vector<double> values(const Scan& scan) {

@@ -1,4 +1,4 @@
-#include "body.h"
+#include "strip/body.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::strip;
 
 const Grid kHalf = {{80, 80, 80}, {2, 2, 2}};
 

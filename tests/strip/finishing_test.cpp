@@ -1,4 +1,4 @@
-#include "finishing.h"
+#include "strip/finishing.h"
 
 #include <gtest/gtest.h>
 
@@ -7,11 +7,11 @@
 #include <limits>
 #include <random>
 
-#include "distance.h"
+#include "strip/distance.h"
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::strip;
 
 std::vector<char> randomMask(const Size& size, double density, std::mt19937& random) {
   std::vector<char> mask(voxelCount(size));

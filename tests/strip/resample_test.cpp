@@ -1,4 +1,4 @@
-#include "resample.h"
+#include "strip/resample.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::strip;
 
 /// f at the millimetre positions of a grid's voxels, counted from the grid's centre.
 template <class F>
@@ -59,7 +59,7 @@ TEST(Resample, MaskOfABallStaysABall) {
 }
 
 TEST(Resample, RefusesGridsThatAreTooLarge) {
-  EXPECT_THROW(isotropicGrid({{200, 200, 200}, {10, 10, 10}}, 0.1), ScanError);
+  EXPECT_THROW(isotropicGrid({{200, 200, 200}, {10, 10, 10}}, 0.1), std::length_error);
   EXPECT_EQ(isotropicGrid({{3, 4, 5}, {0.1, 0.1, 0.1}}, 10).size, (Size{1, 1, 1}));
 }
 

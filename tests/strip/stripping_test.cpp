@@ -1,4 +1,4 @@
-#include "stripping.h"
+#include "strip/stripping.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-using namespace tavrel::nifti;
+using namespace tavrel::strip;
 
 const Grid kGrid = {{60, 60, 60}, {2, 2, 2}};
 

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <type_traits>
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 
 /// Calls `f` with a std::type_identity of the type of one voxel. The 128-bit type is the machine's
 /// `long double`, as in the reference library.
@@ -63,4 +63,4 @@ void storeVoxel(T value, std::byte* p, bool swapped) {
   if (swapped) std::reverse(p, p + sizeof value);
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -9,9 +9,9 @@
 #include <memory>
 #include <type_traits>
 
-#include "format.h"
+#include "scan/format.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 using NiftiImage = std::unique_ptr<nifti_image, void (*)(nifti_image*)>;
@@ -246,4 +246,4 @@ Header derivedHeader(const Header& header, int datatype, double displayMin, doub
   return result;
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -18,28 +18,15 @@
 #include <variant>
 #include <vector>
 
-namespace tavrel::nifti {
+#include "strip/geometry.h"
 
-using Size = std::array<int, 3>;
-using Spacing = std::array<double, 3>;
+namespace tavrel::scan {
 
-/// Number of voxels of a volume.
-constexpr std::size_t voxelCount(const Size& size) {
-  return std::size_t(size[0]) * std::size_t(size[1]) * std::size_t(size[2]);
-}
+using namespace strip;  // scans in memory: sizes, spacings, masks
 
 /// A file that cannot be used, with the reason in one line (without the file's name).
 class ScanError : public std::runtime_error {
   using std::runtime_error::runtime_error;
-};
-
-/// How the voxel axes lie in the patient.
-struct Orientation {
-  /// For the patient's axes right-to-left, posterior-to-anterior and inferior-to-superior in turn,
-  /// the voxel axis (0 to 2) closest to it.
-  std::array<int, 3> axis;
-  /// Whether the index along that voxel axis grows to the left, the front and the top.
-  std::array<bool, 3> ascending;
 };
 
 /// A parsed header.
@@ -80,4 +67,4 @@ Header oneVolumeHeader(const Header& header, std::size_t extensionBytes);
 /// The same with another datatype, no scaling, no intent and the given display range.
 Header derivedHeader(const Header& header, int datatype, double displayMin, double displayMax);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

@@ -13,10 +13,10 @@
 #include <memory>
 
 #include "datatype.h"
-#include "format.h"
-#include "interrupt.h"
+#include "scan/format.h"
+#include "scan/interrupt.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 namespace {
 
 namespace fs = std::filesystem;
@@ -258,4 +258,4 @@ std::vector<std::byte> storedZero(const Header& header) {
   return bytes;
 }
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan

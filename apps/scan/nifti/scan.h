@@ -16,7 +16,7 @@
 
 #include "header.h"
 
-namespace tavrel::nifti {
+namespace tavrel::scan {
 
 /// A file as far as it has been read.
 struct Scan {
@@ -58,4 +58,4 @@ void intensities(const Scan& scan, std::span<double> values);
 /// One voxel, in the file's bytes, of the stored value that stands for the real value nearest 0.
 std::vector<std::byte> storedZero(const Header& header);
 
-}  // namespace tavrel::nifti
+}  // namespace tavrel::scan
