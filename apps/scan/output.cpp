@@ -16,6 +16,8 @@
 namespace tavrel::scan {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr std::size_t kChunk = std::size_t(1) << 20;
 constexpr char kGzipMode[] = "wb4";  // brains are mostly zeros; higher levels only cost time
 constexpr char kPlainMode[] = "wbT";
@@ -30,7 +32,7 @@ gzFile stream(void* opaque) { return static_cast<gzFile>(opaque); }
 
 }  // namespace
 
-PendingFile::PendingFile(std::filesystem::path target) : target_(std::move(target)) {
+PendingFile::PendingFile(fs::path target) : target_(std::move(target)) {
   const auto folder = target_.has_parent_path() ? target_.parent_path() : ".";
   std::string name = (folder / text(".", target_.filename().string(), ".XXXXXX")).string();
   const int descriptor = mkstemp(name.data());
@@ -80,22 +82,27 @@ void PendingFile::commit() {
   temporary_.clear();
 }
 
-PendingFile writePending(const std::filesystem::path& target, std::span<const std::byte> bytes) {
+PendingFile writePending(const fs::path& target, std::span<const std::byte> bytes) {
   PendingFile file(target);
   file.write(bytes);
   file.close();
   return file;
 }
 
-PendingFile writePendingNifti(const std::filesystem::path& target, const Header& header,
-                              std::span<const std::byte> extensions,
-                              std::span<const std::byte> voxels) {
-  PendingFile file(target);
-  file.write(headerBytes(header));
-  file.write(extensions);
-  file.write(voxels);
-  file.close();
-  return file;
+void checkTarget(const fs::path& target, bool force) {
+  std::error_code failure;
+  const fs::path folder = target.has_parent_path() ? target.parent_path() : ".";
+  if (!fs::is_directory(folder, failure))
+    throw OutputError(text(folder.string(), " is not a folder",
+                           failure ? " (" + failure.message() + ")" : std::string()));
+  if (access(folder.c_str(), W_OK | X_OK) != 0)
+    throw OutputError(text(folder.string(), " is not writable"));
+  const fs::file_type type = fs::status(target, failure).type();
+  if (type == fs::file_type::none)
+    throw OutputError(text(target.string(), " cannot be written: ", failure.message()));
+  if (type == fs::file_type::directory) throw OutputError(text(target.string(), " is a folder"));
+  if (!force && type != fs::file_type::not_found)
+    throw OutputError(text(target.string(), " exists; --force overwrites it"));
 }
 
 }  // namespace tavrel::scan

@@ -7,10 +7,8 @@
 #include <cstddef>
 #include <filesystem>
 #include <span>
+#include <stdexcept>
 #include <string>
-#include <vector>
-
-#include "nifti/header.h"
 
 namespace tavrel::scan {
 
@@ -49,11 +47,8 @@ class PendingFile {
 /// Writes `bytes` beside `target`; the caller commits it.
 PendingFile writePending(const std::filesystem::path& target, std::span<const std::byte> bytes);
 
-/// Writes a one-volume NIfTI file beside `target`; the caller commits it.
-/// @param extensions  what stands between header and voxels; four zero bytes where there are none
-/// @param voxels      in the byte order that the header announces
-PendingFile writePendingNifti(const std::filesystem::path& target, const Header& header,
-                              std::span<const std::byte> extensions,
-                              std::span<const std::byte> voxels);
+/// Complains before the work begins about a target that could not be written after it.
+/// @throws OutputError
+void checkTarget(const std::filesystem::path& target, bool force);
 
 }  // namespace tavrel::scan

@@ -341,6 +341,38 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
   EXPECT_EQ(run({"--version"}).out, "tavrel-nifti 1.0.0\n");
 }
 
+TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
+  const std::string scan = name("scan.nii.gz"), mask = name("scan_brain_mask.nii.gz");
+  ASSERT_EQ(run({scan, "--w5", "1.0"}).status, 0);
+  const Bytes brain = inflate(name("scan_brain.nii.gz")), given = readBytes(mask);
+  ASSERT_EQ(run({scan, "--from-mask", mask, "--force"}).status, 0);
+  EXPECT_EQ(inflate(name("scan_brain.nii.gz")), brain);
+  EXPECT_EQ(readBytes(mask), given);
+
+  // Corrected by hand: one half is cut away, and the voxels inside hold 255.
+  Bytes edited = inflate(mask);
+  std::fill(edited.begin() + 352, edited.begin() + 352 + 37 * 42 * 20, '\0');
+  for (char& v : edited) v = &v - edited.data() >= 352 && v ? '\xff' : v;
+  writeBytes(name("edited.nii"), edited);
+  ASSERT_EQ(run({scan, "--from-mask", name("edited.nii"), "--force", "--mask", name("m.nii"),
+                 "--json", name("report.json")})
+                .status,
+            0);
+  const Bytes again = readBytes(name("m.nii")), cut = inflate(name("scan_brain.nii.gz"));
+  const auto inside = std::count(edited.begin() + 352, edited.end(), '\xff');
+  EXPECT_EQ(std::count(again.begin() + 352, again.end(), 1), inside);
+  EXPECT_EQ(std::count(cut.end() - 2 * 37 * 42 * 40, cut.end() - 2 * 37 * 42 * 20, '\0'),
+            2 * 37 * 42 * 20);
+  const auto entry = nlohmann::json::parse(readText(name("report.json")))["scans"][0];
+  EXPECT_EQ(entry["voxels"], inside);
+  EXPECT_TRUE(entry["w5"].is_null());
+
+  writeNifti(name("other.nii"), {}, std::vector<std::int16_t>(120));
+  EXPECT_NE(run({scan, "--from-mask", name("other.nii"), "--force"}).err.find("grid"),
+            std::string::npos);
+  EXPECT_EQ(run({scan, "--from-mask", mask, "--w5", "1"}).status, 1);
+}
+
 TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {
   const std::string scan = name("scan.nii.gz");
   const Result result = run({scan, "--w5", "1.0", "--brain", "none", "--qc", "none", "--resample",
