@@ -1,10 +1,10 @@
-// Text made of values, for messages.
+// Text for messages.
 #pragma once
 
-#include <cmath>
 #include <cstdio>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 namespace tavrel::scan {
 
@@ -25,8 +25,13 @@ std::string print(const char* format, Args... args) {
 }
 
 /// A weight for people: "W5 1.00".
-inline std::string weight(double w5) {
-  return print(std::abs(w5) < 1000 ? "W5 %.2f" : "W5 %g", w5);
-}
+std::string weight(double w5);
+
+/// Text that changes nothing on a terminal but the cells it is written to: control characters and
+/// bytes that are not UTF-8, which file names may hold, become \x and two digits.
+std::string printable(std::string_view text);
+
+/// The first characters of a text in UTF-8, at most `most`; what was cut off is shown by two dots.
+std::string shortened(const std::string& text, std::size_t most);
 
 }  // namespace tavrel::scan

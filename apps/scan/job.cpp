@@ -10,10 +10,12 @@
 #include "checksum.h"
 #include "format.h"
 #include "interrupt.h"
+#include "memory.h"
 #include "nifti/scan.h"
 #include "nifti/writer.h"
 #include "output.h"
 #include "picture.h"
+#include "targets.h"
 
 namespace tavrel::scan {
 namespace {
@@ -22,6 +24,8 @@ namespace fs = std::filesystem;
 
 // The region that the method looks at round each voxel is 21 voxels wide.
 constexpr double kFinestMm = 0.7, kCoarsestMm = 2.1, kMostAnisotropic = 2;
+// Limits of what --resample takes for a head.
+constexpr double kLargestHeadMm = 1000, kLargestVoxelMm = 20;
 
 template <class... Args>
 void tell(const std::function<void(Args...)>& listener, const auto&... values) {
@@ -40,21 +44,23 @@ bool sameGrid(const Header& a, const Header& b) {
          a.orientation->ascending == b.orientation->ascending;
 }
 
-/// Complains about outputs that would replace a file of the scan itself.
-void checkNotInput(const Scan& scan, const OutputPaths& paths) {
-  std::error_code failure;
-  for (const fs::path& target : paths.all())
-    for (const std::string& input : {scan.path, scan.imagePath})
-      if (fs::equivalent(target, input, failure) && !failure)
-        throw OutputError(text(target.string(), " is the scan itself"));
-}
-
 /// What the user should know about a scan's voxel sizes, or nothing.
 std::string spacingNotice(const Header& header) {
   const auto [least, most] = std::minmax_element(header.spacing.begin(), header.spacing.end());
   if (*least >= kFinestMm && *most <= kCoarsestMm && *most <= kMostAnisotropic * *least) return "";
   return text("voxels of ", header.spacing[0], " x ", header.spacing[1], " x ", header.spacing[2],
               " mm are far from 1 mm; --resample 1 may do better");
+}
+
+std::string gigabytes(std::uint64_t bytes) { return print("%.1f GB", double(bytes) / 1e9); }
+
+/// A wrong voxel size in the header would make a grid out of all proportion.
+void checkResampling(const Header& header) {
+  for (int d = 0; d < 3; ++d)
+    if (header.size[d] * header.spacing[d] > kLargestHeadMm || header.spacing[d] > kLargestVoxelMm)
+      throw ScanError(text("is no head by its voxels of ", header.spacing[0], " x ",
+                           header.spacing[1], " x ", header.spacing[2],
+                           " mm, which --resample has to rely on"));
 }
 
 std::unique_ptr<Image> imageOf(const Scan& scan) {
@@ -70,8 +76,10 @@ std::string reason() {
     throw;
   } catch (const std::bad_alloc&) {
     return "needs more memory than there is";
+  } catch (const fs::filesystem_error& error) {
+    return error.what();
   } catch (const std::system_error& error) {
-    return text("the system refuses a thread or a file: ", error.what());
+    return text("cannot start its threads (", error.code().message(), "); try fewer");
   } catch (const std::exception& error) {
     return error.what();
   }
@@ -84,10 +92,10 @@ class Run {
       : job_(job), observer_(observer), result_(result) {}
 
   void operator()() {
+    checkOutputs({&job_, 1});
     for (const auto& path : job_.outputs.all()) checkTarget(path, job_.force);
     tell(observer_.onStage, "reading");
-    scan_ = readScan(job_.input, job_.volume);
-    checkNotInput(scan_, job_.outputs);
+    scan_ = readScan(job_.input, job_.volume, [this](const Header& header) { check(header); });
     describeScan();
     stripped_ = job_.fromMask.empty() ? strip() : givenMask();
     describeMask();
@@ -101,10 +109,27 @@ class Run {
     tell(observer_.onNotice, line);
   }
 
+  /// Refuses what could not be stripped before anything is allocated for it.
+  void check(const Header& header) const {
+    const StripSettings settings = this->settings();
+    if (settings.resampleMm) checkResampling(header);
+    const std::uint64_t need = memoryNeed(header, settings), available = availableMemory();
+    if (need > available)
+      throw ScanError(text("needs about ", gigabytes(need), " of memory, and there are ",
+                           gigabytes(available)));
+  }
+
+  StripSettings settings() const {
+    StripSettings settings = job_.strip;
+    settings.phi = !job_.outputs.phi.empty();
+    return settings;
+  }
+
   void describeScan() {
     const Header& header = scan_.header;
     result_.size = header.size;
     result_.spacing = header.spacing;
+    result_.permissions = scan_.permissions;
     result_.sha256 = sha256(scan_.path);
     if (!scan_.imagePath.empty()) result_.imageSha256 = sha256(scan_.imagePath);
     for (const std::string& line : header.notices) notice(line);
@@ -113,8 +138,7 @@ class Run {
   }
 
   Stripped strip() {
-    StripSettings settings = job_.strip;
-    settings.phi = !job_.outputs.phi.empty();
+    const StripSettings settings = this->settings();
     const Grid grid = gridOf(scan_.header);
     tell(observer_.onGrid, strippingGrid(grid, settings));
     StripObserver observer = observer_.strip;
@@ -167,17 +191,19 @@ class Run {
                         caption});
   }
 
-  /// Writes all outputs beside their targets, then renames them together.
+  /// Writes all outputs beside their targets, then puts them in place together.
   void write() {
     const OutputPaths& paths = job_.outputs;
+    std::vector<std::byte> png;
+    if (!paths.qc.empty()) png = picture();
+    for (const fs::path& target : paths.all()) removeStale(folderOf(target));
     std::vector<PendingFile> files;
     if (!paths.brain.empty()) files.push_back(writeBrain(paths.brain, scan_, stripped_.mask));
-    if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_.header, stripped_.mask));
-    if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_.header, stripped_.phi));
-    if (!paths.qc.empty()) files.push_back(writePending(paths.qc, picture()));
+    if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
+    if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_, stripped_.phi));
+    if (!paths.qc.empty()) files.push_back(writePending(paths.qc, png, scan_.permissions));
     checkInterrupted();
-    for (const PendingFile& file : files) checkTarget(file.target(), job_.force);
-    for (PendingFile& file : files) file.commit();
+    commitTogether(files, job_.force);
   }
 
   const ScanJob& job_;

@@ -2,6 +2,8 @@
 // out, so that a thread, a forked process or a task of a cluster can run it.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -53,9 +55,10 @@ struct ScanResult {
   Box box;                           ///< around the mask
   double w5 = std::numeric_limits<double>::quiet_NaN();  ///< the weight used; NaN for a given mask
   std::vector<LevelRecord> levels;                       ///< of the evolution, coarsest first
-  std::string sha256;       ///< of the file with the header, hexadecimal
-  std::string imageSha256;  ///< of the second file of a pair, otherwise empty
-  double seconds = 0;       ///< from the call to the return
+  std::string sha256;         ///< of the file with the header, hexadecimal
+  std::string imageSha256;    ///< of the second file of a pair, otherwise empty
+  mode_t permissions = 0666;  ///< of the scan's files
+  double seconds = 0;         ///< from the call to the return
 };
 
 /// Told about a job while it goes on; empty functions are skipped. They are called on the thread

@@ -72,7 +72,8 @@ json reportEntry(const ScanJob& job, const ScanResult& result) {
 }
 
 std::string reportText(const json& report) {
-  return report.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+  // ASCII alone: a name changes nothing on the terminal that shows the report.
+  return report.dump(2, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace tavrel::scan

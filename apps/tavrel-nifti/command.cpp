@@ -28,7 +28,9 @@ void makeFolder(const fs::path& folder) {
   if (failure) throw OutputError(text(folder.string(), " cannot be made: ", failure.message()));
 }
 
-void complain(const std::string& line) { std::cerr << "tavrel-nifti: " << line << std::endl; }
+void complain(const std::string& line) {
+  std::cerr << "tavrel-nifti: " << printable(line) << std::endl;
+}
 
 /// The line that ends a scan: its volume and where its outputs are.
 std::string summary(const ScanJob& job, const ScanResult& result) {
@@ -45,7 +47,7 @@ ScanResult stripShowing(const ScanJob& job, bool quiet) {
                     terminalColumns());
   const auto note = [&](const std::string& line) {
     progress.clear();
-    if (!quiet) std::cerr << job.input << ": note: " << line << std::endl;
+    if (!quiet) std::cerr << printable(job.input + ": note: " + line) << std::endl;
   };
   JobObserver observer = progress.observer();
   observer.onNotice = note;
@@ -63,16 +65,21 @@ ScanResult stripShowing(const ScanJob& job, bool quiet) {
 int stripAll(const Options& options) {
   nlohmann::ordered_json report = newReport("tavrel-nifti", options.strip, options.volume);
   std::vector<std::string> failed;
+  mode_t permissions = kOpenToAll;  // of the report: what all scans grant
   if (!options.outDir.empty()) makeFolder(options.outDir);
   if (!options.json.empty()) checkTarget(options.json, options.force);
   for (const ScanJob& job : scanJobs(options)) {
     const ScanResult result = stripShowing(job, options.quiet);
     if (!result.done) failed.push_back(job.input);
+    permissions &= result.permissions;
     report["scans"].push_back(reportEntry(job, result));
   }
   if (!options.json.empty()) {
     const std::string content = reportText(report);
-    writePending(options.json, std::as_bytes(std::span(content))).commit();
+    std::vector<PendingFile> files;
+    removeStale(folderOf(options.json));
+    files.push_back(writePending(options.json, std::as_bytes(std::span(content)), permissions));
+    commitTogether(files, options.force);
   }
   if (failed.empty()) return 0;
   std::string line = text(failed.size(), " of ", options.inputs.size(), " failed:");
@@ -84,7 +91,7 @@ int stripAll(const Options& options) {
 }  // namespace
 
 int runCommand(const Options& options) {
-  catchSignals();
+  catchSignals("tavrel-nifti");
   try {
     return stripAll(options);
   } catch (const Interrupted& interrupted) {

@@ -3,11 +3,13 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <iostream>
-#include <map>
-#include <set>
+#include <sstream>
 
 #include "scan/format.h"
+#include "scan/nifti/files.h"
+#include "scan/output.h"
 #include "scan/report.h"
+#include "scan/targets.h"
 
 namespace tavrel::scan {
 namespace {
@@ -56,16 +58,13 @@ void refuse(const std::vector<const CLI::Option*>& options, const char* why) {
 
 /// The input's file name without what marks it as an image.
 std::string stem(const std::string& input) {
-  std::string name = std::filesystem::path(input).filename().string();
-  for (const char* end : {".gz", ".nii", ".hdr", ".img"})
-    if (name.ends_with(end)) name.resize(name.size() - std::string_view(end).size());
-  return name;
+  return withoutEnding(std::filesystem::path(input).filename().string());
 }
 
 OutputPaths outputPaths(const std::string& input, const Options& options) {
   const auto folder = options.outDir.empty() ? std::filesystem::path(input).parent_path()
                                              : std::filesystem::path(options.outDir);
-  const std::string end = input.ends_with(".nii") ? ".nii" : ".nii.gz";
+  const std::string end = input.ends_with(".nii") || input.ends_with(".NII") ? ".nii" : ".nii.gz";
   const auto named = [&](const std::string& name, const std::string& fallback) {
     if (name == kNone || (name.empty() && fallback.empty())) return std::filesystem::path();
     return name.empty() ? folder / (stem(input) + fallback) : std::filesystem::path(name);
@@ -75,30 +74,15 @@ OutputPaths outputPaths(const std::string& input, const Options& options) {
           named(options.phi, ""), named(options.qc, "_brain_qc.png")};
 }
 
-std::string key(const std::filesystem::path& path) {
-  // Where the file system does not tell, the names themselves have to do.
-  std::error_code failure;
-  const auto absolute = std::filesystem::absolute(path, failure);
-  const auto canonical = std::filesystem::weakly_canonical(absolute, failure);
-  return (failure ? absolute.lexically_normal() : canonical).string();
-}
-
-/// Refuses runs in which two files would end up under one name.
-void checkCollisions(const Options& options) {
-  std::map<std::string, std::string> taken;
-  const auto take = [&](const std::filesystem::path& path, const std::string& by) {
-    if (path.empty()) return;
-    const auto [other, isNew] = taken.emplace(key(path), by);
-    if (!isNew)
-      throw CLI::ValidationError(path.string() + " would be written twice: for " + other->second +
-                                 " and for " + by);
-  };
-  for (const std::string& input : options.inputs)
-    for (const auto& path : outputPaths(input, options).all()) take(path, input);
-  if (!options.json.empty()) take(options.json, "--json");
-  for (const std::string& input : options.inputs)
-    if (taken.contains(key(input)))
-      throw CLI::ValidationError(input + " is an input and would be overwritten");
+/// Refuses runs that would write over what they read, or twice to one place.
+void checkTogether(const Options& options) {
+  std::vector<std::pair<std::filesystem::path, std::string>> others;
+  if (!options.json.empty()) others.emplace_back(options.json, "--json");
+  try {
+    checkOutputs(scanJobs(options), others);
+  } catch (const OutputError& error) {
+    throw CLI::ValidationError(error.what());
+  }
 }
 
 }  // namespace
@@ -199,6 +183,7 @@ Options parseOptions(int argc, char** argv) {
   method.insert(method.end(), parts.begin(), parts.end());
   app.add_flag("--quiet", o.quiet, "Print nothing but errors");
 
+  std::string line;
   try {
     app.parse(argc, argv);
     if (w5 != "auto") o.strip.w5 = parseNumber("--w5", w5);
@@ -219,9 +204,13 @@ Options parseOptions(int argc, char** argv) {
          {std::pair{"--brain", o.brain}, {"--mask", o.mask}, {"--phi", o.phi}})
       checkEnding(option, name, {".nii", ".nii.gz"});
     checkEnding("--qc", o.qc, {".png"});
-    checkCollisions(o);
+    checkTogether(o);
   } catch (const CLI::ParseError& error) {
-    throw ExitNow{app.exit(error) == 0 ? 0 : 1};
+    std::ostringstream complaint;
+    const int status = app.exit(error, std::cout, complaint);
+    for (std::istringstream lines(complaint.str()); std::getline(lines, line);)
+      std::cerr << printable(line) << '\n';
+    throw ExitNow{status == 0 ? 0 : 1};
   }
   return o;
 }

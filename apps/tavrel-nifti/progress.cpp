@@ -38,7 +38,7 @@ Progress::Style Progress::styleFor(int descriptor, bool quiet) {
 }
 
 Progress::Progress(std::ostream& out, Style style, std::string name, int columns)
-    : out_(out), style_(style), name_(std::move(name)), columns_(columns) {}
+    : out_(out), style_(style), name_(printable(name)), columns_(columns) {}
 
 Progress::~Progress() { clear(); }
 
@@ -54,12 +54,12 @@ void Progress::clear() {
 void Progress::live(const std::string& what) {
   if (style_ != Style::live) return;
   const std::string figures = "  " + what + print("  %.0f s", seconds());
-  std::string name = name_.substr(name_.rfind('/') + 1);
+  const std::string name = name_.substr(name_.rfind('/') + 1);
   // Folders and the end of a long name give way to the figures.
   const auto room = std::size_t(std::max(0, columns_ - kBar - 5));
   const std::size_t left = room - std::min(room, figures.size());
-  if (name.size() > left) name = name.substr(0, left - std::min<std::size_t>(left, 2)) + "..";
-  out_ << "\r\033[K" << bar(fraction_) << "  " << (name + figures).substr(0, room) << std::flush;
+  out_ << "\r\033[K" << bar(fraction_) << "  " << shortened(shortened(name, left) + figures, room)
+       << std::flush;
   shown_ = true;
   last_ = std::chrono::steady_clock::now();
 }
@@ -95,7 +95,7 @@ JobObserver Progress::observer() {
 
 void Progress::done(const std::string& line) {
   clear();
-  if (style_ != Style::quiet) out_ << name_ << ": " << line << std::endl;
+  if (style_ != Style::quiet) out_ << name_ << ": " << printable(line) << std::endl;
 }
 
 }  // namespace tavrel::scan

@@ -16,11 +16,11 @@ PendingFile writeBrain(const std::filesystem::path& target, const Scan& scan,
                        std::span<const char> mask);
 
 /// Unsigned 8-bit, 1 inside and 0 outside.
-PendingFile writeMask(const std::filesystem::path& target, const Header& scan,
+PendingFile writeMask(const std::filesystem::path& target, const Scan& scan,
                       std::span<const char> mask);
 
 /// 32-bit floats.
-PendingFile writeFloats(const std::filesystem::path& target, const Header& scan,
+PendingFile writeFloats(const std::filesystem::path& target, const Scan& scan,
                         std::span<const float> values);
 
 }  // namespace tavrel::scan

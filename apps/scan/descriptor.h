@@ -1,0 +1,31 @@
+// An open file that closes itself.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace tavrel::scan {
+
+/// Owner of a file descriptor; -1 is none.
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : number_(number) {}
+  Descriptor(Descriptor&& other) noexcept : number_(other.release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(number_, other.number_);
+    return *this;
+  }
+  ~Descriptor() {
+    if (number_ >= 0) close(number_);
+  }
+
+  explicit operator bool() const { return number_ >= 0; }
+  int get() const { return number_; }
+  int release() { return std::exchange(number_, -1); }
+
+ private:
+  int number_;
+};
+
+}  // namespace tavrel::scan
