@@ -149,11 +149,19 @@ class Run {
     return stripScan(imageOf(scan_), grid, settings, observer);
   }
 
+  Scan readMask() const {
+    try {
+      return readScan(job_.fromMask, {}, [this](const Header& header) {
+        if (!sameGrid(header, scan_.header)) throw ScanError("is not on the scan's grid");
+      });
+    } catch (const ScanError& error) {
+      throw ScanError(text("its mask ", job_.fromMask, " ", error.what()));
+    }
+  }
+
   /// The mask that the job names, instead of a stripped one.
   Stripped givenMask() {
-    const Scan file = readScan(job_.fromMask);
-    if (!sameGrid(file.header, scan_.header))
-      throw ScanError(text(job_.fromMask, " is not on the scan's grid"));
+    const Scan file = readMask();
     std::vector<double> values(voxelCount(file.header.size));
     intensities(file, values);
     Stripped given;

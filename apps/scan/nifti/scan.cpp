@@ -190,7 +190,6 @@ Scan readScan(ByteSource source, const std::function<ByteSource()>& openImage,
   const Header& header = scan.header;
   const std::int64_t chosen = chooseVolume(header, volume);
   checkExtensions(std::uint64_t(header.dataOffset));
-  if (check) check(header);
   const auto headerLength = headerBytes(header).size();
   if (header.pair) {
     scan.extensions = readRest(source, true);
@@ -202,6 +201,7 @@ Scan readScan(ByteSource source, const std::function<ByteSource()>& openImage,
   if (needed > source.atMost)
     throw ScanError(text("is truncated (its header announces ", needed, " bytes, more than the ",
                          source.atMost, " that the file can hold)"));
+  if (check) check(header);
   if (header.pair)
     skip(source, std::uint64_t(header.dataOffset), "image file");
   else
