@@ -1,8 +1,10 @@
 // An open file that closes itself.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <initializer_list>
 #include <utility>
 
 namespace tavrel::scan {
@@ -27,5 +29,12 @@ class Descriptor {
  private:
   int number_;
 };
+
+/// Opens what is closed of standard input, output and error, so that no file of the program's own
+/// gets their numbers and the messages with them.
+inline void openStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDWR);
+}
 
 }  // namespace tavrel::scan

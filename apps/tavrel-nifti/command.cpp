@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "progress.h"
+#include "scan/descriptor.h"
 #include "scan/format.h"
 #include "scan/interrupt.h"
 #include "scan/output.h"
@@ -91,6 +92,7 @@ int stripAll(const Options& options) {
 }  // namespace
 
 int runCommand(const Options& options) {
+  openStandardStreams();
   catchSignals("tavrel-nifti");
   try {
     return stripAll(options);
