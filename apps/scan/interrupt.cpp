@@ -12,8 +12,10 @@ namespace tavrel::scan {
 namespace {
 
 constexpr int kPatienceMicroseconds = 700'000;
+constexpr int kMostAlarms = 12;  // that wait for files
 
 volatile std::sig_atomic_t arrived = 0;
+volatile std::sig_atomic_t alarms = 0;
 std::atomic<int> unfinished = 0;
 const char* programName = "";
 
@@ -34,7 +36,8 @@ void say(int stream, const char* words) {
 /// Nothing has answered the signal.
 void endProcess(int) {
   if (!arrived) return;
-  if (unfinished > 0) return setAlarm();
+  alarms = alarms + 1;
+  if (unfinished > 0 && alarms < kMostAlarms) return setAlarm();
   if (isatty(STDOUT_FILENO)) say(STDOUT_FILENO, "\r\033[K");  // the live line
   for (const char* words : {programName, ": interrupted\n"}) say(STDERR_FILENO, words);
   _exit(128 + arrived);

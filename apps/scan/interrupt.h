@@ -21,7 +21,8 @@ void catchSignals(const char* program);
 /// @throws Interrupted if a signal has arrived since catchSignals().
 void checkInterrupted();
 
-/// While one exists, the alarm waits: there are files that have to be removed or put in place.
+/// While one exists, the alarm waits for some seconds: there are files that have to be removed or
+/// put in place.
 class Unfinished {
  public:
   Unfinished();

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <memory>
 #include <new>
+#include <set>
 #include <system_error>
 
 #include "checksum.h"
@@ -204,7 +205,9 @@ class Run {
     const OutputPaths& paths = job_.outputs;
     std::vector<std::byte> png;
     if (!paths.qc.empty()) png = picture();
-    for (const fs::path& target : paths.all()) removeStale(folderOf(target));
+    std::set<fs::path> folders;
+    for (const fs::path& target : paths.all()) folders.insert(folderOf(target));
+    for (const fs::path& folder : folders) removeStale(folder);
     std::vector<PendingFile> files;
     if (!paths.brain.empty()) files.push_back(writeBrain(paths.brain, scan_, stripped_.mask));
     if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
