@@ -1,385 +1,494 @@
-// The level-set engine as plain loops: the yardstick that the shipped engine is held to bit for
-// bit.
+// The stages of one evolution step, in two or three dimensions: what vox3DLevelSet and
+// vox2DLevelSet do.
 //
-// One narrow-band step in D = 2 or 3 dimensions, written for reading: every sweep really sorts,
-// every region sum starts from scratch, nothing is shared or skipped. State has the names of the
-// engine's public fields. Grids store x fastest; a 2-D grid is one slice (size[2] = 1). Phi is
-// negative inside; coordinates and distances are in voxels.
-// Arithmetic is evaluated from left to right; compile without contraction of a*b + c.
+// Written for reading, not for speed: every sweep really sorts, every region sum starts from
+// scratch. A stage works from the public fields of its object alone. Phi is negative inside;
+// coordinates and distances are in voxels of the grid being evolved; a 2-D grid is one plane z = 0.
+// Arithmetic is in double, evaluated from left to right, each operation rounded on its own.
+//
+// Interface by interpolation, extension velocities: D. Adalsteinsson, J. A. Sethian, J. Comput.
+// Phys. 148 (1999) 2-22. Sweeps: H. Zhao, Math. Comp. 74 (2005) 603-627; Y.-H. R. Tsai, J. Comput.
+// Phys. 178 (2002) 175-195. Curvature: S. Osher, R. Fedkiw, "Level Set Methods and Dynamic Implicit
+// Surfaces", Springer 2003, ch. 1. Region means around every interface voxel: S. Lankton,
+// A. Tannenbaum, IEEE Trans. Image Process. 17 (2008) 2029-2039.
 #pragma once
 
+#include "voxExactMath.h"
+
+// The rules above hold from here on.
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <type_traits>
 #include <vector>
 
-namespace tavrel::plain {
+#include "../voxUtility.h"
+#include "voxFatal.h"
+
+namespace tavrel {
+namespace plain {
 
 using Point = std::array<int, 3>;
 
-/// A dense grid; the voxel q is `p[index(q)]`.
-template <class T>
-struct Grid {
-  Point size{1, 1, 1};
-  std::vector<T> p{};
+constexpr double kFar = 100000;  ///< a distance, or a coordinate of an interface point, not known
+constexpr int kBoxSize = 10;     ///< half-width of the box of the region term
 
-  Grid() = default;
-  explicit Grid(Point s, T value = T{})
-      : size(s), p(static_cast<std::size_t>(s[0]) * s[1] * s[2], value) {}
-  int index(Point q) const { return q[0] + q[1] * size[0] + q[2] * size[0] * size[1]; }
-  /// Calls f(q) for every voxel, z outermost, x innermost.
-  template <class F>
-  void scan(F f) const {
-    for (int z = 0; z < size[2]; ++z)
-      for (int y = 0; y < size[1]; ++y)
-        for (int x = 0; x < size[0]; ++x) f(Point{x, y, z});
-  }
-};
+/// What tells a level-set class from its twin; specialised beside each of them:
+///   axes                  2 or 3
+///   Value                 the type of Phi's values
+///   newMap<V>(size)       a new matrix of such a size
+///   takeSizes(e, Phi)     sets the object's sizes to Phi's
+///   size(e)               them
+///   neighbours(e)         the neighbour table
+///   dilate(mask, passes)  dilates a matrix by a box
+template <class LevelSet>
+struct Face;
 
-/// The weights of the speed that have an effect.
-struct Weights {
-  double w1 = 0, w3 = 0, w4 = 0, w5 = 0, w7 = 0;
-};
-
-constexpr double kFar = 100000;  // a distance, or a coordinate of an interface point, not known yet
-
-/// A box of (2 * reach + 1) voxels an axis around q, cut off at the grid: calls f for each voxel.
-template <int D, class F>
-void forBox(Point q, int reach, Point size, F f) {
-  Point lo = q, hi = q;
-  for (int a = 0; a < D; ++a) {
-    lo[a] = std::max(q[a] - reach, 0);
-    hi[a] = std::min(q[a] + reach, size[a] - 1);
-  }
-  for (int z = lo[2]; z <= hi[2]; ++z)
-    for (int y = lo[1]; y <= hi[1]; ++y)
-      for (int x = lo[0]; x <= hi[0]; ++x) f(Point{x, y, z});
+/// Calls f(q) for every voxel of a grid, z outermost, x innermost.
+template <class F>
+void scan(Point size, F f) {
+  for (int z = 0; z < size[2]; ++z)
+    for (int y = 0; y < size[1]; ++y)
+      for (int x = 0; x < size[0]; ++x) f(Point{x, y, z});
 }
 
-template <int D>
-struct LevelSet {
-  static constexpr int K = 2 * D;  // face neighbours: +x, -x, +y, -y, +z, -z
+/// Calls f for every voxel of a box of 2 * reach + 1 voxels an axis around q, cut off at the grid.
+template <class F>
+void forBox(Point q, int reach, Point size, F f) {
+  Point low, extent;
+  for (int a = 0; a < 3; ++a) {
+    low[a] = std::max(q[a] - reach, 0);
+    extent[a] = std::min(q[a] + reach, size[a] - 1) - low[a] + 1;
+  }
+  scan(extent, [&](Point b) { f(Point{low[0] + b[0], low[1] + b[1], low[2] + b[2]}); });
+}
 
-  Grid<signed char> label, mask_nbt;
-  Grid<int> mask_indices;
-  std::vector<int> ori_pedge_ind, ori_nedge_ind, ori_ptest_ind, ori_ntest_ind;
-  std::vector<int> ori_nbt_ind, ori_nbt_sub, spar_nbt_neigh_ind;
-  int n_pedge = 0, n_nedge = 0, n_ptest = 0, n_ntest = 0, n_edge = 0, n_nbt = 0;
-  std::vector<double> Spar_Phi, Spar_F, Spar_Fext, Spar_exact, Spar_usdf, Spar_sdf;
+/// Releases what a field owns. All arrays come from new[].
+template <class T>
+void releaseArray(T*& field) {
+  delete[] field;
+  field = nullptr;
+}
+template <class Matrix>
+void releaseMatrix(Matrix*& field) {
+  delete field;
+  field = nullptr;
+}
 
-  void LabelEdges(const Grid<double>& Phi) {
-    label = Grid<signed char>(Phi.size);
-    mask_indices = Grid<int>(Phi.size);
-    Phi.scan([&](Point q) {
-      const int g = Phi.index(q);
-      const bool positive = Phi.p[g] > 0;
+/// The stages over the fields of one object.
+template <class LevelSet>
+class Stages {
+  using Face = plain::Face<LevelSet>;
+  using T = typename Face::Value;
+  static constexpr int D = Face::axes;
+  static constexpr int K = 2 * D;  // face neighbours: +x, -x, +y, -y (, +z, -z)
+
+ public:
+  explicit Stages(LevelSet& object) : e(object) {}
+
+  template <class Matrix>
+  void labelEdges(const Matrix& Phi) {
+    Face::takeSizes(e, Phi);
+    e.n_pedge = e.n_nedge = 0;
+    releaseMatrix(e.label);
+    e.label = Face::template newMap<char>(size());
+    releaseMatrix(e.mask_indices);
+    e.mask_indices = Face::template newMap<int>(size());
+    scan(size(), [&](Point q) {
+      const bool positive = isPositive(Phi.p[index(q)]);
       bool edge = false;
       for (int k = 0; k < K; ++k) {
-        if ((Phi.p[Phi.index(neighbour(q, k))] > 0) != positive) edge = true;
+        if (isPositive(Phi.p[index(neighbour(q, k))]) != positive) edge = true;
       }
-      mask_indices.p[g] = positive ? 1 : 0;
-      label.p[g] = positive ? (edge ? 1 : 3) : (edge ? -1 : -3);
-      if (edge) ++(positive ? n_pedge : n_nedge);
+      e.mask_indices->p[index(q)] = positive ? 1 : 0;
+      const int code = edge ? 1 : 3;
+      e.label->p[index(q)] = static_cast<char>(positive ? code : -code);
+      if (edge) ++(positive ? e.n_pedge : e.n_nedge);
     });
-    n_edge = n_pedge + n_nedge;
+    e.n_edge = e.n_pedge + e.n_nedge;
   }
 
-  void Labelnbt(int bwt, const Grid<double>& Phi) {
-    mask_nbt = Grid<signed char>(Phi.size);
-    for (std::size_t g = 0; g < label.p.size(); ++g)
-      mask_nbt.p[g] = label.p[g] >= -1 && label.p[g] <= 1;
-    for (int pass = 0; pass < bwt; ++pass) {
-      const Grid<signed char> seeds = mask_nbt;
-      seeds.scan([&](Point q) {
-        if (seeds.p[seeds.index(q)] > 0)
-          forBox<D>(q, 1, seeds.size, [&](Point b) { mask_nbt.p[mask_nbt.index(b)] = 1; });
-      });
-    }
-    std::vector<int> sub[4];  // coordinates of the four groups
-    label.scan([&](Point q) {
-      const int g = label.index(q);
-      if (mask_nbt.p[g] == 1 && label.p[g] == 3) label.p[g] = 2;
-      if (mask_nbt.p[g] == 1 && label.p[g] == -3) label.p[g] = -2;
-      const int group = label.p[g] == 1    ? 0
-                        : label.p[g] == -1 ? 1
-                        : label.p[g] == 2  ? 2
-                        : label.p[g] == -2 ? 3
-                                           : 4;
-      if (group == 4) return;
-      std::vector<int>* const lists[] = {&ori_pedge_ind, &ori_nedge_ind, &ori_ptest_ind,
-                                         &ori_ntest_ind};
-      lists[group]->push_back(g);
-      for (int a = 0; a < D; ++a) sub[group].push_back(q[a]);
-    });
-    n_ptest = static_cast<int>(ori_ptest_ind.size());
-    n_ntest = static_cast<int>(ori_ntest_ind.size());
-    n_nbt = n_ptest + n_ntest + n_pedge + n_nedge;
-    for (const auto* list : {&ori_pedge_ind, &ori_nedge_ind, &ori_ptest_ind, &ori_ntest_ind})
-      ori_nbt_ind.insert(ori_nbt_ind.end(), list->begin(), list->end());
-    for (const auto& s : sub) ori_nbt_sub.insert(ori_nbt_sub.end(), s.begin(), s.end());
-
-    for (int& m : mask_indices.p) m += n_nbt;
-    for (int i = 0; i < n_nbt; ++i) mask_indices.p[ori_nbt_ind[i]] = i;
-    for (int i = 0; i < n_nbt; ++i) {
-      for (int k = 0; k < K; ++k)
-        spar_nbt_neigh_ind.push_back(mask_indices.p[label.index(neighbour(point(i), k))]);
-      Spar_Phi.push_back(Phi.p[ori_nbt_ind[i]]);
-    }
-    Spar_F.assign(n_nbt + 1, 0.0);
-    Spar_Fext.assign(n_nbt + 2, 0.0);
-    Spar_Fext[n_nbt] = -kFar;
-    Spar_Fext[n_nbt + 1] = kFar;
-    Spar_exact.assign(D * n_nbt + 2 * D, kFar);
-    Spar_usdf.assign(n_nbt + 2, kFar);
-    Spar_sdf.assign(n_nbt + 2, kFar);
+  template <class Matrix>
+  void labelnbt(int bwt, const Matrix& Phi) {
+    releaseMatrix(e.mask_nbt);
+    e.mask_nbt = e.label->thresholding(-1, 1);
+    Face::dilate(*e.mask_nbt, bwt);
+    listVoxels();
+    *e.mask_indices += e.n_nbt;
+    for (int i = 0; i < e.n_nbt; ++i) e.mask_indices->p[e.ori_nbt_ind[i]] = i;
+    linkVoxels();
+    fillArrays(Phi);
   }
 
-  void sFindEdgeExact() {
-    for (int i = 0; i < n_edge; ++i) {
-      const double p = Spar_Phi[i];
-      const bool positive = i < n_pedge;
-      int m = 0;
-      int axis[3];
-      double a[3], d[3];
+  void findEdgeExact() {
+    for (int i = 0; i < e.n_edge; ++i) {
+      const double p = e.Spar_Phi[i];
+      const bool positive = i < e.n_pedge;
+      int m = 0, axis[D];
+      double a[D], d[D];
       for (int j = 0; j < D; ++j) {
-        const double qp = Spar_Phi[neigh(i, 2 * j)], qm = Spar_Phi[neigh(i, 2 * j + 1)];
+        const double qp = e.Spar_Phi[link(i, 2 * j)], qm = e.Spar_Phi[link(i, 2 * j + 1)];
         const bool plus = positive ? qp <= qm : qm <= qp;  // ties: the + neighbour
         const double v = plus ? qp : qm;
-        if (positive ? !(v <= 0) : !(v > 0)) continue;
+        if (!crosses(positive, v)) continue;
         axis[m] = j;
         a[m] = p / (p - v);
         d[m] = plus ? 1 : -1;
         ++m;
       }
-      double* const e = &Spar_exact[D * i];
-      for (int j = 0; j < D; ++j) e[j] = ori_nbt_sub[D * i + j];
-      double dist = 0;
+      T* const point = e.Spar_exact + at(D, i);
+      for (int j = 0; j < D; ++j) point[j] = coordinate(i, j);
+      double distance = 0;
       if (m == 1) {
-        dist = a[0];
-        e[axis[0]] = e[axis[0]] + a[0] * d[0];
-      } else if (m > 1 && !(!positive && p == 0)) {  // a function value of 0 is on the interface
-        if (m == 2) {
-          dist = a[0] * a[1] / std::sqrt(a[0] * a[0] + a[1] * a[1]);
-        } else {
-          const double b0 = a[1] * a[2], b1 = a[2] * a[0], b2 = a[0] * a[1];
-          dist = a[0] * a[1] * a[2] / std::sqrt(b0 * b0 + b1 * b1 + b2 * b2);
-        }
-        for (int c = 0; c < m; ++c) e[axis[c]] = e[axis[c]] + dist * dist * d[c] / a[c];
+        distance = a[0];
+        point[axis[0]] = point[axis[0]] + a[0] * d[0];
+      } else if (m > 1 && !onInterface(i)) {
+        distance = distanceThrough(a, m);
+        for (int c = 0; c < m; ++c)
+          point[axis[c]] = point[axis[c]] + distance * distance * d[c] / a[c];
       }
-      Spar_usdf[i] = dist;
+      e.Spar_usdf[i] = distance;
     }
   }
 
-  void sFindUsdf() {
-    for (int sweep = 0; sweep < (1 << D); ++sweep) {
-      int s[D];  // signs of the axes: x changes slowest over the sweeps
-      for (int a = 0; a < D; ++a) s[a] = (sweep >> (D - 1 - a)) & 1 ? 1 : -1;
-      std::vector<int> order;
-      for (int n = n_edge; n < n_nbt; ++n) order.push_back(n);
-      std::sort(order.begin(), order.end(), [&](int l, int r) {
-        for (int a = 0; a < D; ++a) {
-          const int kl = s[a] * ori_nbt_sub[D * l + a], kr = s[a] * ori_nbt_sub[D * r + a];
-          if (kl != kr) return kl < kr;
+  void findUsdf() {
+    const int tests = e.n_nbt - e.n_edge;
+    std::vector<int> keys(at(3, tests));
+    for (int sweep = 0; sweep < 1 << D; ++sweep) {
+      for (int r = 0; r < tests; ++r) {
+        for (int a = 0; a < D; ++a) {  // the direction of x changes slowest over the sweeps
+          const int sign = sweep >> (D - 1 - a) & 1 ? 1 : -1;
+          keys[at(3, r) + a] = sign * coordinate(e.n_edge + r, a);
         }
-        return false;
-      });
-      for (int n : order) visitInSweep(n);
+      }
+      triple* const order = mat2DtotripleArray(keys.data(), tests);
+      std::qsort(static_cast<void*>(order), tests, sizeof(triple), comparetriple);
+      for (int r = 0; r < tests; ++r) visitInSweep(e.n_edge + order[r].ind);
+      DeletetripleArray(order, tests);
     }
-    for (int l = 0; l < n_nbt + 2; ++l) {
-      const bool positive = l < n_pedge || (n_edge <= l && l < n_edge + n_ptest) || l >= n_nbt;
-      Spar_sdf[l] = positive ? Spar_usdf[l] : -Spar_usdf[l];
-    }
-  }
-
-  void sFindF(const Grid<double>& voldata, const Weights& w) {
-    for (int i = 0; i < n_edge; ++i) {
-      Spar_F[i] = w.w1 - curvature(i) * w.w3;
-      if (w.w4 == 0) continue;
-      double sum_p = 0, sum_n = 0, n_p = 0, n_n = 0;
-      forBox<D>(point(i), 10, label.size, [&](Point q) {
-        const int g = label.index(q);
-        (label.p[g] > 0 ? sum_p : sum_n) += voldata.p[g];
-        (label.p[g] > 0 ? n_p : n_n) += 1;
-      });
-      const double I = voldata.p[ori_nbt_ind[i]];
-      Spar_F[i] = Spar_F[i] - std::fabs(I - sum_n / n_n) * w.w4 + std::fabs(I - sum_p / n_p) * w.w5;
+    for (int l = 0; l < e.n_nbt + 2; ++l) {
+      const bool positive =
+          l < e.n_pedge || (e.n_edge <= l && l < e.n_edge + e.n_ptest) || l >= e.n_nbt;
+      e.Spar_sdf[l] = positive ? e.Spar_usdf[l] : -e.Spar_usdf[l];
     }
   }
 
-  void sFindEdgeFext() {
-    for (int i = 0; i < n_edge; ++i) {
-      const double sPhi_edge = Spar_Phi[i];
-      const bool positive = i < n_pedge;
+  template <class Matrix>
+  void findF(const Matrix& voldata, double w1, double w3, double w4, double w5) {
+    for (int i = 0; i < e.n_edge; ++i) {
+      double F = w1 - curvature(i) * w3;
+      if (w4 != 0) {
+        double sum_p = 0, sum_n = 0, n_p = 0, n_n = 0;
+        forBox(point(i), kBoxSize, size(), [&](Point q) {
+          const bool positive = number(e.label->p[index(q)]) > 0;
+          (positive ? sum_p : sum_n) += voldata.p[index(q)];
+          (positive ? n_p : n_n) += 1;
+        });
+        const double I = voldata.p[e.ori_nbt_ind[i]];
+        F = F - std::fabs(I - sum_n / n_n) * w4 + std::fabs(I - sum_p / n_p) * w5;
+      }
+      e.Spar_F[i] = F;
+    }
+  }
+
+  void findEdgeFext() {
+    for (int i = 0; i < e.n_edge; ++i) {
+      const double sPhi_edge = e.Spar_Phi[i], own = e.Spar_F[i];
+      const bool positive = i < e.n_pedge;
       int npnt = 0;
-      double a[3], tpF[3], epF[3];
+      double a[D], tpF[D], epF[D];
       for (int j = 0; j < D; ++j) {
-        const int ep = neigh(i, 2 * j), em = neigh(i, 2 * j + 1);
-        const double pp = Spar_Phi[ep], pm = Spar_Phi[em];
+        const int ep = link(i, 2 * j), em = link(i, 2 * j + 1);
+        const double pp = e.Spar_Phi[ep], pm = e.Spar_Phi[em];
         const bool plus = positive ? pp < pm : pp > pm;  // ties: the - neighbour
         const double value = plus ? pp : pm;
-        if (positive ? !(value <= 0) : !(value > 0)) continue;
-        epF[npnt] = Spar_F[std::min(plus ? ep : em, n_edge)];
+        if (!crosses(positive, value)) continue;
+        epF[npnt] = e.Spar_F[std::min(plus ? ep : em, e.n_edge)];
         a[npnt] = sPhi_edge / (sPhi_edge - value);
-        tpF[npnt] = a[npnt] * Spar_F[i] + (1 - a[npnt]) * epF[npnt];
+        tpF[npnt] = a[npnt] * own + (1 - a[npnt]) * epF[npnt];
         ++npnt;
       }
       if (npnt == 0) {
-        Spar_Fext[i] = Spar_F[i];
+        e.Spar_Fext[i] = e.Spar_F[i];
       } else if (npnt == 1) {
-        Spar_Fext[i] = Spar_usdf[i] * Spar_F[i] + (1 - Spar_usdf[i]) * epF[0];
-      } else if (!positive && sPhi_edge == 0) {  // all fractions 0: no weight differs
-        Spar_Fext[i] = (npnt == 2 ? tpF[0] + tpF[1] : tpF[0] + tpF[1] + tpF[2]) / npnt;
-      } else if (npnt == 2) {
-        const double r = std::sqrt(a[0] * a[0] + a[1] * a[1]);
-        Spar_Fext[i] = (tpF[1] * (a[0] * a[0]) + a[1] * a[1] * tpF[0]) / (r * r);
+        e.Spar_Fext[i] = e.Spar_usdf[i] * own + (1 - e.Spar_usdf[i]) * epF[0];
       } else {
-        const double va0 = a[2] * a[1], va1 = a[2] * a[0], va2 = a[0] * a[1];
-        const double r = std::sqrt(va0 * va0 + va1 * va1 + va2 * va2);
-        Spar_Fext[i] = (va0 * va0 * tpF[0] + va1 * va1 * tpF[1] + va2 * va2 * tpF[2]) / (r * r);
+        e.Spar_Fext[i] = onInterface(i) ? mean(tpF, npnt) : weighted(tpF, a, npnt);
       }
     }
   }
 
-  void sCalFext(double w7, const Grid<double>& tPhi) {
-    std::vector<int> indices;
-    for (int n = n_edge; n < n_nbt; ++n) indices.push_back(n);
-    std::stable_sort(indices.begin(), indices.end(), [&](int l, int r) {
-      const double ul = Spar_usdf[l], ur = Spar_usdf[r];
-      return std::isnan(ur) ? !std::isnan(ul) : ul < ur;  // not-a-number last
-    });
-    for (int j : indices) extendTo(j);
+  template <class Matrix>
+  void calFext([[maybe_unused]] double w7, [[maybe_unused]] const Matrix* tPhi) {
+    for (const int j : byDistance()) extendTo(j);
     if constexpr (D == 3) {
       if (w7 != 0) {
-        for (int i = 0; i < n_nbt; ++i)
-          Spar_Fext[i] = (Spar_sdf[i] - tPhi.p[ori_nbt_ind[i]]) * w7 + Spar_Fext[i];
+        for (int i = 0; i < e.n_nbt; ++i)
+          e.Spar_Fext[i] = (e.Spar_sdf[i] - tPhi->p[e.ori_nbt_ind[i]]) * w7 + e.Spar_Fext[i];
       }
     }
   }
 
-  void SubstractPhi(Grid<double>& Phi) const {
-    double ma = 0;
-    for (int i = 0; i < n_nbt; ++i) {
-      const double v = std::fabs(Spar_Fext[i]);
-      if (i == 0 || v > ma) ma = v;
-    }
+  template <class Matrix>
+  void substractPhi(Matrix& Phi) {
+    T ma = 0;
+    maxabs(e.Spar_Fext, e.n_nbt, &ma);
     const double dt = ma != 0 ? 1.0 / ma : 0;
-    for (int i = 0; i < n_nbt; ++i) Phi.p[ori_nbt_ind[i]] = Spar_sdf[i] - dt * Spar_Fext[i];
-  }
-
-  void UpdatePhi(Grid<double>& Phi, int bwt, const Grid<double>& voldata, const Weights& w,
-                 const Grid<double>& tPhi) {
-    LabelEdges(Phi);
-    Labelnbt(std::max(bwt, 1), Phi);
-    if (n_edge == 0) return;
-    sFindEdgeExact();
-    sFindUsdf();
-    sFindF(voldata, w);
-    sFindEdgeFext();
-    sCalFext(w.w7, tPhi);
-    SubstractPhi(Phi);
+    for (int i = 0; i < e.n_nbt; ++i) Phi.p[e.ori_nbt_ind[i]] = e.Spar_sdf[i] - dt * e.Spar_Fext[i];
   }
 
  private:
-  int neigh(int i, int k) const { return spar_nbt_neigh_ind[K * i + k]; }
+  Point size() const { return Face::size(e); }
+  int index(Point q) const { return q[0] + q[1] * e.sizeX + q[2] * e.mxn; }
+  /// Offset of entry i of a table with `columns` values an entry.
+  static std::size_t at(int columns, int i) {
+    return static_cast<std::size_t>(columns) * static_cast<std::size_t>(i);
+  }
+  int link(int i, int k) const { return Face::neighbours(e)[at(K, i) + k]; }
+  int coordinate(int i, int axis) const { return e.ori_nbt_sub[at(D, i) + axis]; }
   Point point(int i) const {
     Point q{0, 0, 0};
-    for (int a = 0; a < D; ++a) q[a] = ori_nbt_sub[D * i + a];
+    for (int a = 0; a < D; ++a) q[a] = coordinate(i, a);
     return q;
   }
   /// The k-th face neighbour of q, or q itself where that lies outside the grid.
   Point neighbour(Point q, int k) const {
     const int a = k / 2;
-    q[a] = k % 2 == 0 ? std::min(q[a] + 1, label.size[a] - 1) : std::max(q[a] - 1, 0);
+    q[a] = k % 2 == 0 ? std::min(q[a] + 1, size()[a] - 1) : std::max(q[a] - 1, 0);
     return q;
   }
+  /// Whether a neighbour's value of Phi lies across the interface from an edge voxel.
+  static bool crosses(bool positive, double value) { return positive ? value <= 0 : value > 0; }
+  /// Whether an edge voxel has its own value of Phi on the interface: then all crossings coincide.
+  bool onInterface(int i) const { return i >= e.n_pedge && e.Spar_Phi[i] == 0; }
 
+  // ---- band -------------------------------------------------------------------------------------
+
+  template <class V>
+  static void renew(V*& field, std::size_t length) {
+    releaseArray(field);
+    field = new V[length];
+  }
+
+  /// Relabels the band's test voxels and lists the band in its four groups.
+  void listVoxels() {
+    std::vector<int> indices[4], coordinates[4];
+    int position = 0;  // of the scan
+    scan(size(), [&](Point q) {
+      const int g = index(q);
+      if constexpr (D == 3) {
+        if (g != position++) fatal("exception happened \n", std::cout, 1);
+      }
+      const int code = number(e.label->p[g]);
+      if (e.mask_nbt->p[g] == 1 && (code == 3 || code == -3))
+        e.label->p[g] = static_cast<char>(code > 0 ? 2 : -2);
+      const int group = groupOf(number(e.label->p[g]));
+      if (group < 0) return;
+      indices[group].push_back(g);
+      coordinates[group].insert(coordinates[group].end(), q.begin(), q.begin() + D);
+    });
+    int** const lists[] = {&e.ori_pedge_ind, &e.ori_nedge_ind, &e.ori_ptest_ind, &e.ori_ntest_ind};
+    int* const counts[] = {&e.n_pedge, &e.n_nedge, &e.n_ptest, &e.n_ntest};
+    for (int group = 0; group < 4; ++group) {
+      *counts[group] = static_cast<int>(indices[group].size());
+      renew(*lists[group], indices[group].size());
+      std::copy(indices[group].begin(), indices[group].end(), *lists[group]);
+    }
+    e.n_edge = e.n_pedge + e.n_nedge;
+    e.n_nbt = e.n_edge + e.n_ptest + e.n_ntest;
+    renew(e.ori_nbt_ind, at(1, e.n_nbt));
+    renew(e.ori_nbt_sub, at(D, e.n_nbt));
+    int *ind = e.ori_nbt_ind, *sub = e.ori_nbt_sub;
+    for (int group = 0; group < 4; ++group) {
+      ind = std::copy(indices[group].begin(), indices[group].end(), ind);
+      sub = std::copy(coordinates[group].begin(), coordinates[group].end(), sub);
+    }
+  }
+
+  /// The place of a label code's voxels in the band order; -1 outside the band.
+  static int groupOf(int code) {
+    constexpr int codes[] = {1, -1, 2, -2};
+    for (int group = 0; group < 4; ++group)
+      if (code == codes[group]) return group;
+    return -1;
+  }
+
+  void linkVoxels() {
+    renew(Face::neighbours(e), at(K, e.n_nbt));
+    for (int i = 0; i < e.n_nbt; ++i) {
+      for (int k = 0; k < K; ++k) {
+        const int entry = e.mask_indices->p[index(neighbour(point(i), k))];
+        Face::neighbours(e)[at(K, i) + k] = entry;
+        if (k == 4 && entry > e.n_nbt + 2)
+          fatal("neighbor index wrong, exit" + std::to_string(entry) + "\n", std::cerr, 1);
+      }
+    }
+  }
+
+  template <class Matrix>
+  void fillArrays(const Matrix& Phi) {
+    const int n = e.n_nbt;
+    renew(e.Spar_Phi, at(1, n));
+    for (int i = 0; i < n; ++i) e.Spar_Phi[i] = Phi.p[e.ori_nbt_ind[i]];
+    const auto filled = [](T*& field, std::size_t length, double value) {
+      renew(field, length);
+      std::fill_n(field, length, static_cast<T>(value));
+    };
+    filled(e.Spar_F, at(1, n + 1), 0);
+    filled(e.Spar_Fext, at(1, n + 2), 0);
+    e.Spar_Fext[n] = -kFar;
+    e.Spar_Fext[n + 1] = kFar;
+    filled(e.Spar_exact, at(D, n + 2), kFar);
+    filled(e.Spar_usdf, at(1, n + 2), kFar);
+    filled(e.Spar_sdf, at(1, n + 2), kFar);
+  }
+
+  // ---- distance ---------------------------------------------------------------------------------
+
+  /// Distance to the line or plane through crossings at distances a along 2 or 3 axes.
+  static double distanceThrough(const double* a, int m) {
+    if (D == 2 || m == 2) return a[0] * a[1] / std::sqrt(a[0] * a[0] + a[1] * a[1]);
+    const double b0 = a[1] * a[2], b1 = a[2] * a[0], b2 = a[0] * a[1];
+    return a[0] * a[1] * a[2] / std::sqrt(b0 * b0 + b1 * b1 + b2 * b2);
+  }
+
+  /// Takes the nearest interface point that a neighbour knows, unless the voxel would come nearer
+  /// to the interface than all its neighbours are.
   void visitInSweep(int n) {
-    double minu = 0, mind = 0;
+    double u[K], s[K], minu = 0, mind = 0;
     int kmin = 0;
     for (int k = 0; k < K; ++k) {
-      const int e = neigh(n, k);
-      double s = 0;
+      const int other = link(n, k);
+      u[k] = e.Spar_usdf[other];
+      s[k] = 0;
       for (int a = 0; a < D; ++a) {
-        const double t = ori_nbt_sub[D * n + a] - Spar_exact[D * e + a];
-        s = a == 0 ? t * t : s + t * t;
-      }
-      if (k == 0 || Spar_usdf[e] < minu) minu = Spar_usdf[e];
-      if (k == 0 || s < mind) {
-        mind = s;
-        kmin = k;
+        const double t = coordinate(n, a) - static_cast<double>(e.Spar_exact[at(D, other) + a]);
+        s[k] = a == 0 ? t * t : s[k] + t * t;
       }
     }
-    if (mind + 0.0001 >= minu * minu && minu < kFar) {
-      Spar_usdf[n] = std::sqrt(mind);
-      for (int a = 0; a < D; ++a) Spar_exact[D * n + a] = Spar_exact[D * neigh(n, kmin) + a];
-    }
+    minvandi(u, K, &minu, &kmin);
+    minvandi(s, K, &mind, &kmin);
+    if (!(mind + 0.0001 >= minu * minu && minu < kFar)) return;
+    e.Spar_usdf[n] = std::sqrt(mind);
+    for (int a = 0; a < D; ++a) e.Spar_exact[at(D, n) + a] = e.Spar_exact[at(D, link(n, kmin)) + a];
   }
 
-  /// Curvature of the level set of the signed distance through edge voxel i.
+  // ---- speed ------------------------------------------------------------------------------------
+
+  /// Signed distance of the voxel next to q in the directions k and l.
+  double diagonal(Point q, int k, int l) const {
+    return e.Spar_sdf[e.mask_indices->p[index(neighbour(neighbour(q, k), l))]];
+  }
+  double mixed(Point q, int a, int b) const {
+    return (diagonal(q, 2 * a, 2 * b) + diagonal(q, 2 * a + 1, 2 * b + 1) -
+            diagonal(q, 2 * a, 2 * b + 1) - diagonal(q, 2 * a + 1, 2 * b)) *
+           0.25;
+  }
+
+  /// Curvature of the level set of the signed distance through edge voxel i: 2/R for a sphere, 1/R
+  /// for a circle.
   double curvature(int i) const {
     const Point q = point(i);
-    double g[3] = {}, gg[3] = {};
+    double g[D], gg[D];
     for (int a = 0; a < D; ++a) {
-      const double fp = Spar_sdf[neigh(i, 2 * a)], fm = Spar_sdf[neigh(i, 2 * a + 1)];
+      const double fp = e.Spar_sdf[link(i, 2 * a)], fm = e.Spar_sdf[link(i, 2 * a + 1)];
       g[a] = (fp - fm) * 0.5;
-      gg[a] = fp + fm + (-2) * Spar_sdf[i];
+      gg[a] = fp + fm + -2 * static_cast<double>(e.Spar_sdf[i]);
     }
-    auto diagonal = [&](int k, int l) {
-      return Spar_sdf[mask_indices.p[label.index(neighbour(neighbour(q, k), l))]];
-    };
-    auto mixed = [&](int a, int b) {
-      return (diagonal(2 * a, 2 * b) + diagonal(2 * a + 1, 2 * b + 1) - diagonal(2 * a, 2 * b + 1) -
-              diagonal(2 * a + 1, 2 * b)) *
-             0.25;
-    };
     double numerator, squares;
     if constexpr (D == 3) {
-      const double xy = mixed(0, 1), yz = mixed(1, 2), zx = mixed(0, 2);
+      tellOfOutside(q);
       numerator = (gg[1] + gg[2]) * (g[0] * g[0]) + (gg[2] + gg[0]) * (g[1] * g[1]) +
-                  (gg[0] + gg[1]) * (g[2] * g[2]) - 2 * g[0] * g[1] * xy - 2 * g[0] * g[2] * zx -
-                  2 * g[1] * g[2] * yz;
+                  (gg[0] + gg[1]) * (g[2] * g[2]) - 2 * g[0] * g[1] * mixed(q, 0, 1) -
+                  2 * g[0] * g[2] * mixed(q, 0, 2) - 2 * g[1] * g[2] * mixed(q, 1, 2);
       squares = g[0] * g[0] + g[1] * g[1] + g[2] * g[2];
     } else {
-      numerator = gg[1] * (g[0] * g[0]) + gg[0] * (g[1] * g[1]) - 2 * g[0] * g[1] * mixed(0, 1);
+      numerator = gg[1] * (g[0] * g[0]) + gg[0] * (g[1] * g[1]) - 2 * g[0] * g[1] * mixed(q, 0, 1);
       squares = g[0] * g[0] + g[1] * g[1];
     }
-    double denominator = std::pow(squares, 1.5);
-    if (denominator == 0) denominator = 1e10;
-    return numerator / denominator;
+    const double denominator = std::pow(squares, 1.5);
+    return numerator / (denominator == 0 ? 1e10 : denominator);  // no gradient: about 0
   }
 
-  /// Extension velocity of test voxel j: the upwind average of its nearer neighbours.
+  /// A diagonal neighbour outside the band on the positive side: only with a band of width 0.
+  void tellOfOutside(Point q) const {
+    const int slot = e.mask_indices->p[index(neighbour(neighbour(q, 1), 5))];
+    if (slot > e.n_nbt) std::cout << "ind10:" << slot << std::endl;
+  }
+
+  // ---- extension --------------------------------------------------------------------------------
+
+  static double mean(const double* v, int count) {
+    return (D == 2 || count == 2 ? v[0] + v[1] : v[0] + v[1] + v[2]) / count;
+  }
+
+  /// Speed at the foot of the perpendicular onto the line or plane through the crossings: weights
+  /// are the inverse squares of their distances a.
+  static double weighted(const double* F, const double* a, int count) {
+    if (D == 2 || count == 2) {
+      const double r = std::sqrt(a[0] * a[0] + a[1] * a[1]);
+      return (F[1] * (a[0] * a[0]) + a[1] * a[1] * F[0]) / (r * r);
+    }
+    const double va[] = {a[2] * a[1], a[2] * a[0], a[0] * a[1]};
+    const double r = std::sqrt(va[0] * va[0] + va[1] * va[1] + va[2] * va[2]);
+    return (va[0] * va[0] * F[0] + va[1] * va[1] * F[1] + va[2] * va[2] * F[2]) / (r * r);
+  }
+
+  /// Band indices of the test voxels in increasing distance. Equal distances are left in the order
+  /// that qsort gives them: band order with the merge sort of the C library.
+  std::vector<int> byDistance() const {
+    constexpr bool isFloat = std::is_same_v<T, float>;
+    using Record = std::conditional_t<isFloat, OrderedPtf, OrderedPtd>;
+    const int tests = e.n_nbt - e.n_edge;
+    std::vector<Record> records(at(1, tests));
+    for (int r = 0; r < tests; ++r) records[r].setup(e.n_edge + r, e.Spar_usdf[e.n_edge + r]);
+    std::qsort(records.data(), records.size(), sizeof(Record),
+               isFloat ? compareOrderedPtf : compareOrderedPtd);
+    std::vector<int> indices;
+    for (const Record& record : records) indices.push_back(record.ind);
+    return indices;
+  }
+
+  /// Extension velocity of test voxel j: the average of the values of its upwind neighbours,
+  /// weighted by how much nearer to the interface each of them is.
   void extendTo(int j) {
-    const double u = Spar_usdf[j];
-    double sUsdf[3], sFext[3];
-    int upwind[3], npnt = 0;
+    const double u = e.Spar_usdf[j];
+    double sUsdf[D], sFext[D];
+    int ind[D], npnt = 0;
     for (int a = 0; a < D; ++a) {
-      const int ep = neigh(j, 2 * a), em = neigh(j, 2 * a + 1);
-      const double up = Spar_usdf[ep], um = Spar_usdf[em];
+      const int ep = link(j, 2 * a), em = link(j, 2 * a + 1);
+      const double up = e.Spar_usdf[ep], um = e.Spar_usdf[em];
       // Equal distances: the - neighbour in 3-D, the + neighbour in 2-D.
       const bool plus = D == 3 ? up < um : !(um < up);
       sUsdf[a] = plus ? up : um;
-      sFext[a] = plus ? Spar_Fext[ep] : Spar_Fext[em];
+      sFext[a] = e.Spar_Fext[plus ? ep : em];
       // Upwind: strictly nearer in 3-D, at most as far in 2-D.
-      if (D == 3 ? u > sUsdf[a] : u >= sUsdf[a]) upwind[npnt++] = a;
+      if (D == 3 ? u > sUsdf[a] : u >= sUsdf[a]) ind[npnt++] = a;
     }
     if (npnt == 0) {
-      Spar_Fext[j] = sFext[0];
+      e.Spar_Fext[j] = sFext[0];
     } else if (npnt == 1) {
-      Spar_Fext[j] = sFext[upwind[0]];
+      e.Spar_Fext[j] = sFext[ind[0]];
     } else if (npnt == 2) {
-      const int a = upwind[0], b = upwind[1];
+      const int a = ind[0], b = ind[1];
       if (sUsdf[a] == u && sUsdf[b] == u)  // 2-D only: no distance to weight by
-        Spar_Fext[j] = (sFext[a] + sFext[b]) / 2;
+        e.Spar_Fext[j] = (sFext[a] + sFext[b]) / 2;
       else
-        Spar_Fext[j] = ((sUsdf[a] - u) * sFext[a] + (sUsdf[b] - u) * sFext[b]) /
-                       (sUsdf[a] + sUsdf[b] + (-2) * u);
-    } else {
-      Spar_Fext[j] =
+        e.Spar_Fext[j] = ((sUsdf[a] - u) * sFext[a] + (sUsdf[b] - u) * sFext[b]) /
+                         (sUsdf[a] + sUsdf[b] + -2 * u);
+    } else if constexpr (D == 3) {
+      e.Spar_Fext[j] =
           ((sUsdf[0] - u) * sFext[0] + (sUsdf[1] - u) * sFext[1] + (sUsdf[2] - u) * sFext[2]) /
-          (sUsdf[2] + sUsdf[0] + sUsdf[1] + (-3) * u);
+          (sUsdf[2] + sUsdf[0] + sUsdf[1] + -3 * u);
     }
   }
+
+  LevelSet& e;
 };
 
-}  // namespace tavrel::plain
+}  // namespace plain
+}  // namespace tavrel
