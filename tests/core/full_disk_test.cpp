@@ -20,7 +20,7 @@ TEST(FullDisk, LeavesNoPartialFile) {
     setrlimit(RLIMIT_FSIZE, &limit);
     std::signal(SIGXFSZ, SIG_IGN);
     const std::vector<float> voxels(10000, 1.5f);
-    tavrel::writeRaw(path.c_str(), 2, std::span<const float>(voxels));
+    tavrel::writeRaw(path.c_str(), 2, voxels.data(), voxels.size());
   };
   EXPECT_EXIT(write(folder / "phi.raw"), testing::ExitedWithCode(1), "Error writing file");
   EXPECT_FALSE(fs::exists(folder / "phi.raw"));
