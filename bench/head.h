@@ -8,7 +8,6 @@
 #include <string>
 
 #include "phantom.h"
-#include "plain_engine.h"
 #include "vox3DMat.h"
 #include "voxPipeline.h"
 
@@ -16,19 +15,6 @@ namespace tavrel::bench {
 
 using Image = vox3DMat<double, char>;
 using Mask = vox3DMat<char, double>;
-using PlainGrid = plain::Grid<double>;
-
-inline PlainGrid toGrid(const Image& image) {
-  PlainGrid grid({image.sizeX, image.sizeY, image.sizeZ});
-  std::copy_n(image.p, grid.p.size(), grid.p.begin());
-  return grid;
-}
-
-inline std::unique_ptr<Image> toImage(const PlainGrid& grid) {
-  auto image = std::make_unique<Image>(grid.size[0], grid.size[1], grid.size[2]);
-  std::copy(grid.p.begin(), grid.p.end(), image->p);
-  return image;
-}
 
 /// Sizes of a head of x voxels along x, in the proportions of 181 x 217 x 181.
 inline std::array<int, 3> headSizes(int x) { return {x, x * 217 / 181, x}; }
@@ -60,15 +46,16 @@ class Head {
   }
 
   /// The level-set function of the finest level after a few steps, when it is no longer a mask.
-  const PlainGrid& function() {
-    if (!function_.p.empty()) return function_;
+  const Image& function() {
+    if (function_) return *function_;
     voxPara settings;
     fill(settings);
     settings.max_iter[settings.seg_dn] = 3;
     PreparedVolumes volumes = prepared();
-    evolve(volumes, settings,
-           {.onStep = {}, .onLevel = [this](int, Image& Phi) { function_ = toGrid(Phi); }});
-    return function_;
+    evolve(volumes, settings, {.onStep = {}, .onLevel = [this](int, const Image& Phi) {
+                                 function_.reset(Phi.duplicate());
+                               }});
+    return *function_;
   }
 
  private:
@@ -79,7 +66,7 @@ class Head {
   std::array<int, 3> sizes_;
   voxPara settings_;
   PreparedVolumes prepared_;
-  PlainGrid function_;
+  std::unique_ptr<Image> function_;
 };
 
 }  // namespace tavrel::bench

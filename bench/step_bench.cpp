@@ -1,5 +1,5 @@
 // Times every stage of an evolution step, the whole step and the whole evolution, at three sizes:
-// the plain loops of the tests against the shipped code. Prints one table and fails if any result
+// the plain classes against the code that runs. Prints one table and fails if any result
 // differs in a bit. Times are processor time; those named "elapsed" are the clock's, since they
 // compare thread counts.
 //
@@ -13,11 +13,13 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "exact/step.h"
 #include "head.h"
 #include "table.h"
 #include "vox3DLevelSet.h"
@@ -26,7 +28,6 @@ namespace tavrel::bench {
 namespace {
 
 constexpr int kBandWidth = 2;
-constexpr double kThreshold = 0.0002;  // convergence of an evolution
 
 /// The phantom of a size. Only the last one is kept; benchmarks are ordered by size.
 Head& headOf(int x) {
@@ -67,96 +68,119 @@ class Digest {
   std::size_t value_ = 0;
 };
 
-/// All that a step's stages leave in the fields that both engines have.
-template <class Engine>
-double digestOf(const Engine& engine) {
-  const std::size_t n = engine.n_nbt;
+using exact::InstructionSet;
+
+exact::Grid gridOf(const Image& image) { return {image.sizeX, image.sizeY, image.sizeZ}; }
+
+/// All that a step's stages leave.
+double digestOf(const exact::Band& band, const Image& Phi,
+                std::span<const exact::RegionSums> sums) {
+  const std::size_t n = band.n_nbt;
   Digest digest;
-  digest.add(&engine.ori_nbt_ind[0], n);
-  digest.add(&engine.ori_nbt_sub[0], 3 * n);
-  digest.add(&engine.Spar_exact[0], 3 * (n + 2));
-  digest.add(&engine.Spar_sdf[0], n + 2);
-  digest.add(&engine.Spar_F[0], n + 1);
-  digest.add(&engine.Spar_Fext[0], n + 2);
+  digest.add(band.ind, n);
+  digest.add(band.sub, 3 * n);
+  digest.add(band.exact, 3 * (n + 2));
+  digest.add(band.usdf, n + 2);
+  digest.add(band.F, n + 1);
+  digest.add(Phi.p, static_cast<std::size_t>(Phi.mxn) * Phi.sizeZ);
+  digest.add(sums.data(), sums.size());
   return digest.value();
 }
 
-/// The stages by plain loops.
+/// The stages of the plain class.
 class PlainStep {
  public:
   static constexpr const char* variant = "plain";
   static constexpr int repetitions = 3;
 
-  explicit PlainStep(Head& head) : function_(head.function()), image_(toGrid(head.image())) {}
-  void start() { Phi_ = function_, engine_ = {}, sums_.clear(); }
-  void band() { engine_.LabelEdges(Phi_), engine_.Labelnbt(kBandWidth, Phi_); }
-  void distance() { engine_.sFindEdgeExact(), engine_.sFindUsdf(); }
-  void curvature() { engine_.sFindF(image_, {.w3 = 0.01}); }
+  explicit PlainStep(Head& head) : function_(head.function()), image_(head.image().duplicate()) {}
+  void start() {
+    Phi_.reset(function_.duplicate());
+    e_.emplace();
+    sums_.clear();
+  }
+  void band() { e_->Initialize(Phi_.get(), kBandWidth); }
+  void distance() { e_->sFindEdgeExact(), e_->sFindUsdf(); }
+  void curvature() { e_->sFindF(image_.get(), 0, 0, 0.01, 0, 0, 0, 0); }
   void regionSums() {
-    const Grid grid{image_.size[0], image_.size[1], image_.size[2]};
-    const auto* label = reinterpret_cast<const char*>(engine_.label.p.data());
-    for (int i = 0; i < engine_.n_edge; ++i) {
-      sums_.push_back(plainRegionSums(image_.p.data(), label, grid, engine_.ori_nbt_ind[i]));
+    for (int i = 0; i < e_->n_edge; ++i) {
+      sums_.push_back(
+          exact::plainRegionSums(image_->p, e_->label->p, gridOf(*image_), e_->ori_nbt_ind[i]));
     }
   }
-  void extension() { engine_.sFindEdgeFext(), engine_.sCalFext(0, Phi_); }
-  void step() { engine_.UpdatePhi(Phi_, kBandWidth, image_, {.w3 = 0.01, .w4 = 1, .w5 = 1}, Phi_); }
+  void extension() { e_->sFindEdgeFext(), e_->sCalFext(0, Phi_.get()); }
+  void step() {
+    e_->UpdatePhi(Phi_.get(), kBandWidth, image_.get(), 0, 0, 0.01, 1, 1, 0, 0, Phi_.get());
+  }
 
-  int interfaceVoxels() const { return engine_.n_edge; }
+  int interfaceVoxels() const { return e_->n_edge; }
   double digest() const {
-    Digest digest;
-    digest.add(Phi_.p.data(), Phi_.p.size());
-    digest.add(sums_.data(), sums_.size());
-    return digestOf(engine_) + digest.value();
+    exact::Band b;
+    b.n_nbt = e_->n_nbt;
+    b.ind = e_->ori_nbt_ind;
+    b.sub = e_->ori_nbt_sub;
+    b.exact = e_->Spar_exact;
+    b.usdf = e_->Spar_usdf;
+    b.F = e_->Spar_F;
+    return digestOf(b, *Phi_, sums_);
   }
 
  private:
-  const PlainGrid& function_;
-  PlainGrid image_, Phi_;
-  plain::LevelSet<3> engine_;
-  std::vector<RegionSums> sums_;
+  const Image& function_;
+  std::unique_ptr<Image> image_, Phi_;
+  std::optional<vox3DLevelSet<double, char>> e_;
+  std::vector<exact::RegionSums> sums_;
 };
 
-/// The shipped stages. As in an evolution, the memory serves one step after another.
+/// The stages that run. As in an evolution, the memory serves one step after another.
 class ShippedStep {
  public:
   static constexpr const char* variant = "shipped";
   static constexpr int repetitions = 5;
 
   explicit ShippedStep(Head& head)
-      : function_(head.function()), image_(head.image().duplicate()), Phi_(toImage(function_)) {}
+      : function_(head.function()), image_(head.image()), Phi_(function_.duplicate()) {}
   void start() {
-    std::copy(function_.p.begin(), function_.p.end(), Phi_->p);
-    engine_.emplace(memory_);
+    std::copy_n(function_.p, static_cast<std::size_t>(Phi_->mxn) * Phi_->sizeZ, Phi_->p);
+    level_.emplace(Phi_->p, image_.p, gridOf(image_), memory_);
     sums_.clear();
   }
-  void band() { engine_->Initialize(Phi_.get(), kBandWidth); }
-  void distance() { engine_->sFindEdgeExact(), engine_->sFindUsdf(); }
-  void curvature() { engine_->sFindF(image_.get(), 0, 0, 0.01, 0, 0, 0, 0); }
-  void regionSums(InstructionSet set) {
-    sums_.resize(engine_->n_edge);
-    memory_.regions.sum(image_->p, engine_->label->p, {image_->sizeX, image_->sizeY, image_->sizeZ},
-                        {engine_->ori_nbt_ind, sums_.size()}, sums_, 1, set);
+  void band() {
+    band_ = level_->findBand();
+    // What the next stages of a step write before they read it counts for the digest alone.
+    std::fill_n(band_.F, band_.n_edge, 0.0);
+    std::fill_n(band_.usdf, band_.n_edge, exact::unknownDistance);
+    std::fill_n(band_.exact, 3 * band_.n_edge, exact::unknownDistance);
   }
-  void extension() { engine_->sFindEdgeFext(), engine_->sCalFext(0, Phi_.get()); }
+  void distance() { level_->findEdgePoints(band_), level_->findDistances(band_, false); }
+  void curvature() { level_->findSpeed(band_, {.w3 = 0.01}, {}); }
+  void regionSums(InstructionSet set) {
+    sums_.resize(band_.n_edge);
+    memory_.regions.sum(image_.p, level_->sides().data(), gridOf(image_), {band_.ind, sums_.size()},
+                        sums_, 1, set);
+  }
+  void extension() { level_->extendSpeed(band_, 0); }
   void step() {
-    engine_->UpdatePhi(Phi_.get(), kBandWidth, image_.get(), 0, 0, 0.01, 1, 1, 0, 0, Phi_.get());
+    band_ = level_->findBand();
+    level_->findEdgePoints(band_);
+    const exact::Weights weights{.w3 = 0.01, .w4 = 1, .w5 = 1};
+    const auto sums = level_->findDistances(band_, true);
+    level_->findSpeed(band_, weights, sums);
+    level_->extendSpeed(band_, 0);
+    level_->advance(band_);
   }
 
-  int interfaceVoxels() const { return engine_->n_edge; }
-  double digest() const {
-    Digest digest;
-    digest.add(Phi_->p, function_.p.size());
-    digest.add(sums_.data(), sums_.size());
-    return digestOf(*engine_) + digest.value();
-  }
+  int interfaceVoxels() const { return band_.n_edge; }
+  double digest() const { return digestOf(band_, *Phi_, sums_); }
 
  private:
-  const PlainGrid& function_;
-  std::unique_ptr<Image> image_, Phi_;
-  vox3DLevelSet<double, char>::Memory memory_;
-  std::optional<vox3DLevelSet<double, char>> engine_;
-  std::vector<RegionSums> sums_;
+  const Image& function_;
+  const Image& image_;
+  std::unique_ptr<Image> Phi_;
+  exact::Workspace memory_;
+  std::optional<exact::Level> level_;
+  exact::Band band_;
+  std::vector<exact::RegionSums> sums_;
 };
 
 /// Registers a benchmark. Each of its iterations calls `iteration(state)` on what `make(head)`
@@ -214,7 +238,7 @@ void addRegionSums<ShippedStep>(int x) {
   for (const auto& [set, name] : {std::pair{InstructionSet::portable, "portable"},
                                   {InstructionSet::avx2, "AVX2"},
                                   {InstructionSet::avx512, "AVX-512"}}) {
-    if (set > widestInstructionSet()) continue;
+    if (set > exact::widestInstructionSet()) continue;
     addStage<ShippedStep>(
         "region sums", x, band, [set = set](ShippedStep& step) { step.regionSums(set); }, name);
   }
@@ -243,15 +267,14 @@ double evolvePlainly(PreparedVolumes& volumes, const voxPara& P) {
       reduced.reset(reduced->downsampleby2(1, 1, 1, "min"));
     }
     if (level > 0) volumes.mask->selfupsampleby2(1, 1, 1, "simple");
-    const PlainGrid image = toGrid(*reduced);
-    PlainGrid Phi = toGrid(*std::unique_ptr<Image>(volumes.mask->VeC2Phi()));
+    const std::unique_ptr<Image> Phi(volumes.mask->VeC2Phi());
     std::vector<double> counts(P.max_iter[level]);
     for (int i = 0; i < P.max_iter[level]; ++i) {
-      plain::LevelSet<3> engine;
-      engine.UpdatePhi(Phi, kBandWidth, image, {.w3 = P.w3, .w4 = P.w4, .w5 = P.w5}, Phi);
-      voxels += engine.n_edge;
-      volumes.mask.reset(toImage(Phi)->Phi2VeC());
-      if (computeratio(i, counts.data(), volumes.mask.get()) < kThreshold) break;
+      vox3DLevelSet<double, char> e;
+      e.UpdatePhi(Phi.get(), kBandWidth, reduced.get(), P.w1, 0, P.w3, P.w4, P.w5, 0, 0, Phi.get());
+      voxels += e.n_edge;
+      volumes.mask.reset(Phi->Phi2VeC());
+      if (computeratio(i, counts.data(), volumes.mask.get()) < Pyramid::threshold) break;
     }
   }
   return voxels;

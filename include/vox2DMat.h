@@ -7,9 +7,8 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <span>
 
-#include "voxVolumeOps.h"
+#include "detail/voxVolumeOps.h"
 
 /// A slice of sizeX x sizeY pixels of type T. U is the pixel type of the matrices that the
 /// conversions between mask and level-set function return.
@@ -23,12 +22,34 @@ class vox2DMat {
 
   /// An empty matrix without an array.
   vox2DMat() = default;
-  /// A matrix of X x Y pixels, not initialised. Ends the process with status 1 if the sizes are
-  /// negative or too large.
-  vox2DMat(int X, int Y) : p(new T[tavrel::voxelCount(X, Y)]), sizeX(X), sizeY(Y), mxn(X * Y) {}
-  ~vox2DMat() { delete[] p; }
+  /// A matrix of X x Y pixels, not initialised.
+  vox2DMat(int X, int Y) { setup(X, Y); }
+  ~vox2DMat() {
+    delete[] p;
+    tavrel::clear(p, sizeX, sizeY, mxn);
+  }
   vox2DMat(const vox2DMat&) = delete;
   vox2DMat& operator=(const vox2DMat&) = delete;
+
+  /// Gives a matrix without an array its sizes and an array that is not initialised; an array that
+  /// it already has is not released. Ends the process with status 1 if the sizes are negative or
+  /// too large.
+  void setup(int X, int Y) {
+    p = new T[tavrel::voxelCount(X, Y)];
+    sizeX = X;
+    sizeY = Y;
+    mxn = X * Y;
+  }
+
+  /// Non-zero if the matrix has an array.
+  int isnotempty() const { return p != nullptr; }
+  T* dataaddress() { return p; }
+  const T* dataaddress() const { return p; }
+  /// A new array {sizeX, sizeY}, which the caller releases with `delete[]`.
+  int* getsize() const { return new int[2]{sizeX, sizeY}; }
+
+  /// Sets every pixel to `m`.
+  void operator=(T m) { std::fill_n(p, mxn, m); }
 
   /// A copy of this matrix.
   vox2DMat* duplicate() const {
@@ -38,29 +59,29 @@ class vox2DMat {
   }
 
   /// Adds `m` to every pixel.
-  void operator+=(T m) { tavrel::add(pixels(), m); }
+  void operator+=(T m) { tavrel::add(p, count(), m); }
 
   /// The sum of all pixels as doubles; of a mask the number of pixels inside.
-  double Sum() const { return tavrel::sum(pixels()); }
+  double Sum() const { return tavrel::sum(p, count()); }
 
   /// Level-set function of this mask: 0.5 - pixel.
   vox2DMat<U, T>* VeC2Phi() const {
     auto* phi = new vox2DMat<U, T>(sizeX, sizeY);
-    tavrel::maskToPhi(pixels(), phi->p);
+    tavrel::maskToPhi(p, count(), phi->p);
     return phi;
   }
 
   /// Mask of this level-set function: 1 where a pixel is not >= 0, 0 elsewhere.
   vox2DMat<U, T>* Phi2VeC() const {
     auto* mask = new vox2DMat<U, T>(sizeX, sizeY);
-    tavrel::phiToMask(pixels(), mask->p);
+    tavrel::phiToMask(p, count(), mask->p);
     return mask;
   }
 
   /// A mask with 1 where min <= pixel <= max. Ends the process with status 1 if min > max.
   vox2DMat<char, U>* thresholding(T min, T max) const {
     auto* mask = new vox2DMat<char, U>(sizeX, sizeY);
-    tavrel::threshold(pixels(), min, max, mask->p);
+    tavrel::threshold(p, count(), min, max, mask->p);
     return mask;
   }
 
@@ -72,6 +93,5 @@ class vox2DMat {
   void imdilate2D(const char* method, int bwt) { tavrel::dilate(p, sizeX, sizeY, 1, method, bwt); }
 
  private:
-  std::span<T> pixels() { return {p, static_cast<std::size_t>(mxn)}; }
-  std::span<const T> pixels() const { return {p, static_cast<std::size_t>(mxn)}; }
+  std::size_t count() const { return static_cast<std::size_t>(mxn); }
 };

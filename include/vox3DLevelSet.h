@@ -4,18 +4,19 @@
 // distance at every step: S. Osher, J. A. Sethian, J. Comput. Phys. 79 (1988) 12-49; narrow band:
 // D. Adalsteinsson, J. A. Sethian, J. Comput. Phys. 118 (1995) 269-277. Phi is negative inside and
 // a positive speed grows the inside. Units are voxels; x varies fastest, then y, then z.
+// The class is the definition of the method, in its plain form; its stages are those of
+// detail/voxLevelSetMethod.h and its twin's. Whole volumes are evolved by faster code that gives
+// the same bits.
 #pragma once
 
-#include <algorithm>
-#include <iostream>
-#include <memory>
-
+#include "detail/voxLevelSetMethod.h"
 #include "vox3DMat.h"
-#include "voxLevelSetStages.h"
 
 /// Working state of one evolution step. Use an object once: construct, UpdatePhi, destroy.
 ///
-/// The public pointers are views: the object (or the Memory it was given) owns what they point to.
+/// The object owns what its pointers hold: arrays made with new[], of the lengths given here, and
+/// matrices made with new. They may be replaced by others of that kind, or filled by hand: every
+/// stage works from the fields alone.
 /// Grid index: x + y*sizeX + z*mxn. Band order: positive edge, negative edge, positive test,
 /// negative test voxels, each in increasing grid index; slots n_nbt and n_nbt + 1 of the Spar_
 /// arrays stand for the voxels outside the band on the negative and the positive side. `label` is
@@ -24,9 +25,6 @@
 template <typename T, typename U>
 class vox3DLevelSet {
  public:
-  using Memory = tavrel::LevelSetMemory<vox3DMat<char, void>, vox3DMat<int, void>>;
-  static constexpr int axes = 3;
-
   int sizeX = 0;
   int sizeY = 0;
   int sizeZ = 0;
@@ -36,13 +34,13 @@ class vox3DLevelSet {
   vox3DMat<char, void>* mask_nbt = nullptr;  ///< 1 in the band
   char* mask_ptest = nullptr;                ///< not used
   char* mask_ntest = nullptr;                ///< not used
-  int* ori_pedge_ind = nullptr;              ///< grid indices of the positive edge voxels
+  int* ori_pedge_ind = nullptr;              ///< [n_pedge] grid indices of the positive edge voxels
   int n_pedge = 0;
-  int* ori_nedge_ind = nullptr;
+  int* ori_nedge_ind = nullptr;  ///< [n_nedge] of the negative edge voxels
   int n_nedge = 0;
-  int* ori_ptest_ind = nullptr;
+  int* ori_ptest_ind = nullptr;  ///< [n_ptest] of the positive test voxels
   int n_ptest = 0;
-  int* ori_ntest_ind = nullptr;
+  int* ori_ntest_ind = nullptr;  ///< [n_ntest] of the negative test voxels
   int n_ntest = 0;
   int* ori_nbt_ind = nullptr;  ///< [n_nbt] grid index, in band order
   int n_edge = 0;
@@ -59,13 +57,24 @@ class vox3DLevelSet {
   T* Spar_sdf = nullptr;                        ///< [n_nbt+2] signed distance
 
   vox3DLevelSet() = default;
-  /// Borrows `memory`, which must outlive the object, and works on `threads` threads.
-  explicit vox3DLevelSet(Memory& memory, int threads = 1) : memory_(&memory), threads_(threads) {}
   vox3DLevelSet(const vox3DLevelSet&) = delete;
   vox3DLevelSet& operator=(const vox3DLevelSet&) = delete;
-  /// Says so on standard output if the object was never initialised.
+  /// Releases everything; an object without sizes only says so on standard output.
   ~vox3DLevelSet() {
-    if (sizeX == 0) std::cout << "empty vox3DLevelSet destructed" << std::endl;
+    using namespace tavrel::plain;
+    if (sizeX == 0) {
+      std::cout << "empty vox3DLevelSet destructed" << std::endl;
+      return;
+    }
+    releaseMatrix(label);
+    releaseMatrix(mask_nbt);
+    releaseMatrix(mask_indices);
+    for (char** field : {&mask_p, &mask_ptest, &mask_ntest}) releaseArray(*field);
+    for (int** field : {&ori_pedge_ind, &ori_nedge_ind, &ori_ptest_ind, &ori_ntest_ind,
+                        &ori_nbt_ind, &ori_nbt_sub, &ori_nbt_6neigh_ind, &spar_nbt_6neigh_ind})
+      releaseArray(*field);
+    for (T** field : {&Spar_Phi, &Spar_F, &Spar_Fext, &Spar_exact, &Spar_usdf, &Spar_sdf})
+      releaseArray(*field);
   }
 
   /// One step of Phi in place: the band's values are replaced, those outside stay. Without an edge
@@ -76,12 +85,10 @@ class vox3DLevelSet {
   /// @param w7,tPhi  coupling to a reference function of Phi's sizes, read before Phi is written
   void UpdatePhi(vox3DMat<T, U>* Phi, int bwt, vox3DMat<T, U>* voldata, double w1, double w2,
                  double w3, double w4, double w5, double w6, double w7, vox3DMat<T, U>* tPhi) {
-    takeSizes(Phi);
-    stages().labelEdges(Phi, false);
-    stages().buildBand(std::max(bwt, 1), Phi, true);
+    Initialize(Phi, std::max(bwt, 1));
     if (n_edge == 0) return;
     sFindEdgeExact();
-    stages().findUsdfAndSums(voldata, w4);
+    sFindUsdf();
     sFindF(voldata, w1, w2, w3, w4, w5, w6, w7);
     sFindEdgeFext();
     sCalFext(w7, tPhi);
@@ -90,21 +97,19 @@ class vox3DLevelSet {
 
   /// Builds the band state from Phi: LabelEdges, then Labelnbt.
   void Initialize(vox3DMat<T, U>* Phi, int bwt) {
-    takeSizes(Phi);
-    stages().labelEdges(Phi, false);
+    LabelEdges(Phi);
     Labelnbt(bwt, Phi);
   }
 
   /// Labels every voxel +-1 or +-3; mask_indices becomes 1 where Phi > 0, else 0.
-  void LabelEdges(vox3DMat<T, U>* Phi) {
-    takeSizes(Phi);
-    stages().labelEdges(Phi, true);
-  }
+  void LabelEdges(vox3DMat<T, U>* Phi) { stages().labelEdges(*Phi); }
 
-  /// Band of `bwt` voxels around the edge voxels of LabelEdges, and all its arrays.
-  void Labelnbt(int bwt, vox3DMat<T, U>* Phi) { stages().buildBand(bwt, Phi, false); }
+  /// The band of `bwt` voxels around the voxels labelled +-1, and all its arrays. Sizes or an index
+  /// map that do not belong together end the process with status 1.
+  void Labelnbt(int bwt, vox3DMat<T, U>* Phi) { stages().labelnbt(bwt, *Phi); }
 
-  /// Nearest interface point and distance of the edge voxels.
+  /// Nearest interface point and distance of the edge voxels. Their neighbours have to be in the
+  /// band: its width has to be 1 or more.
   void sFindEdgeExact() { stages().findEdgeExact(); }
 
   /// The same for the test voxels, by sweeps, and the signed distance of every slot.
@@ -113,7 +118,7 @@ class vox3DLevelSet {
   /// Speed of the edge voxels; the region term only if w4 is not 0.
   void sFindF(vox3DMat<T, U>* voldata, double w1, double /*w2*/, double w3, double w4, double w5,
               double /*w6*/, double /*w7*/) {
-    stages().findF(voldata, w1, w3, w4, w5);
+    stages().findF(*voldata, w1, w3, w4, w5);
   }
 
   /// Speed at the interface points of the edge voxels.
@@ -121,38 +126,36 @@ class vox3DLevelSet {
 
   /// Extension over the test voxels; then, if w7 is not 0, w7 * (signed distance - tPhi) is added
   /// at every band voxel.
-  void sCalFext(double w7, vox3DMat<T, U>* tPhi) {
-    stages().calFext();
-    if (w7 != 0) {
-      for (int i = 0; i < n_nbt; ++i) {
-        Spar_Fext[i] = (Spar_sdf[i] - tPhi->p[ori_nbt_ind[i]]) * w7 + Spar_Fext[i];
-      }
-    }
-  }
+  void sCalFext(double w7, vox3DMat<T, U>* tPhi) { stages().calFext(w7, tPhi); }
 
-  /// Writes the advanced function back into Phi at the band voxels.
-  void SubstractPhi(vox3DMat<T, U>* Phi) { stages().substractPhi(Phi); }
-
-  /// The neighbour table, under one name for both dimensions.
-  int*& links() { return spar_nbt_6neigh_ind; }
+  /// Writes the advanced function back into Phi at the band voxels: signed distance - dt *
+  /// extension velocity, with dt such that the fastest of them moves by one voxel.
+  void SubstractPhi(vox3DMat<T, U>* Phi) { stages().substractPhi(*Phi); }
 
  private:
-  void takeSizes(const vox3DMat<T, U>* Phi) {
-    sizeX = Phi->sizeX;
-    sizeY = Phi->sizeY;
-    sizeZ = Phi->sizeZ;
-    mxn = Phi->mxn;
+  tavrel::plain::Stages<vox3DLevelSet> stages() {
+    return tavrel::plain::Stages<vox3DLevelSet>(*this);
   }
+};
 
-  tavrel::Stages<vox3DLevelSet> stages() {
-    if (!memory_) {
-      own_ = std::make_unique<Memory>();
-      memory_ = own_.get();
-    }
-    return {*this, *memory_, threads_};
+/// What tells this class from its twin.
+template <typename T, typename U>
+struct tavrel::plain::Face<vox3DLevelSet<T, U>> {
+  using LevelSet = vox3DLevelSet<T, U>;
+  using Value = T;
+  static constexpr int axes = 3;
+
+  template <class V>
+  static vox3DMat<V, void>* newMap(Point size) {
+    return new vox3DMat<V, void>(size[0], size[1], size[2]);
   }
-
-  std::unique_ptr<Memory> own_;
-  Memory* memory_ = nullptr;
-  int threads_ = 1;
+  static void takeSizes(LevelSet& e, const vox3DMat<T, U>& Phi) {
+    e.sizeX = Phi.sizeX;
+    e.sizeY = Phi.sizeY;
+    e.sizeZ = Phi.sizeZ;
+    e.mxn = Phi.mxn;
+  }
+  static Point size(const LevelSet& e) { return {e.sizeX, e.sizeY, e.sizeZ}; }
+  static int*& neighbours(LevelSet& e) { return e.spar_nbt_6neigh_ind; }
+  static void dilate(vox3DMat<char, void>& mask, int passes) { mask.imdilate3D("box", passes); }
 };

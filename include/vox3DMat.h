@@ -16,16 +16,14 @@
 #include <limits>
 #include <memory>
 #include <ostream>
-#include <span>
-#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "detail/voxFatal.h"
+#include "detail/voxVolumeOps.h"
 #include "vox2DMat.h"
-#include "voxFatal.h"
 #include "voxUtility.h"
-#include "voxVolumeOps.h"
 
 /// A volume of sizeX x sizeY x sizeZ voxels of type T. U is the voxel type of the matrices that the
 /// conversions between mask and level-set function return and of the mask that `*` takes.
@@ -44,7 +42,10 @@ class vox3DMat {
   vox3DMat() = default;
   /// A matrix of X x Y x Z voxels, not initialised.
   vox3DMat(int X, int Y, int Z) { setup(X, Y, Z); }
-  ~vox3DMat() { delete[] p; }
+  ~vox3DMat() {
+    delete[] p;
+    tavrel::clear(p, sizeX, sizeY, sizeZ, mxn);
+  }
   vox3DMat(const vox3DMat&) = delete;
   vox3DMat& operator=(const vox3DMat&) = delete;
 
@@ -68,19 +69,19 @@ class vox3DMat {
   int* getsize() const { return new int[3]{sizeX, sizeY, sizeZ}; }
 
   /// Sets every voxel to `m`.
-  void operator=(T m) { std::ranges::fill(voxels(), m); }
+  void operator=(T m) { std::fill_n(p, count(), m); }
   /// Adds `m` to every voxel.
-  void operator+=(T m) { tavrel::add(voxels(), m); }
+  void operator+=(T m) { tavrel::add(p, count(), m); }
 
   /// A copy of this matrix.
   vox3DMat* duplicate() const {
     auto* copy = new vox3DMat(sizeX, sizeY, sizeZ);
-    std::ranges::copy(voxels(), copy->p);
+    std::copy_n(p, count(), copy->p);
     return copy;
   }
 
   /// The sum of all voxels as doubles; of a mask the number of voxels inside.
-  double Sum() const { return tavrel::sum(voxels()); }
+  double Sum() const { return tavrel::sum(p, count()); }
 
   // ---- slices, seed, conversions ----
 
@@ -105,11 +106,11 @@ class vox3DMat {
   /// The voxel-by-voxel product with a mask: this matrix inside it, 0 outside. Sizes that differ or
   /// are 0 end the process with status 0.
   vox3DMat* operator*(const vox3DMat<U, T>& B) const {
-    if (sizeX != B.sizeX || sizeY != B.sizeY || sizeZ != B.sizeZ || voxels().empty()) {
+    if (sizeX != B.sizeX || sizeY != B.sizeY || sizeZ != B.sizeZ || count() == 0) {
       tavrel::fatal("two matrice are of different size or empty\n", std::cerr, 0);
     }
     auto* product = new vox3DMat(sizeX, sizeY, sizeZ);
-    tavrel::multiply(voxels(), B.p, product->p);
+    tavrel::multiply(p, count(), B.p, product->p);
     return product;
   }
 
@@ -128,21 +129,21 @@ class vox3DMat {
   /// Level-set function of this mask: 0.5 - voxel.
   vox3DMat<U, T>* VeC2Phi() const {
     auto* phi = new vox3DMat<U, T>(sizeX, sizeY, sizeZ);
-    tavrel::maskToPhi(voxels(), phi->p);
+    tavrel::maskToPhi(p, count(), phi->p);
     return phi;
   }
 
   /// Mask of this level-set function: 1 where a voxel is not >= 0, 0 elsewhere.
   vox3DMat<U, T>* Phi2VeC() const {
     auto* mask = new vox3DMat<U, T>(sizeX, sizeY, sizeZ);
-    tavrel::phiToMask(voxels(), mask->p);
+    tavrel::phiToMask(p, count(), mask->p);
     return mask;
   }
 
   /// A mask with 1 where min <= voxel <= max. Ends the process with status 1 if min > max.
   vox3DMat<char, U>* thresholding(T min, T max) const {
     auto* mask = new vox3DMat<char, U>(sizeX, sizeY, sizeZ);
-    tavrel::threshold(voxels(), min, max, mask->p);
+    tavrel::threshold(p, count(), min, max, mask->p);
     return mask;
   }
 
@@ -156,20 +157,22 @@ class vox3DMat {
   ///               needed for its two ends, so they are found in one pass.
   void Normalize(std::ostream* report = &std::cout) {
     if (report) *report << sortingLine() << std::endl << sortingLine() << std::endl;
-    if (voxels().empty()) return;
-    const std::size_t step = std::max<std::size_t>(voxels().size() / 100000, 1);
-    const auto [min, max] = tavrel::sampledRange(std::as_const(*this).voxels(), step);
+    if (count() == 0) return;
+    const std::size_t step = std::max<std::size_t>(count() / 100000, 1);
+    const auto [min, max] = tavrel::sampledRange(p, count(), step);
     const double range = max == min ? 1.0 : max - min;
-    for (T& v : voxels()) v = tavrel::converted<T>((tavrel::number(v) - min) / range);
+    std::transform(p, p + count(), p, [min = min, range](T v) {
+      return tavrel::converted<T>((tavrel::number(v) - min) / range);
+    });
   }
 
   /// Raises every voxel to the power `gamma`.
   void GammaAdjust(T gamma) {
     if (gamma == T{1}) return;
     const double exponent = tavrel::number(gamma);
-    for (T& v : voxels()) {
-      v = tavrel::converted<T>(std::pow(static_cast<double>(tavrel::number(v)), exponent));
-    }
+    std::transform(p, p + count(), p, [exponent](T v) {
+      return tavrel::converted<T>(std::pow(static_cast<double>(tavrel::number(v)), exponent));
+    });
   }
 
   // ---- resampling by two ----
@@ -286,8 +289,6 @@ class vox3DMat {
   static constexpr int kSizeBits = 31;
 
   std::size_t count() const { return static_cast<std::size_t>(mxn) * sizeZ; }
-  std::span<T> voxels() { return {p, count()}; }
-  std::span<const T> voxels() const { return {p, count()}; }
   T* plane(int k) { return p + static_cast<std::size_t>(k) * mxn; }
   const T* plane(int k) const { return p + static_cast<std::size_t>(k) * mxn; }
   T* row(int j, int k) { return plane(k) + static_cast<std::size_t>(j) * sizeX; }
@@ -315,7 +316,7 @@ class vox3DMat {
   }
 
   /// The line that `Normalize` reports for sorting values of type T.
-  static constexpr std::string_view sortingLine() {
+  static constexpr const char* sortingLine() {
     if constexpr (std::is_same_v<T, char>) return "char sorting called";
     if constexpr (std::is_same_v<T, int>) return "integer sorting called";
     if constexpr (std::is_same_v<T, float>) return "float sorting called";
@@ -353,15 +354,15 @@ class vox3DMat {
             static_cast<std::size_t>(sizeZ)};
   }
 
-  static void checkHalving(std::string_view method) {
-    if (method != "min" && method != "simple") {
+  static void checkHalving(const char* method) {
+    if (!tavrel::isNamed(method, "min") && !tavrel::isNamed(method, "simple")) {
       tavrel::fatal("downsample method incorrect,exit\n", std::cerr, 1);
     }
   }
 
-  static void halve(const T* from, T* to, Lines lines, std::string_view method) {
+  static void halve(const T* from, T* to, Lines lines, const char* method) {
     const auto [inner, length, outer] = lines;
-    if (method == "min") {
+    if (tavrel::isNamed(method, "min")) {
       tavrel::halveLines(from, to, inner, length, outer,
                          [](T a, T b) { return tavrel::number(b) < tavrel::number(a) ? b : a; });
     } else {
@@ -369,7 +370,7 @@ class vox3DMat {
     }
   }
 
-  std::unique_ptr<vox3DMat> halved(int axis, std::string_view method) const {
+  std::unique_ptr<vox3DMat> halved(int axis, const char* method) const {
     checkHalving(method);
     const Lines lines = linesAlong(axis, sizes());
     auto result = resized(axis, static_cast<std::int64_t>(lines.length / 2));
@@ -377,8 +378,9 @@ class vox3DMat {
     return result;
   }
 
-  std::unique_ptr<vox3DMat> doubled(int axis, std::string_view method) const {
-    if (method != "simple") tavrel::fatal("upsample method incorrect,exit\n", std::cerr, 1);
+  std::unique_ptr<vox3DMat> doubled(int axis, const char* method) const {
+    if (!tavrel::isNamed(method, "simple"))
+      tavrel::fatal("upsample method incorrect,exit\n", std::cerr, 1);
     const auto [inner, length, outer] = linesAlong(axis, sizes());
     auto result = resized(axis, 2 * static_cast<std::int64_t>(length));
     tavrel::doubleLines(p, result->p, inner, length * outer);
@@ -387,7 +389,7 @@ class vox3DMat {
 
   /// This matrix halved counts[0] times along x and so on; null if there is nothing to halve. One
   /// plane of the result at a time, so that what is between two halvings stays in cache.
-  std::unique_ptr<vox3DMat> halvedBy(std::array<int, 3> counts, std::string_view method) const {
+  std::unique_ptr<vox3DMat> halvedBy(std::array<int, 3> counts, const char* method) const {
     if (!istimes(sizeX, std::pow(2.0, counts[0])) || !istimes(sizeY, std::pow(2.0, counts[1])) ||
         !istimes(sizeZ, std::pow(2.0, counts[2]))) {
       tavrel::fatal("dimensions don't match, exit\n", std::cerr, 1);

@@ -21,9 +21,10 @@ class voxBalloonPara {
 
   voxBalloonPara() = default;
   /// Reads, from argv[1] on: input path and format, three sizes, three halvings, seg_dn, gamma,
-  /// output path and format. Computes the padding and prints the record. A null pointer ends the
-  /// vector: what is missing counts as 0, or null for a path.
+  /// output path and format. Computes the padding and prints the record. The vector has to reach to
+  /// the twelfth argument; null pointers in it count as 0, or null for a path.
   explicit voxBalloonPara(char** argv);
+  ~voxBalloonPara();
   voxBalloonPara(const voxBalloonPara&) = delete;
   voxBalloonPara& operator=(const voxBalloonPara&) = delete;
 

@@ -35,7 +35,7 @@ class voxPara {
   int* max_iter = nullptr;  ///< iteration limit of every level, coarsest first; owned
 
   voxPara() = default;
-  ~voxPara() { delete[] max_iter; }
+  ~voxPara();
   voxPara(const voxPara&) = delete;
   voxPara& operator=(const voxPara&) = delete;
 
@@ -62,8 +62,8 @@ class voxPara {
   /// come in this order: input, mask and skull-stripped paths [template path], their formats
   /// [template format], sizes, halvings, seg_dn, gamma, [seed extents], w1 to w7, and an iteration
   /// limit for every level. The template arguments belong to the 2Volume forms; the 2-D forms have
-  /// no z arguments; `setup2D2Volume` has no seed. Fields without an argument keep their values. A
-  /// null pointer ends the vector: what is missing counts as 0, or null for a path.
+  /// no z arguments; `setup2D2Volume` has no seed. Fields without an argument keep their values.
+  /// The vector has to reach to the last limit; null pointers in it count as 0, or null for a path.
   void setupBalloon(char** argv);
   void setup2Volume(char** argv);
   void setup2DBalloon(char** argv);

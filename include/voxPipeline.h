@@ -1,14 +1,22 @@
 // The stripping pipeline in three stages over in-memory volumes: prepare -> evolve -> finish.
 //
 // Front ends (the raw-volume command, other file formats, progress bars, tests) read a volume, fill
-// a voxPara, call the three stages in this order and write what they like. Nothing here knows the
-// console or a file: progress goes to an observer.
+// a voxPara, call the stages in this order and write what they like. Nothing here opens a file or
+// writes to the console: progress goes to an observer, the sorting lines to a stream of the
+// caller's. Nothing here ends the process either: sizes that do not belong together are reported by
+// std::invalid_argument, too many voxels by std::length_error, too little memory by std::bad_alloc.
 // Conventions: masks hold 1 inside the brain and 0 outside; level-set functions are negative inside
 // and measured in voxels of the grid being evolved; x varies fastest, then y, then z.
 #pragma once
 
+#include "detail/voxCxx20.h"
+
+// Nothing below is meant for less.
+#include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <limits>
 #include <memory>
 
 #include "vox2DMat.h"
@@ -29,6 +37,32 @@ double computeratio(int i, double* lt, vox3DMat<char, double>* newVeC);
 double computeratio(int i, double* lt, vox2DMat<char, double>* newVeC);
 
 namespace tavrel {
+
+/// The built-in pyramid of resolutions and what it asks of a volume.
+struct Pyramid {
+  static constexpr int halvings = 2;           ///< from the finest to the coarsest level
+  static constexpr int levels = halvings + 1;  ///< quarter, half and whole size
+  /// A level has converged when the inside count changes by less than this part of itself.
+  static constexpr double threshold = 0.0002;
+  static constexpr std::int64_t mostVoxels = std::numeric_limits<int>::max();
+
+  /// A size with its padding, a multiple of 4.
+  static constexpr std::int64_t padded(std::int64_t size) {
+    constexpr std::int64_t multiple = std::int64_t{1} << halvings;
+    return (size + multiple - 1) / multiple * multiple;
+  }
+  /// Whether the voxels of a volume can be counted with its padding. Sizes must not be negative; a
+  /// volume without voxels fits.
+  static constexpr bool fits(std::int64_t X, std::int64_t Y, std::int64_t Z) {
+    if (std::min({X, Y, Z}) <= 0) return std::min({X, Y, Z}) == 0;
+    std::int64_t voxels = 1;
+    for (const std::int64_t size : {X, Y, Z}) {
+      if (size > mostVoxels || padded(size) > mostVoxels / voxels) return false;
+      voxels *= padded(size);
+    }
+    return true;
+  }
+};
 
 /// What an observer is told after every evolution step.
 struct StepReport {
@@ -70,15 +104,21 @@ template <class T>
 PreparedVolumes prepare(const vox3DMat<T, char>& input, const voxPara& P,
                         std::ostream* report = nullptr);
 
-/// Second stage: the level-set evolution over P.seg_dn + 1 resolutions, coarsest first. On return
-/// `volumes.mask` is the mask at the prepared (padded) resolution. `volumes.image` is only read.
+/// Second stage: the level-set evolution over P.levels() resolutions, coarsest first, of at most
+/// P.max_iter steps each (none if that is null). On return `volumes.mask` is the mask at the
+/// prepared (padded) resolution. `volumes.image` is only read.
 /// @param threads  worker threads, at least 1; the result is the same bytes for every count
 void evolve(PreparedVolumes& volumes, const voxPara& P, const EvolutionObserver& observer = {},
             int threads = 1);
 
-/// Last stage: doubles the mask back by `P.dn*`, removes the padding, refines it slice by slice if
-/// any of `P.dnX`, `P.dnY`, `P.dnZ` is positive, and dilates it once by a 3 x 3 x 3 box. In place;
-/// on return `mask` has the input's sizes.
-void finish(vox3DMat<char, double>& mask, vox3DMat<double, char>& input, const voxPara& P);
+/// Between the second and the last stage, for runs that halved the image by `P.dn*`: brings the
+/// mask to the input's grid and evolves each of its slices on the input's own intensities. In
+/// place.
+void refineSlices(vox3DMat<char, double>& mask, const vox3DMat<double, char>& input,
+                  const voxPara& P);
+
+/// Last stage: brings the mask to the input's grid if it is not there yet (it is doubled by `P.dn*`
+/// and loses the padding) and dilates it once by a 3 x 3 x 3 box. In place.
+void finish(vox3DMat<char, double>& mask, const voxPara& P);
 
 }  // namespace tavrel

@@ -6,18 +6,17 @@
 #pragma once
 
 #include <algorithm>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <span>
 #include <string>
 #include <vector>
 
+#include "detail/voxFatal.h"
 #include "vox3DMat.h"
-#include "voxFatal.h"
 #include "voxUtility.h"
 
 namespace tavrel {
@@ -40,12 +39,14 @@ void withFileType(int type, Action action) {
 
 /// Turns values between the machine's byte order and little-endian.
 template <class V>
-void toOrFromLittleEndian(std::span<V> values) {
-  if constexpr (std::endian::native == std::endian::big) {
-    for (V& v : values) {
-      auto* bytes = reinterpret_cast<std::byte*>(&v);
-      std::reverse(bytes, bytes + sizeof(V));
-    }
+void toOrFromLittleEndian(V* values, std::size_t count) {
+  const std::uint16_t one = 1;
+  std::uint8_t lowest;
+  std::memcpy(&lowest, &one, 1);
+  if (lowest == 1) return;
+  for (V* v = values; v != values + count; ++v) {
+    auto* bytes = reinterpret_cast<std::uint8_t*>(v);
+    std::reverse(bytes, bytes + sizeof(V));
   }
 }
 
@@ -59,26 +60,29 @@ std::vector<V> fileBuffer(std::size_t count) {
   fatal("  Error opening file " + path + " for reading in data \n", std::cerr, 0);
 }
 
-/// Reads `voxels` from a raw file of format `type`; nothing for a code that is no format. Voxels
-/// beyond the end of the file become 0. A file that cannot be read ends the process with status 0.
+/// Reads `count` voxels from a raw file of format `type`; nothing for a code that is no format.
+/// Voxels beyond the end of the file become 0. A file that cannot be read ends the process with
+/// status 0.
 template <class T>
-void readRaw(const char* path, int type, std::span<T> voxels) {
+void readRaw(const char* path, int type, T* voxels, std::size_t count) {
   const std::string name = path ? path : "";
   std::ifstream file(name, std::ios::binary);
   if (!file) unreadable(name);
-  withFileType(type, [&]<class V>(V) {
-    auto buffer = fileBuffer<V>(voxels.size());
-    while (!voxels.empty() && file) {
-      const std::size_t wanted = std::min(buffer.size(), voxels.size());
+  withFileType(type, [&](auto zero) {
+    using V = decltype(zero);
+    auto buffer = fileBuffer<V>(count);
+    while (count > 0 && file) {
+      const std::size_t wanted = std::min(buffer.size(), count);
       file.read(reinterpret_cast<char*>(buffer.data()),
                 static_cast<std::streamsize>(wanted * sizeof(V)));
       if (file.bad()) unreadable(name);
-      const std::span read(buffer.data(), static_cast<std::size_t>(file.gcount()) / sizeof(V));
-      toOrFromLittleEndian(read);
-      std::ranges::transform(read, voxels.begin(), [](V v) { return converted<T>(v); });
-      voxels = voxels.subspan(read.size());
+      const std::size_t got = static_cast<std::size_t>(file.gcount()) / sizeof(V);
+      toOrFromLittleEndian(buffer.data(), got);
+      voxels = std::transform(buffer.data(), buffer.data() + got, voxels,
+                              [](V v) { return converted<T>(v); });
+      count -= got;
     }
-    std::ranges::fill(voxels, T{0});
+    std::fill_n(voxels, count, T{0});
   });
 }
 
@@ -90,31 +94,32 @@ inline void removePartial(const std::string& name) {
     std::filesystem::remove(name, ignored);
 }
 
-/// Writes `voxels` to a raw file of format `type`, replacing its contents; nothing but the empty
-/// file for a code that is no format.
+/// Writes `count` voxels to a raw file of format `type`, replacing its contents; nothing but the
+/// empty file for a code that is no format.
 ///
 /// Values written as byte or word lose their fraction and all but their low 8 or 16 bits; what is
 /// not a number or lies beyond 64 bits becomes 0. Values written as float are rounded to nearest.
 /// A file that cannot be opened ends the process with status 0, one that cannot be written in full
 /// (a full disk) is removed and ends it with status 1, both with a message on the error stream.
 template <class T>
-void writeRaw(const char* path, int type, std::span<const T> voxels) {
+void writeRaw(const char* path, int type, const T* voxels, std::size_t count) {
   const std::string name = path ? path : "";
   std::ofstream file(name, std::ios::binary | std::ios::trunc);
   if (!file) {
     std::cerr << "  Inside  AnalyzeImage::saveAnalyzeImageData() " << std::endl;
     unreadable(name);
   }
-  withFileType(type, [&]<class V>(V) {
-    auto buffer = fileBuffer<V>(voxels.size());
-    while (!voxels.empty() && file) {
-      const std::span chunk(buffer.data(), std::min(buffer.size(), voxels.size()));
-      std::ranges::transform(voxels.first(chunk.size()), chunk.begin(),
-                             [](T v) { return converted<V>(v); });
-      toOrFromLittleEndian(chunk);
-      file.write(reinterpret_cast<const char*>(chunk.data()),
-                 static_cast<std::streamsize>(chunk.size_bytes()));
-      voxels = voxels.subspan(chunk.size());
+  withFileType(type, [&](auto zero) {
+    using V = decltype(zero);
+    auto buffer = fileBuffer<V>(count);
+    while (count > 0 && file) {
+      const std::size_t taken = std::min(buffer.size(), count);
+      std::transform(voxels, voxels + taken, buffer.data(), [](T v) { return converted<V>(v); });
+      toOrFromLittleEndian(buffer.data(), taken);
+      file.write(reinterpret_cast<const char*>(buffer.data()),
+                 static_cast<std::streamsize>(taken * sizeof(V)));
+      voxels += taken;
+      count -= taken;
     }
   });
   file.close();
@@ -140,7 +145,10 @@ class voxRawVolumeData {
   /// path must outlive this object.
   voxRawVolumeData(char* file, int type, int X, int Y, int Z)
       : D(new vox3DMat<T, U>(X, Y, Z)), datatype(type), sizeX(X), sizeY(Y), sizeZ(Z), fn(file) {}
-  ~voxRawVolumeData() { delete D; }
+  ~voxRawVolumeData() {
+    delete D;
+    tavrel::clear(D);
+  }
   voxRawVolumeData(const voxRawVolumeData&) = delete;
   voxRawVolumeData& operator=(const voxRawVolumeData&) = delete;
 
@@ -157,35 +165,33 @@ class voxRawVolumeData {
   /// The volume, which stays owned by this object.
   vox3DMat<T, U>* getMatobject() { return D; }
 
-  /// Reads the volume from `fn`; see `tavrel::readRaw`. Without voxels, or with sizes that are not
-  /// those of `D`, it ends the process with status 0. Returns 1.
+  /// Reads sizeX*sizeY*sizeZ voxels from `fn`; see `tavrel::readRaw`. Without any, or with more
+  /// than `D` has, it ends the process with status 0. Returns 1.
   int read() {
-    if (!filled()) {
+    if (count() == 0) {
       tavrel::fatal("object not initialized or input size incorrect, can't read file \n", std::cout,
                     0);
     }
-    tavrel::readRaw(fn, datatype, voxels());
+    tavrel::readRaw(fn, datatype, D->p, count());
     return 1;
   }
 
-  /// Writes the volume to `path` in format `type`; see `tavrel::writeRaw`. Without voxels,
-  /// or with sizes that are not those of `D`, it ends the process with status 0. Returns 1.
+  /// Writes sizeX*sizeY*sizeZ voxels to `path` in format `type`; see `tavrel::writeRaw`. Without
+  /// any, or with more than `D` has, it ends the process with status 0. Returns 1.
   int write(const char* path, int type) {
-    if (!filled()) {
+    if (count() == 0) {
       tavrel::fatal("object not initialized or input size incorrect, can't save data \n", std::cout,
                     0);
     }
-    tavrel::writeRaw(path, type, std::span<const T>(voxels()));
+    tavrel::writeRaw(path, type, static_cast<const T*>(D->p), count());
     return 1;
   }
 
  private:
-  /// Whether `D` holds the sizeX x sizeY x sizeZ voxels that the sizes announce, and not none.
-  bool filled() const {
-    return D && D->p && D->sizeX == sizeX && D->sizeY == sizeY && D->sizeZ == sizeZ && sizeX > 0 &&
-           sizeY > 0 && sizeZ > 0;
-  }
-  std::span<T> voxels() {
-    return {D->p, static_cast<std::size_t>(D->mxn) * static_cast<std::size_t>(sizeZ)};
+  /// The voxels that the sizes announce, 0 if `D` does not hold as many.
+  std::size_t count() const {
+    if (!D || !D->p || sizeX <= 0 || sizeY <= 0 || sizeZ <= 0) return 0;
+    const std::int64_t held = std::int64_t{D->mxn} * D->sizeZ, plane = std::int64_t{sizeX} * sizeY;
+    return plane <= held && plane * sizeZ <= held ? static_cast<std::size_t>(plane * sizeZ) : 0;
   }
 };

@@ -11,39 +11,9 @@
 #include <limits>
 #include <type_traits>
 
+#include "detail/voxValues.h"
+
 namespace tavrel {
-
-/// The number that an element stands for: itself, or the signed 8-bit value of a `char`.
-template <class T>
-constexpr auto number(T value) {
-  if constexpr (std::is_same_v<T, char>) {
-    return static_cast<signed char>(value);
-  } else {
-    return value;
-  }
-}
-
-/// Whether a value of a level-set function is inside: below 0, or not a number.
-template <class T>
-constexpr bool isInside(T phi) {
-  return !(number(phi) >= 0);
-}
-
-/// `value` truncated toward zero; 0 for what has no 64-bit integer (not a number, beyond 2^63).
-constexpr std::int64_t truncated(double value) {
-  return value > -0x1p63 && value < 0x1p63 ? static_cast<std::int64_t>(value) : 0;
-}
-
-/// Conversion between element types without undefined cases: a real number becomes the low bits of
-/// its truncated value in an integer type.
-template <class To, class From>
-constexpr To converted(From value) {
-  if constexpr (std::is_integral_v<To> && std::is_floating_point_v<From>) {
-    return static_cast<To>(truncated(value));
-  } else {
-    return static_cast<To>(number(value));
-  }
-}
 
 /// -1, 0 or 1 as a < b, a == b or a > b, with not-a-number after every number.
 template <class T>
@@ -68,7 +38,10 @@ struct triple {
 
   triple() = default;
   triple(int i, int d1, int d2, int d3) { setup(i, d1, d2, d3); }
-  ~triple() { delete[] data; }
+  ~triple() {
+    delete[] data;
+    tavrel::clear(data, ind);
+  }
   triple(const triple&) = delete;
   triple& operator=(const triple&) = delete;
 
@@ -146,7 +119,7 @@ inline int compareOrderedPtf(const void* a, const void* b) {
 template <class T>
 void maxabs(T* array, int length, T* max) {
   for (int i = 0; i < length; ++i) {
-    const T value = static_cast<T>(std::abs(tavrel::number(array[i])));
+    const T value = tavrel::magnitude(array[i]);
     if (i == 0 || value > *max) *max = value;
   }
 }

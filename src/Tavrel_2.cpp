@@ -2,17 +2,16 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
-#include <limits>
 #include <memory>
 #include <new>
-#include <span>
 #include <string>
 #include <string_view>
 
+#include "arguments.h"
+#include "exact/memory.h"
 #include "vox3DMat.h"
-#include "voxArguments.h"
-#include "voxMemory.h"
 #include "voxPara.h"
 #include "voxPipeline.h"
 #include "voxRawVolumeData.h"
@@ -30,26 +29,13 @@ int formatCode(std::string_view word) {
   return -1;
 }
 
-/// Whether the padded volume's voxels can be counted in 32 bits; an empty volume's always can. The
-/// padding brings every size to the next multiple of 4.
-bool sizesFit(long long width, long long height, long long slices) {
-  const long long smallest = std::min({width, height, slices});
-  if (smallest <= 0) return smallest == 0;
-  long long voxels = 1;
-  for (const long long size : {width, height, slices}) {
-    voxels *= (size + 3) / 4 * 4;
-    if (voxels > std::numeric_limits<int>::max()) return false;
-  }
-  return true;
-}
-
 /// Whether the machine can hold what every voxel takes at the finest level: prepared image and
-/// level-set function, input, label and band map, index map. The narrow band comes on top. Without
+/// level-set function, input, mask, sides, index map. The narrow band comes on top. Without
 /// this check the system would end the process.
-bool memoryFits(int width, int height, int slices) {
+bool memoryFits(const voxPara& P) {
   constexpr std::uint64_t bytesPerVoxel = 2 * sizeof(double) + 3 * sizeof(char) + sizeof(int);
   const std::uint64_t memory = tavrel::machineMemory();
-  const std::uint64_t voxels = static_cast<std::uint64_t>(1LL * width * height * slices);
+  const std::uint64_t voxels = static_cast<std::uint64_t>(1LL * P.sizeX * P.sizeY * P.sizeZ);
   return memory == 0 || voxels <= memory / bytesPerVoxel;
 }
 
@@ -64,13 +50,22 @@ void echoArguments(int width, int height, int slices, const char* image, int for
 template <typename T, typename U>
 void writeVolume(const vox3DMat<T, U>& volume, const std::string& path, int format) {
   const std::size_t voxels = static_cast<std::size_t>(volume.mxn) * volume.sizeZ;
-  tavrel::writeRaw(path.c_str(), format, std::span<const T>(volume.p, voxels));
+  tavrel::writeRaw(path.c_str(), format, volume.p, voxels);
+}
+
+/// Throws std::bad_alloc if the machine has too little memory, but leaves it to the reader to tell
+/// of a volume without voxels or a file that is not there.
+void requireMemory(const voxPara& P) {
+  if (std::min({P.sizeX, P.sizeY, P.sizeZ}) <= 0) return;
+  if (!std::ifstream(P.ori_fn)) tavrel::unreadable(P.ori_fn);
+  if (!memoryFits(P)) throw std::bad_alloc();
 }
 
 /// Reads, strips and writes a volume whose file holds values of type T, which is also how it is
 /// kept: as doubles it would take several times the memory.
 template <class T>
 void strip(const voxPara& P, const std::string& phiPath) {
+  requireMemory(P);
   voxRawVolumeData<T, char> R(P.ori_fn, P.ori_datatype, P.sizeX, P.sizeY, P.sizeZ);
   R.read();
   vox3DMat<T, char>& D = *R.getMatobject();
@@ -82,12 +77,11 @@ void strip(const voxPara& P, const std::string& phiPath) {
   };
   tavrel::evolve(volumes, P, observer);
   volumes.image.reset();
-  vox3DMat<double, char> noSlices;  // they are refined only after an evolution on a reduced grid
-  tavrel::finish(*volumes.mask, noSlices, P);
+  tavrel::finish(*volumes.mask, P);
 
   writeVolume(*volumes.mask, P.mask_fn, P.mask_datatype);
   const std::size_t voxels = static_cast<std::size_t>(D.mxn) * D.sizeZ;
-  tavrel::multiply(std::span<const T>(D.p, voxels), volumes.mask->p, D.p);
+  tavrel::multiply(D.p, voxels, volumes.mask->p, D.p);
   writeVolume(D, P.SS_fn, P.SS_datatype);
 }
 
@@ -128,7 +122,7 @@ bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, i
   voxPara P;
   tavrel::setupPipeline(P, pImgFilePath.data(), pImgMaskFilePath.data(), pImgSSFilePath.data(),
                         nImgFormat, nImgWidth, nImgHeight, nImgSlices, dW5);
-  tavrel::withFileType(nImgFormat, [&]<class T>(T) { strip<T>(P, pImgPhiFilePath); });
+  tavrel::withFileType(nImgFormat, [&](auto zero) { strip<decltype(zero)>(P, pImgPhiFilePath); });
   return true;
 }
 
@@ -150,13 +144,12 @@ int main(int argc, char** argv) {
     std::cout << "For data format, please enter: byte, word or float." << std::endl;
     return 1;
   }
-  if (!sizesFit(nImgWidth, nImgHeight, nImgSlices)) {
+  if (!tavrel::Pyramid::fits(nImgWidth, nImgHeight, nImgSlices)) {
     std::cout << "Image sizes must not be negative, and the volume must have fewer than 2^31 "
                  "voxels (sizes rounded up to multiples of 4): "
               << argv[2] << " x " << argv[3] << " x " << argv[4] << std::endl;
     return 1;
   }
-  if (!memoryFits(nImgWidth, nImgHeight, nImgSlices)) return reportMemory(argv);
   try {
     if (Tavrel(nImgWidth, nImgHeight, nImgSlices, argv[5], nImgFormat, dW5, argv[7], argv[8],
                argv[9])) {

@@ -2,13 +2,19 @@
 
 #include <iostream>
 
-#include "voxArguments.h"
+#include "arguments.h"
+#include "detail/voxValues.h"
 
 voxBalloonPara::voxBalloonPara(char** argv) {
   tavrel::ArgumentReader read(argv);
   read(fn, datatype, sizeX, sizeY, sizeZ, dnX, dnY, dnZ, seg_dn, gamma, out_fn, out_datatype);
   tavrel::setPadding(*this);
   printPara();
+}
+
+voxBalloonPara::~voxBalloonPara() {
+  tavrel::clear(fn, sizeX, sizeY, sizeZ);
+  tavrel::leave(datatype, -1);
 }
 
 void voxBalloonPara::printPara() const {

@@ -7,7 +7,8 @@
 #include <limits>
 #include <utility>
 
-#include "voxArguments.h"
+#include "arguments.h"
+#include "detail/voxValues.h"
 
 namespace {
 
@@ -24,6 +25,19 @@ int* calextension(int size, int dn) {
   const double pad = d * std::ceil(size / d) - size;
   const double before = std::floor(pad * 0.5);
   return new int[2]{heldInInt(before), heldInInt(pad - before)};
+}
+
+voxPara::~voxPara() {
+  using tavrel::clear;
+  using tavrel::leave;
+  delete[] max_iter;
+  clear(max_iter, mask_fn, ori_fn, SS_fn, template_fn);
+  for (int* type : {&mask_datatype, &ori_datatype, &SS_datatype, &template_datatype}) {
+    leave(*type, -1);
+  }
+  clear(sizeX, sizeY, sizeZ, dnX, dnY, dnZ, seg_dn, Xn, Xp, Yn, Yp, Zn, Zp);
+  clear(gamma, seedxmin, seedxmax, seedymin, seedymax, seedzmin, seedzmax);
+  clear(w1, w2, w3, w4, w5, w6, w7);
 }
 
 int voxPara::levels() const { return std::clamp(seg_dn, -1, 31) + 1; }

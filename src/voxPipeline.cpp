@@ -1,19 +1,20 @@
 #include "voxPipeline.h"
 
-#include <algorithm>
+#include <array>
 #include <cmath>
-#include <limits>
+#include <stdexcept>
+#include <string>
 #include <type_traits>
 #include <vector>
 
+#include "exact/step.h"
 #include "vox2DLevelSet.h"
-#include "vox3DLevelSet.h"
 
+namespace tavrel {
 namespace {
 
 constexpr int bandWidth = 2;
-constexpr double volumeThreshold = 0.0002;  ///< convergence of a 3-D level
-constexpr double sliceThreshold = 0.002;    ///< convergence of a slice
+constexpr double sliceThreshold = 0.002;  ///< convergence of a slice
 
 /// The ratio of computeratio, from the history alone.
 double relativeChange(int i, const double* lt) {
@@ -23,26 +24,76 @@ double relativeChange(int i, const double* lt) {
   return std::abs(std::min(oneStep, twoSteps)) / lt[i - 1];
 }
 
-/// Evolves Phi until its inside count stops changing or `maxIterations` steps have been made.
-/// onStep(iteration, inside, ratio, engine) is called after every step.
-template <typename Engine, typename Function, typename OnStep>
-void evolveFunction(Function& Phi, double inside, Function& image, const voxPara& P,
-                    int maxIterations, double threshold, int threads,
-                    typename Engine::Memory& memory, OnStep&& onStep) {
+/// Makes steps until the inside count stops changing or `limit` of them have been made. `step`
+/// makes one and returns what it did, `onStep(iteration, inside, ratio, result)` is told of it.
+template <typename Step, typename OnStep>
+void stepUntilSteady(double inside, int limit, double threshold, Step&& step, OnStep&& onStep) {
   std::vector<double> lt;
-  memory.signsKnown = false;
-  for (int i = 0; i < maxIterations; ++i) {
-    Engine engine(memory, threads);
-    engine.UpdatePhi(&Phi, bandWidth, &image, P.w1, P.w2, P.w3, P.w4, P.w5, P.w6, P.w7, &Phi);
-    memory.signsKnown = true;  // nothing else writes to Phi until the next step
-    if (engine.n_edge > 0) inside += memory.insideChange;
+  for (int i = 0; i < limit; ++i) {
+    const exact::StepResult result = step();
+    inside += result.insideChange;
     lt.push_back(inside);
     const double ratio = relativeChange(i, lt.data());
-    onStep(i, inside, ratio, engine);
+    onStep(i, inside, ratio, result);
     // Without an interface no later step changes anything.
-    if ((i > 1 && ratio < threshold) || engine.n_edge == 0) return;
+    if ((i > 1 && ratio < threshold) || result.n_edge == 0) return;
   }
 }
+
+int iterationLimit(const voxPara& P, int level) {
+  return P.max_iter && level < P.levels() ? P.max_iter[level] : 0;
+}
+
+// ---- sizes -------------------------------------------------------------------------------------
+
+using Sizes = std::array<std::int64_t, 3>;
+
+template <class Volume>
+Sizes sizesOf(const Volume& volume) {
+  return {volume.sizeX, volume.sizeY, volume.sizeZ};
+}
+
+Sizes inputSizes(const voxPara& P) { return {P.sizeX, P.sizeY, P.sizeZ}; }
+
+std::string text(const Sizes& s) {
+  return std::to_string(s[0]) + " x " + std::to_string(s[1]) + " x " + std::to_string(s[2]);
+}
+
+void requireSizes(const char* what, const Sizes& got, const Sizes& wanted) {
+  if (got == wanted) return;
+  throw std::invalid_argument(std::string(what) + " has " + text(got) + " voxels instead of " +
+                              text(wanted));
+}
+
+/// Halves a size `times` times.
+std::int64_t halved(std::int64_t size, int times) {
+  const std::int64_t part = std::int64_t{1} << std::clamp(times, 0, 32);
+  if (size % part == 0) return size / part;
+  throw std::invalid_argument("a size of " + std::to_string(size) + " voxels cannot be halved " +
+                              std::to_string(times) + " times");
+}
+
+Sizes halved(const Sizes& size, const std::array<int, 3>& times) {
+  return {halved(size[0], times[0]), halved(size[1], times[1]), halved(size[2], times[2])};
+}
+
+/// The input's sizes with the padding.
+Sizes paddedSizes(const voxPara& P) {
+  const Sizes size{std::int64_t{P.sizeX} + P.Xn + P.Xp, std::int64_t{P.sizeY} + P.Yn + P.Yp,
+                   std::int64_t{P.sizeZ} + P.Zn + P.Zp};
+  if (std::min({P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp}) < 0)
+    throw std::invalid_argument("a padding is negative");
+  long double voxels = 1;
+  for (const std::int64_t s : size) voxels *= static_cast<long double>(s);
+  if (voxels > Pyramid::mostVoxels)
+    throw std::length_error("a padded volume of " + text(size) + " voxels is too large");
+  return size;
+}
+
+/// The sizes of the finest level, at which the evolution ends.
+Sizes preparedSizes(const voxPara& P) { return halved(paddedSizes(P), {P.dnX, P.dnY, P.dnZ}); }
+
+// ---- preparation -------------------------------------------------------------------------------
 
 template <class T>
 bool allFinite(const vox3DMat<T, char>& volume) {
@@ -65,8 +116,9 @@ std::unique_ptr<vox3DMat<T, char>> finiteCopy(const vox3DMat<T, char>& volume) {
 template <class T>
 std::unique_ptr<vox3DMat<double, char>> filteredAndPadded(const vox3DMat<T, char>& source,
                                                           const voxPara& P) {
+  const Sizes size = paddedSizes(P);
   auto result = std::make_unique<vox3DMat<double, char>>(
-      source.sizeX + P.Xn + P.Xp, source.sizeY + P.Yn + P.Yp, source.sizeZ + P.Zn + P.Zp);
+      static_cast<int>(size[0]), static_cast<int>(size[1]), static_cast<int>(size[2]));
   double* row = result->p;
   for (int k = -P.Zn; k < source.sizeZ + P.Zp; ++k) {
     for (int j = -P.Yn; j < source.sizeY + P.Yp; ++j, row += result->sizeX) {
@@ -78,56 +130,53 @@ std::unique_ptr<vox3DMat<double, char>> filteredAndPadded(const vox3DMat<T, char
   return result;
 }
 
-/// Refines every plane of the mask on the input's own intensities.
-void refineSlices(vox3DMat<char, double>& mask, vox3DMat<double, char>& input, const voxPara& P) {
-  using Engine = vox2DLevelSet<double, char>;
-  Engine::Memory memory;
-  for (int j = 0; j < mask.sizeZ; ++j) {
-    std::unique_ptr<vox2DMat<char, double>> VeC2(mask.getslice(j));
-    const std::unique_ptr<vox2DMat<double, char>> VeI2(input.getslice(j));
-    const std::unique_ptr<vox2DMat<double, char>> Phi2(VeC2->VeC2Phi());
-    evolveFunction<Engine>(*Phi2, VeC2->Sum(), *VeI2, P, P.max_iter[0], sliceThreshold, 1, memory,
-                           [](auto&&...) {});
-    VeC2.reset(Phi2->Phi2VeC());
-    mask.setslice(VeC2.get(), j);
-  }
+// ---- last stage --------------------------------------------------------------------------------
+
+/// Brings an evolved mask to the input's grid, if it is not there yet.
+void restoreGrid(vox3DMat<char, double>& mask, const voxPara& P) {
+  if (sizesOf(mask) == inputSizes(P)) return;
+  requireSizes("the mask", sizesOf(mask), preparedSizes(P));
+  mask.selfupsampleby2(P.dnX, P.dnY, P.dnZ, "simple");
+  mask.selfdeextension(P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp);
 }
 
-template <typename Mask>
-double countAndCompare(int i, double* lt, Mask* mask) {
-  lt[i] = mask->Sum();
-  return relativeChange(i, lt);
+/// Evolves the mask of one slice.
+std::unique_ptr<vox2DMat<char, double>> refined(const vox2DMat<char, double>& mask,
+                                                vox2DMat<double, char>& image, const voxPara& P) {
+  const std::unique_ptr<vox2DMat<double, char>> Phi(mask.VeC2Phi());
+  double inside = mask.Sum();
+  const auto step = [&]() -> exact::StepResult {
+    vox2DLevelSet<double, char> ls;
+    ls.UpdatePhi(Phi.get(), bandWidth, &image, P.w1, P.w2, P.w3, P.w4, P.w5, P.w6, P.w7, Phi.get());
+    const std::unique_ptr<vox2DMat<char, double>> after(Phi->Phi2VeC());
+    const double before = std::exchange(inside, after->Sum());
+    return {ls.n_edge, ls.n_nbt, static_cast<int>(inside - before)};
+  };
+  stepUntilSteady(inside, iterationLimit(P, 0), sliceThreshold, step, [](auto&&...) {});
+  return std::unique_ptr<vox2DMat<char, double>>(Phi->Phi2VeC());
 }
 
 }  // namespace
-
-double computeratio(int i, double* lt, vox3DMat<char, double>* newVeC) {
-  return countAndCompare(i, lt, newVeC);
-}
-
-double computeratio(int i, double* lt, vox2DMat<char, double>* newVeC) {
-  return countAndCompare(i, lt, newVeC);
-}
-
-namespace tavrel {
 
 void setupPipeline(voxPara& P, char* inputPath, char* maskPath, char* strippedPath, int format,
                    int sizeX, int sizeY, int sizeZ, double W5) {
   constexpr int byteFormat = 0;
   constexpr int noHalving = 0;
-  constexpr int segDn = 2;
   constexpr double gamma = 1.0;
   constexpr double seedMin = 0.3, seedMax = 0.7;
   constexpr double w1 = 0.0, w2 = 0.0, w3 = 0.01, w4 = 1.0, w6 = 0.0, w7 = 0.0;
   constexpr int maxIter = 1000;
   P.setupBalloonParameters(inputPath, maskPath, strippedPath, format, byteFormat, format, sizeX,
-                           sizeY, sizeZ, noHalving, noHalving, noHalving, segDn, gamma, seedMin,
-                           seedMax, seedMin, seedMax, seedMin, seedMax, w1, w2, w3, w4, W5, w6, w7,
-                           maxIter, maxIter, maxIter);
+                           sizeY, sizeZ, noHalving, noHalving, noHalving, Pyramid::halvings, gamma,
+                           seedMin, seedMax, seedMin, seedMax, seedMin, seedMax, w1, w2, w3, w4, W5,
+                           w6, w7, maxIter, maxIter, maxIter);
 }
 
 template <class T>
 PreparedVolumes prepare(const vox3DMat<T, char>& input, const voxPara& P, std::ostream* report) {
+  requireSizes("the input", sizesOf(input), inputSizes(P));
+  const int halvings = P.levels() - 1;
+  halved(preparedSizes(P), {halvings, halvings, halvings});
   PreparedVolumes volumes;
   std::unique_ptr<vox3DMat<T, char>> finite;
   if (!allFinite(input)) finite = finiteCopy(input);
@@ -143,7 +192,7 @@ PreparedVolumes prepare(const vox3DMat<T, char>& input, const voxPara& P, std::o
   const auto& size = *volumes.image;
   volumes.mask = std::make_unique<vox3DMat<char, double>>(size.sizeX, size.sizeY, size.sizeZ);
   volumes.mask->setseed(P.seedxmin, P.seedxmax, P.seedymin, P.seedymax, P.seedzmin, P.seedzmax);
-  volumes.mask->selfdownsampleby2(P.seg_dn, P.seg_dn, P.seg_dn, "simple");
+  volumes.mask->selfdownsampleby2(halvings, halvings, halvings, "simple");
   return volumes;
 }
 
@@ -155,36 +204,64 @@ template PreparedVolumes prepare(const vox3DMat<unsigned char, char>&, const vox
 
 void evolve(PreparedVolumes& volumes, const voxPara& P, const EvolutionObserver& observer,
             int threads) {
-  using Engine = vox3DLevelSet<double, char>;
-  Engine::Memory memory;
+  if (!volumes.image || !volumes.mask) throw std::invalid_argument("nothing to evolve");
   const int levels = P.levels();
+  const Sizes finest = sizesOf(*volumes.image);
+  requireSizes("the mask", sizesOf(*volumes.mask),
+               halved(finest, {levels - 1, levels - 1, levels - 1}));
+  exact::Workspace memory;
   for (int level = 0; level < levels; ++level) {
     const int halvings = levels - 1 - level;
     std::unique_ptr<vox3DMat<double, char>> reduced;
     if (halvings > 0)
       reduced.reset(volumes.image->downsampleby2(halvings, halvings, halvings, "min"));
-    vox3DMat<double, char>& image = reduced ? *reduced : *volumes.image;
+    const vox3DMat<double, char>& image = reduced ? *reduced : *volumes.image;
     if (level > 0) volumes.mask->selfupsampleby2(1, 1, 1, "simple");
     const std::unique_ptr<vox3DMat<double, char>> Phi(volumes.mask->VeC2Phi());
     const double seeded = volumes.mask->Sum();
     volumes.mask.reset();
-    evolveFunction<Engine>(
-        *Phi, seeded, image, P, P.max_iter[level], volumeThreshold, threads, memory,
-        [&](int i, double inside, double ratio, const Engine& engine) {
-          if (observer.onStep) {
-            observer.onStep({level, levels, i, inside, ratio, engine.n_edge, engine.n_nbt});
-          }
-        });
+    {
+      exact::Level steps(Phi->p, image.p, {image.sizeX, image.sizeY, image.sizeZ}, memory, threads,
+                         bandWidth);
+      stepUntilSteady(
+          seeded, iterationLimit(P, level), Pyramid::threshold,
+          [&] {
+            return steps.step({P.w1, P.w3, P.w4, P.w5, P.w7});
+          },
+          [&](int i, double inside, double ratio, const exact::StepResult& result) {
+            if (observer.onStep)
+              observer.onStep({level, levels, i, inside, ratio, result.n_edge, result.n_nbt});
+          });
+    }
     volumes.mask.reset(Phi->Phi2VeC());
     if (observer.onLevel) observer.onLevel(level, *Phi);
   }
 }
 
-void finish(vox3DMat<char, double>& mask, vox3DMat<double, char>& input, const voxPara& P) {
-  mask.selfupsampleby2(P.dnX, P.dnY, P.dnZ, "simple");
-  mask.selfdeextension(P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp);
-  if (P.dnX > 0 || P.dnY > 0 || P.dnZ > 0) refineSlices(mask, input, P);
+void refineSlices(vox3DMat<char, double>& mask, const vox3DMat<double, char>& input,
+                  const voxPara& P) {
+  requireSizes("the input", sizesOf(input), inputSizes(P));
+  restoreGrid(mask, P);
+  for (int j = 0; j < mask.sizeZ; ++j) {
+    const std::unique_ptr<vox2DMat<char, double>> VeC2(mask.getslice(j));
+    const std::unique_ptr<vox2DMat<double, char>> VeI2(input.getslice(j));
+    mask.setslice(refined(*VeC2, *VeI2, P).get(), j);
+  }
+}
+
+void finish(vox3DMat<char, double>& mask, const voxPara& P) {
+  restoreGrid(mask, P);
   mask.imdilate3D("box", 1);
 }
 
 }  // namespace tavrel
+
+double computeratio(int i, double* lt, vox3DMat<char, double>* newVeC) {
+  lt[i] = newVeC->Sum();
+  return tavrel::relativeChange(i, lt);
+}
+
+double computeratio(int i, double* lt, vox2DMat<char, double>* newVeC) {
+  lt[i] = newVeC->Sum();
+  return tavrel::relativeChange(i, lt);
+}

@@ -44,7 +44,7 @@ std::vector<char> insideOf(const Image& phi) {
   const auto values = voxels(phi);
   std::vector<char> mask(values.size());
   std::transform(values.begin(), values.end(), mask.begin(),
-                 [](double v) { return char(!(v >= 0)); });
+                 [](double v) { return char(isInside(v)); });
   return mask;
 }
 
@@ -104,8 +104,7 @@ class Evolution {
     } catch (const GivenUp&) {
       return std::nullopt;
     }
-    Image noImage;  // the slices are refined only where the evolution ran on a coarser grid
-    finish(*volumes_.mask, noImage, P_);
+    finish(*volumes_.mask, P_);
     result.mask.assign(volumes_.mask->p, volumes_.mask->p + voxelCount(grid_.size));
     return result;
   }

@@ -76,7 +76,7 @@ void evolveAll(const std::string& path, const fs::path& folder, double first, do
            voxelCount({half->sizeX, half->sizeY, half->sizeZ}));
     };
     tavrel::evolve(volumes, P, observer, 1);
-    tavrel::finish(*volumes.mask, image, P);
+    tavrel::finish(*volumes.mask, P);
     save(folder / maskName(w5), volumes.mask->p, voxelCount(size));
     std::cerr << path << " W5 " << w5 << std::endl;
   }

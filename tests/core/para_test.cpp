@@ -10,14 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "ended.h"
-#include "voxArguments.h"
+#include "arguments.h"
+#include "process.h"
 #include "voxBalloonPara.h"
 #include "voxPara.h"
 #include "voxUtility.h"
 
 namespace {
 
+using tavrel::test::Finished;
 using tavrel::test::runApart;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
@@ -31,11 +32,11 @@ void fill(voxPara& P, int size, int seg_dn) {
 
 std::vector<int> limits(const voxPara& P) { return {P.max_iter, P.max_iter + P.levels()}; }
 
-/// Arguments "argv[0] in mask ss ..." ended by a null pointer.
+/// Arguments "argv[0] in mask ss ..." ended by a null pointer; an empty word is one, too.
 class Arguments {
  public:
   explicit Arguments(std::vector<std::string> words) : words_(std::move(words)) {
-    for (std::string& word : words_) argv_.push_back(word.data());
+    for (std::string& word : words_) argv_.push_back(word.empty() ? nullptr : word.data());
     argv_.push_back(nullptr);
   }
   char** argv() { return argv_.data(); }
@@ -104,72 +105,59 @@ TEST(Para, EmptyRecordPrintsSo) {
             "displaying parameters:\nobject is empty\n");
 }
 
-using Filler = void (voxPara::*)(char**);
-
-/// What a filler prints for the arguments "in mask ss [template] 1 2 3 4 ..." with seg_dn = 1.
-std::string printed(Filler filler, int paths, int segPosition, int last) {
-  std::vector<std::string> words{"in", "mask", "ss"};
-  if (paths == 4) words.push_back("template");
-  for (int n = paths + 1; n <= last; ++n) {
-    words.push_back(n == segPosition ? "1" : std::to_string(n));
-  }
-  Arguments arguments(words);
-  return runApart([&] {
-           voxPara P;
-           P.sizeZ = -3;
-           P.Zn = -5;
-           P.seedxmin = -4;
-           (P.*filler)(arguments.argv());
-         })
-      .out;
-}
-
-std::string head(const std::string& templ) {
-  return "displaying parameters:\noriginal data file name:in\nmask file name:mask\n"
-         "SS file name:ss\n" +
-         templ;
-}
-
 TEST(Para, ReadsArgumentVectors) {
-  EXPECT_EQ(printed(&voxPara::setupBalloon, 3, 13, 40),
-            "Balloon setup called\n" + head("") +
-                "ori format:4\nmask format:5\nSS format:6\ntemplate format:-1\n"
-                "sizX:7 sizY:8 sizZ:9\n"
-                "downsample X:10downsample Y:11downsample Z:12seg dn:1\n"
-                "extension X:1020 1021extension Y:2044 2044extension Z:4091 4092\n"
-                "seed: 15 16 17 18 19 20 \nweighting: 21 22 23 24 25 26 27\nmax_iter: 28 29 \n");
-  EXPECT_EQ(printed(&voxPara::setup2Volume, 4, 15, 40),
-            "2Volume setup called\n" + head("template file name:template\n") +
-                "ori format:5\nmask format:6\nSS format:7\ntemplate format:8\n"
-                "sizX:9 sizY:10 sizZ:11\n"
-                "downsample X:12downsample Y:13downsample Z:14seg dn:1\n"
-                "extension X:4091 4092extension Y:8187 8187extension Z:16378 16379\n"
-                "seed: 17 18 19 20 21 22 \nweighting: 23 24 25 26 27 28 29\nmax_iter: 30 31 \n");
-  EXPECT_EQ(printed(&voxPara::setup2DBalloon, 3, 11, 40),
-            "2DBalloon setup called\n" + head("") +
-                "ori format:4\nmask format:5\nSS format:6\ntemplate format:-1\n"
-                "sizX:7 sizY:8 sizZ:-3\n"
-                "downsample X:9downsample Y:10downsample Z:0seg dn:1\n"
-                "extension X:508 509extension Y:1020 1020extension Z:-5 0\n"
-                "seed: 13 14 15 16 0 0 \nweighting: 17 18 19 20 21 22 23\nmax_iter: 24 25 \n");
-  EXPECT_EQ(printed(&voxPara::setup2D2Volume, 4, 13, 40),
-            "2D2Volume setup called\n" + head("template file name:template\n") +
-                "ori format:5\nmask format:6\nSS format:7\ntemplate format:8\n"
-                "sizX:9 sizY:10 sizZ:-3\n"
-                "downsample X:11downsample Y:12downsample Z:0seg dn:1\n"
-                "extension X:2043 2044extension Y:4091 4091extension Z:-5 0\n"
-                "seed: -4 0 0 0 0 0 \nweighting: 15 16 17 18 19 20 21\nmax_iter: 22 23 \n");
+  const struct {
+    void (voxPara::*fill)(char**);
+    int paths, segPosition;
+    const char* printed;
+  } cases[] = {
+      {&voxPara::setupBalloon, 3, 13,
+       "Balloon setup called\n|4 5 6 -1|sizX:7 sizY:8 sizZ:9\ndownsample X:10downsample "
+       "Y:11downsample Z:12seg dn:1\nextension X:1020 1021extension Y:2044 2044extension Z:4091 "
+       "4092\nseed: 15 16 17 18 19 20 \nweighting: 21 22 23 24 25 26 27\nmax_iter: 28 29 \n"},
+      {&voxPara::setup2Volume, 4, 15,
+       "2Volume setup called\n|5 6 7 8|sizX:9 sizY:10 sizZ:11\ndownsample X:12downsample "
+       "Y:13downsample Z:14seg dn:1\nextension X:4091 4092extension Y:8187 8187extension Z:16378 "
+       "16379\nseed: 17 18 19 20 21 22 \nweighting: 23 24 25 26 27 28 29\nmax_iter: 30 31 \n"},
+      {&voxPara::setup2DBalloon, 3, 11,
+       "2DBalloon setup called\n|4 5 6 -1|sizX:7 sizY:8 sizZ:-3\ndownsample X:9downsample "
+       "Y:10downsample Z:0seg dn:1\nextension X:508 509extension Y:1020 1020extension Z:-5 "
+       "0\nseed: 13 14 15 16 0 0 \nweighting: 17 18 19 20 21 22 23\nmax_iter: 24 25 \n"},
+      {&voxPara::setup2D2Volume, 4, 13,
+       "2D2Volume setup called\n|5 6 7 8|sizX:9 sizY:10 sizZ:-3\ndownsample X:11downsample "
+       "Y:12downsample Z:0seg dn:1\nextension X:2043 2044extension Y:4091 4091extension Z:-5 "
+       "0\nseed: -4 0 0 0 0 0 \nweighting: 15 16 17 18 19 20 21\nmax_iter: 22 23 \n"}};
+  for (const auto& c : cases) {
+    std::vector<std::string> words{"in", "", "ss"};  // an absent path does not end the vector
+    if (c.paths == 4) words.push_back("template");
+    for (int n = c.paths + 1; n <= 40; ++n)
+      words.push_back(n == c.segPosition ? "1" : std::to_string(n));
+    Arguments arguments(words);
+    const std::string printed = runApart([&] {
+                                  voxPara P;
+                                  P.sizeZ = -3;
+                                  P.Zn = -5;
+                                  P.seedxmin = -4;
+                                  (P.*c.fill)(arguments.argv());
+                                }).out;
+    // The first line, the format codes, and all from the sizes on.
+    std::string shown = printed.substr(0, printed.find("displaying")) + '|';
+    for (const char* name : {"ori", "mask", "SS", "template"}) {
+      const auto at = printed.find(name + std::string(" format:")) + std::string(name).size() + 8;
+      shown += printed.substr(at, printed.find('\n', at) - at) + (*name == 't' ? '|' : ' ');
+    }
+    EXPECT_EQ(shown + printed.substr(printed.find("sizX")), c.printed);
+    EXPECT_NE(printed.find("mask file name:\nSS file name:ss\n"), std::string::npos);
+    EXPECT_EQ(printed.find("template file name:template\n") != std::string::npos, c.paths == 4);
+  }
+  Arguments none({});
+  EXPECT_EQ(runApart([&] { voxPara().setupBalloon(none.argv()); }).status, Finished::returned);
 }
 
-TEST(Para, ShortArgumentVectorsCountAsZero) {
-  Arguments arguments({"in", "mask"});
-  for (const Filler filler : {&voxPara::setupBalloon, &voxPara::setup2Volume,
-                              &voxPara::setup2DBalloon, &voxPara::setup2D2Volume}) {
-    const auto ended = runApart([&] { (voxPara().*filler)(arguments.argv()); });
-    EXPECT_EQ(ended.status, tavrel::test::Ended::returned);
-    EXPECT_NE(ended.out.find("SS file name:\n"), std::string::npos);
-    EXPECT_NE(ended.out.find("max_iter: 0 \n"), std::string::npos);
-  }
+TEST(Records, MayEndTwice) {
+  tavrel::test::endTwice<triple>(1, 2, 3, 4);
+  tavrel::test::endTwice<voxPara>();
+  tavrel::test::endTwice<voxBalloonPara>();
 }
 
 TEST(BalloonPara, ReadsArgumentVector) {
@@ -262,6 +250,9 @@ TEST(Reductions, MaximumAndFirstMinimum) {
   EXPECT_EQ(index, 1);
   maxabs(v, 0, &max);
   EXPECT_EQ(max, 4.5);
+  unsigned u[] = {3, 4000000000u}, most = 0;
+  maxabs(u, 2, &most);
+  EXPECT_EQ(most, 4000000000u);
 }
 
 TEST(Reductions, ExactMultiples) {

@@ -1,4 +1,4 @@
-// The three stages of the pipeline on small volumes, against plain loops over the plain engine.
+// The three stages of the pipeline on small volumes, against plain loops over the plain classes.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,17 +7,12 @@
 #include <stdexcept>
 #include <vector>
 
-#include "engine_support.h"
-#include "plain_engine.h"
+#include "level_set_support.h"
 #include "voxPipeline.h"
 
 namespace {
 
 using namespace tavrel::test;
-using tavrel::plain::Grid;
-using tavrel::plain::LevelSet;
-using tavrel::plain::Point;
-using tavrel::plain::Weights;
 using Volume = vox3DMat<double, char>;
 using Mask = vox3DMat<char, double>;
 
@@ -63,26 +58,17 @@ Grid<signed char> toGrid(const Mask& m) {
 
 // ---- plain loops ------------------------------------------------------------------------------
 
-template <class T, class F>
-Grid<T> filled(Point size, F value) {
-  Grid<T> g(size);
-  g.scan([&](Point q) { g.p[g.index(q)] = value(q); });
-  return g;
-}
-
 Grid<double> halved(const Grid<double>& g, int times) {
   if (times == 0) return g;
   const Point size{g.size[0] / 2, g.size[1] / 2, g.size[2] / 2};
   return halved(
-      filled<double>(size,
-                     [&](Point q) {
-                       double least = std::numeric_limits<double>::infinity();
-                       for (int c = 0; c < 8; ++c) {
-                         const Point from{2 * q[0] + c % 2, 2 * q[1] + c / 2 % 2, 2 * q[2] + c / 4};
-                         least = std::min(least, g.p[g.index(from)]);
-                       }
-                       return least;
-                     }),
+      filled(size,
+             [&](int x, int y, int z) {
+               double least = std::numeric_limits<double>::infinity();
+               for (int c = 0; c < 8; ++c)
+                 least = std::min(least, g[{2 * x + c % 2, 2 * y + c / 2 % 2, 2 * z + c / 4}]);
+               return least;
+             }),
       times - 1);
 }
 
@@ -94,26 +80,27 @@ struct Evolved {
 
 /// Evolves a mask until the relative change of its count is below the threshold.
 template <int D>
-Evolved evolvePlainly(const Grid<signed char>& mask, const Grid<double>& image, const Weights& w,
+Evolved evolvePlainly(const Grid<signed char>& mask, const Grid<double>& image, double w5,
                       double threshold, int limit) {
   Evolved e{Grid<double>(mask.size), mask, {}};
   for (std::size_t n = 0; n < mask.p.size(); ++n) e.Phi.p[n] = 0.5 - mask.p[n];
+  const auto Phi = toMatrix<D>(e.Phi), voldata = toMatrix<D>(image);
   std::vector<double> count;
   for (int i = 0; i < limit; ++i) {
-    LevelSet<D> ls;
-    ls.UpdatePhi(e.Phi, 2, image, w, Grid<double>(e.Phi));
-    double inside = 0;
-    for (double v : e.Phi.p) inside += v < 0;
-    count.push_back(inside);
+    typename Twin<D>::template LevelSet<double> ls;
+    ls.UpdatePhi(Phi.get(), 2, voldata.get(), 0, 0, 0.01, 1, w5, 0, 0, Phi.get());
+    count.push_back(static_cast<double>(
+        std::count_if(Phi->p, Phi->p + mask.p.size(), [](double v) { return v < 0; })));
     double ratio = std::numeric_limits<double>::infinity();
     if (i > 1) {
       double change = count[i - 1] - count[i - 2];
       if (i > 2) change = std::min(change, count[i - 1] - count[i - 3]);
       ratio = std::fabs(change) / count[i - 1];
     }
-    e.steps.push_back({0, 0, i, inside, ratio, ls.n_edge, ls.n_nbt});
+    e.steps.push_back({0, 0, i, count.back(), ratio, ls.n_edge, ls.n_nbt});
     if (i > 1 && ratio < threshold) break;
   }
+  std::copy_n(Phi->p, e.Phi.p.size(), e.Phi.p.begin());
   for (std::size_t n = 0; n < mask.p.size(); ++n) e.mask.p[n] = e.Phi.p[n] < 0;
   return e;
 }
@@ -201,11 +188,10 @@ TEST(Prepare, FiltersPadsAndNormalises) {
   // 0.3 to 0.7 of 16 is 5 to 10, of 20 is 6 to 13; the coarse voxel q stands for 4 q.
   const Grid<signed char> seed = toGrid(*volumes.mask);
   ASSERT_EQ(seed.size, (Point{4, 5, 5}));
-  expectSame("seed", volumes.mask->p, filled<signed char>(seed.size, [](Point q) {
-                                        return static_cast<signed char>(q[0] == 2 &&
-                                                                        (q[1] == 2 || q[1] == 3) &&
-                                                                        (q[2] == 2 || q[2] == 3));
-                                      }).p);
+  expectSame("seed", volumes.mask->p,
+             filled<signed char>(seed.size, [](int x, int y, int z) {
+               return static_cast<signed char>(x == 2 && y / 2 == 1 && z / 2 == 1);
+             }).p);
 }
 
 TEST(Prepare, HalvesBeforeTheEvolution) {
@@ -264,12 +250,13 @@ TEST(Evolve, EqualsPlainLoopsWithAnyNumberOfThreads) {
     for (int level = 0; level < 3; ++level) {
       if (level > 0) {
         const Grid<signed char> c = mask;
-        mask = filled<signed char>({c.size[0] * 2, c.size[1] * 2, c.size[2] * 2}, [&](Point q) {
-          return c.p[c.index({q[0] / 2, q[1] / 2, q[2] / 2})];
-        });
+        mask = filled<signed char>({c.size[0] * 2, c.size[1] * 2, c.size[2] * 2},
+                                   [&](int x, int y, int z) {
+                                     return c[{x / 2, y / 2, z / 2}];
+                                   });
       }
-      want.push_back(evolvePlainly<3>(mask, halved(toGrid(*start.image), 2 - level),
-                                      {0, 0.01, 1, s.w5, 0}, 0.0002, limits[level]));
+      want.push_back(evolvePlainly<3>(mask, halved(toGrid(*start.image), 2 - level), s.w5, 0.0002,
+                                      limits[level]));
       for (auto& step : want.back().steps) step.level = level, step.levels = 3;
       mask = want.back().mask;
     }
@@ -325,6 +312,38 @@ TEST(Evolve, IsAbandonedWhenTheObserverThrows) {
   EXPECT_THROW(tavrel::evolve(volumes, P, observer, 2), std::runtime_error);
 }
 
+TEST(Evolve, ReportsWhatDoesNotFitAndDoesNotEndTheProcess) {
+  const auto input = head({8, 12, 8}, 4);
+  voxPara empty, P;
+  EXPECT_THROW(tavrel::prepare(*input, empty), std::invalid_argument);
+  tavrel::PreparedVolumes none;
+  EXPECT_THROW(tavrel::evolve(none, empty), std::invalid_argument);
+  none.image = std::make_unique<Volume>(8, 8, 8);
+  none.mask = std::make_unique<Mask>(8, 8, 8);
+  *none.image = 0.0;
+  *none.mask = 1;
+  tavrel::evolve(none, empty);  // one level of no steps: there are no limits
+  EXPECT_EQ(none.mask->Sum(), 512);
+  setup(P, {8, 12, 8});
+  EXPECT_THROW(tavrel::evolve(none, P), std::invalid_argument) << "the seed is not the coarsest";
+  EXPECT_THROW(tavrel::finish(*none.mask, P), std::invalid_argument);
+  EXPECT_THROW(tavrel::refineSlices(*none.mask, *none.image, P), std::invalid_argument);
+  P.Xp = 3;
+  EXPECT_THROW(tavrel::prepare(*input, P), std::invalid_argument) << "11 cannot be halved";
+  P.Xp = std::numeric_limits<int>::max() - 1;
+  EXPECT_THROW(tavrel::prepare(*input, P), std::length_error);
+}
+
+TEST(Pyramid, KnowsWhichVolumesFit) {
+  using tavrel::Pyramid;
+  EXPECT_EQ(Pyramid::padded(181), 184);
+  EXPECT_TRUE(Pyramid::fits(0, 1 << 30, 1 << 30));
+  EXPECT_TRUE(Pyramid::fits(1288, 1290 - 2, 1290 - 2));
+  EXPECT_FALSE(Pyramid::fits(1290, 1290, 1290)) << "1292 padded";
+  EXPECT_FALSE(Pyramid::fits(std::numeric_limits<int>::max(), 1, 1));
+  EXPECT_FALSE(Pyramid::fits(-4, -4, 4));
+}
+
 // ---- last stage -------------------------------------------------------------------------------
 
 TEST(Finish, RefinesSlicesOnlyAfterHalvingAndDilatesOnce) {
@@ -355,17 +374,18 @@ TEST(Finish, RefinesSlicesOnlyAfterHalvingAndDilatesOnce) {
       Grid<double> image2(mask2.size);
       std::copy_n(&refined.p[at], slice, mask2.p.begin());
       std::copy_n(&in.p[at], slice, image2.p.begin());
-      mask2 = evolvePlainly<2>(mask2, image2, {0, 0.01, 1, s.w5, 0}, 0.002, s.limit0).mask;
+      mask2 = evolvePlainly<2>(mask2, image2, s.w5, 0.002, s.limit0).mask;
       std::copy_n(mask2.p.begin(), slice, &refined.p[at]);
     }
     refined.scan([&](Point q) {
       if (refined.p[refined.index(q)])
-        tavrel::plain::forBox<3>(q, 1, size, [&](Point b) { want.p[want.index(b)] = 1; });
+        tavrel::plain::forBox(q, 1, size, [&](Point b) { want.p[want.index(b)] = 1; });
     });
 
     Mask mask(start.size[0], start.size[1], start.size[2]);
     std::copy(start.p.begin(), start.p.end(), mask.p);
-    tavrel::finish(mask, *input, P);
+    if (dnZ > 0) tavrel::refineSlices(mask, *input, P);
+    tavrel::finish(mask, P);
     ASSERT_EQ(toGrid(mask).size, size);
     expectSame("mask", mask.p, want.p);
     expectSame("input", input->p, in.p);

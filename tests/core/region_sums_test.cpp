@@ -1,5 +1,7 @@
 // The exact region sums against plain loops over the box, with every instruction set of this
 // processor: sums that cross binades, round half-way, or leave the range of the tables.
+#include "exact/region_sums.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,13 +9,13 @@
 #include <limits>
 #include <vector>
 
-#include "engine_support.h"
-#include "voxRegionSums.h"
+#include "level_set_support.h"
 
 namespace {
 
 using namespace tavrel::test;
-using tavrel::InstructionSet;
+using tavrel::exact::InstructionSet;
+using tavrel::exact::RegionSums;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
@@ -47,20 +49,6 @@ const Case cases[] = {
     {"not a number", [](Random& r) { return r.below(2000) ? 0.5 : std::nan(""); }},
 };
 
-/// Sums and counts of the box around `centre`, in z, y, x order.
-tavrel::RegionSums plainly(const Grid<double>& image, const std::vector<char>& label, int centre) {
-  const Point s = image.size;
-  tavrel::RegionSums sums;
-  tavrel::plain::forBox<3>({centre % s[0], centre / s[0] % s[1], centre / (s[0] * s[1])}, 10, s,
-                           [&](Point q) {
-                             const int g = image.index(q);
-                             const bool positive = static_cast<signed char>(label[g]) > 0;
-                             (positive ? sums.positive : sums.negative) += image.p[g];
-                             (positive ? sums.nPositive : sums.nNegative) += 1;
-                           });
-  return sums;
-}
-
 /// Sides in blobs, as an evolution has them, or voxel by voxel.
 std::vector<char> randomLabels(const Grid<double>& shape, bool blobs, Random& r) {
   std::vector<char> label;
@@ -74,7 +62,7 @@ std::vector<char> randomLabels(const Grid<double>& shape, bool blobs, Random& r)
 TEST(RegionSums, EqualPlainLoopsInEveryBit) {
   const Point sizes[] = {{1, 1, 1},    {1, 40, 9},  {50, 24, 23},
                          {23, 49, 21}, {97, 12, 5}, {130, 110, 1}};
-  tavrel::RegionSummer summer;  // its work space is shared by all calls
+  tavrel::exact::RegionSummer summer;  // its work space is shared by all calls
   unsigned seed = 0;
   for (Point size : sizes) {
     for (const Case& c : cases) {
@@ -90,12 +78,14 @@ TEST(RegionSums, EqualPlainLoopsInEveryBit) {
           centres.push_back(static_cast<int>(g));
       std::stable_partition(centres.begin(), centres.end(), [&](int g) { return label[g] == 1; });
 
-      std::vector<tavrel::RegionSums> want;
-      for (int g : centres) want.push_back(plainly(image, label, g));
+      std::vector<RegionSums> want;
+      for (int g : centres)
+        want.push_back(tavrel::exact::plainRegionSums(image.p.data(), label.data(),
+                                                      {size[0], size[1], size[2]}, g));
       for (InstructionSet set :
            {InstructionSet::portable, InstructionSet::avx2, InstructionSet::avx512}) {
-        if (set > tavrel::widestInstructionSet()) continue;
-        std::vector<tavrel::RegionSums> got(centres.size());
+        if (set > tavrel::exact::widestInstructionSet()) continue;
+        std::vector<RegionSums> got(centres.size());
         summer.sum(image.p.data(), label.data(), {size[0], size[1], size[2]}, centres, got,
                    1 + static_cast<int>(seed) % 3, set);
         for (std::size_t i = 0; i < got.size(); ++i) {

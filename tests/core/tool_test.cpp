@@ -13,7 +13,7 @@
 bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, int nImgFormat,
             double dW5, char* sImgMaskFilePath, char* sImgSSFilePath, char* sImgPhiFilePath);
 
-namespace tavrel {
+namespace tavrel::test {
 namespace {
 
 const std::array<std::string, 3> kFormats{"byte", "word", "float"};
@@ -24,13 +24,6 @@ template <class Stored, class Value>
 std::string rawBytes(const std::vector<Value>& values) {
   const std::vector<Stored> stored(values.begin(), values.end());
   return {reinterpret_cast<const char*>(stored.data()), stored.size() * sizeof(Stored)};
-}
-
-template <class Stored>
-std::vector<Stored> rawValues(const std::string& bytes) {
-  std::vector<Stored> values(bytes.size() / sizeof(Stored));
-  std::memcpy(values.data(), bytes.data(), values.size() * sizeof(Stored));
-  return values;
 }
 
 struct Outputs {
@@ -56,7 +49,7 @@ class ToolTest : public FolderTest {
             path("phi")};
   }
 
-  Finished tavrel(const std::vector<std::string>& args) const { return run(TAVREL_COMMAND, args); }
+  static Finished tavrel(const std::vector<std::string>& args) { return run(TAVREL_COMMAND, args); }
 
   /// A run that has to succeed.
   Outputs strip(const std::vector<std::string>& args) const {
@@ -160,32 +153,24 @@ TEST_F(ToolTest, ExtraArgumentsAndTextAfterNumbersAreIgnored) {
   EXPECT_EQ(files(), (std::set<std::string>{"image", "mask", "phi", "stripped"}));
 }
 
-TEST_F(ToolTest, ZeroSizeEndsBeforeTheFileIsOpened) {
+TEST_F(ToolTest, ReaderTellsOfZeroSizesAndMissingFiles) {
   for (const Sizes& sizes : {Sizes{0, 10, 10}, {10, 0, 10}, {10, 10, 0}}) {
     const auto args = arguments("1", sizes);
-    const Finished finished = tavrel(args);
-    EXPECT_EQ(finished.out,
-              echo(args, "1", "0") +
-                  "object not initialized or input size incorrect, can't read file \n");
-    EXPECT_EQ(finished.err, "");
-    EXPECT_EQ(finished.status, 0);
+    const std::string line = "object not initialized or input size incorrect, can't read file \n";
+    EXPECT_EQ(tavrel(args), (Finished{0, echo(args, "1", "0") + line, ""}));
+  }
+  // Also where the machine could not hold the volume.
+  for (const Sizes& sizes : {Sizes{8, 8, 8}, {1280, 1280, 1280}}) {
+    const auto args = arguments("1", sizes);
+    EXPECT_EQ(tavrel(args),
+              (Finished{0, echo(args, "1", "0"),
+                        "  Error opening file " + path("image") + " for reading in data \n"}));
   }
   EXPECT_TRUE(files().empty());
 }
 
 TEST_F(ToolTest, ImpossibleSizesAreRefusedBeforeAnything) {
-  constexpr int kMost = std::numeric_limits<int>::max();
-  for (const Sizes& sizes : {Sizes{-1, 8, 8},
-                             {8, -1, 8},
-                             {8, 8, -8},
-                             {-4, -4, 4},
-                             {-1, 0, 8},
-                             {2000, 2000, 2000},
-                             {1290, 1290, 1290} /* 1292 padded */,
-                             {kMost, 1, 1},
-                             {kMost, kMost, kMost},
-                             {1, 1 << 16, 1 << 16},
-                             {std::numeric_limits<int>::min(), 1, 1}}) {
+  for (const Sizes& sizes : {Sizes{-1, 8, 8}, {8, 8, -8}, {-1, 0, 8}, {1290, 1290, 1290}}) {
     const Finished finished = tavrel(arguments("1", sizes));
     EXPECT_EQ(std::count(finished.out.begin(), finished.out.end(), '\n'), 1) << finished.out;
     EXPECT_EQ(finished.err, "");
@@ -210,15 +195,6 @@ TEST_F(ToolTest, LackOfMemoryIsReported) {
   EXPECT_EQ(files(), std::set<std::string>{"image"});
 }
 
-TEST_F(ToolTest, MissingInputEndsWithTheReadersMessage) {
-  const auto args = arguments("1", {8, 8, 8});
-  const Finished finished = tavrel(args);
-  EXPECT_EQ(finished.out, echo(args, "1", "0"));
-  EXPECT_EQ(finished.err, "  Error opening file " + path("image") + " for reading in data \n");
-  EXPECT_EQ(finished.status, 0);
-  EXPECT_TRUE(files().empty());
-}
-
 TEST_F(ToolTest, UnwritableOutputEndsTheRunAndKeepsEarlierFiles) {
   const Sizes sizes{9, 10, 11};
   writePhantom(sizes);
@@ -234,67 +210,22 @@ TEST_F(ToolTest, UnwritableOutputEndsTheRunAndKeepsEarlierFiles) {
     EXPECT_EQ(files(), left);
     left.insert(name);
   }
-}
-
-TEST_F(ToolTest, FullDiskIsReported) {
-  writePhantom({9, 10, 11});
-  auto args = arguments("1", {9, 10, 11});
+  auto args = arguments("1", sizes);
   args[7] = "/dev/full";
   const Finished finished = tavrel(args);
   EXPECT_EQ(finished.err, "  Error writing file /dev/full \n");
   EXPECT_EQ(finished.status, 1);
 }
 
-TEST_F(ToolTest, MissingVoxelsAreZeroAndSurplusBytesIgnored) {
-  const Sizes sizes{15, 14, 13};
-  for (const std::string& format : kFormats) {
-    writePhantom(sizes, format);
-    const std::string image = readFile(path("image"));
-    const auto args = arguments("1", sizes, format);
-    const Outputs whole = strip(args);
-    writeFile(path("image"), image + "surplus");
-    EXPECT_EQ(strip(args), whole);
-    for (const std::size_t kept : {image.size() * 2 / 3 / 4 * 4, std::size_t{0}}) {
-      writeFile(path("image"), image.substr(0, kept));
-      const Outputs cut = strip(args);
-      writeFile(path("image"), image.substr(0, kept) + std::string(image.size() - kept, '\0'));
-      EXPECT_EQ(strip(args), cut);
-    }
-  }
-}
-
-TEST_F(ToolTest, OutputsReplaceFilesAndHaveTheirSizes) {
-  const Sizes sizes{13, 18, 21};
-  const std::size_t voxels = 13 * 18 * 21;
-  writePhantom(sizes, "word");
-  for (const char* name : {"mask", "stripped", "phi"})
-    writeFile(path(name), std::string(200000, 'x'));
-  const Outputs outputs = strip(arguments("1", sizes, "word"));
-  ASSERT_EQ(outputs.mask.size(), voxels);
-  EXPECT_EQ(outputs.mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
-  EXPECT_EQ(outputs.stripped.size(), voxels * 2);
-  EXPECT_EQ(outputs.phi.size(), 16u * 20 * 24 * sizeof(float));
-}
-
-TEST_F(ToolTest, PathsOfAnyLengthWork) {
-  const Sizes sizes{8, 8, 8};
-  std::string folder = path(std::string(250, 'a'));
-  for (int depth = 0; depth < 5; ++depth) folder += '/' + std::string(250, 'b');
-  std::filesystem::create_directories(folder);
-  writePhantom(sizes);
-  auto args = arguments("1", sizes);
-  const Outputs near = strip(args);
-  std::filesystem::rename(path("image"), folder + "/image");
-  for (const auto& [position, name] :
-       {std::pair{4, "/image"}, {6, "/mask"}, {7, "/stripped"}, {8, "/phi"}})
-    args[position] = folder + name;
-  EXPECT_EQ(strip(args), near);
-}
-
 TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
   const Sizes sizes{22, 24, 23};
   std::vector<double> values = writePhantom(sizes);
+  for (const char* name : {"mask", "stripped", "phi"})  // to be replaced
+    writeFile(path(name), std::string(200000, 'x'));
   const Outputs bytes = strip(arguments("0.8", sizes));
+  ASSERT_EQ(bytes.mask.size(), values.size());
+  EXPECT_EQ(bytes.mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
+  EXPECT_EQ(bytes.phi.size(), 24u * 24 * 24 * sizeof(float));
   const auto inside = std::count(bytes.mask.begin(), bytes.mask.end(), '\1');
   EXPECT_GT(inside, 1000);
   EXPECT_LT(inside, std::ssize(values) / 2);
@@ -320,46 +251,6 @@ TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
   EXPECT_TRUE(std::signbit(wantFloats[0]) && wantFloats[0] == 0);
   EXPECT_EQ(floats.stripped, rawBytes<float>(wantFloats));
   EXPECT_EQ(words.stripped, rawBytes<std::int16_t>(wantWords));
-}
-
-TEST_F(ToolTest, FormatsOfTheSameVoxelsGiveTheSameMask) {
-  const Sizes sizes{22, 24, 23};
-  std::vector<Outputs> outputs;
-  for (const std::string& format : kFormats) {
-    writePhantom(sizes, format);
-    outputs.push_back(strip(arguments("0.9", sizes, format)));
-  }
-  for (int code : {1, 2}) {
-    EXPECT_EQ(outputs[code].mask, outputs[0].mask);
-    EXPECT_EQ(outputs[code].phi, outputs[0].phi);
-  }
-}
-
-TEST_F(ToolTest, VoxelsThatAreNotFiniteCountAsZero) {
-  const Sizes sizes{20, 22, 21};
-  std::vector<double> values = writePhantom(sizes, "float");
-  std::vector<double> zeroed = values;
-  const double odd[] = {std::numeric_limits<double>::quiet_NaN(),
-                        std::numeric_limits<double>::infinity(),
-                        -std::numeric_limits<double>::infinity()};
-  for (std::size_t n = 5, k = 0; n < values.size(); n += 97, ++k) {
-    values[n] = odd[k % 3];
-    zeroed[n] = 0;
-  }
-  writeImage(zeroed, "float");
-  const Outputs want = strip(arguments("1", sizes, "float"));
-  writeImage(values, "float");
-  const Outputs got = strip(arguments("1", sizes, "float"));
-  EXPECT_EQ(got.mask, want.mask);
-  EXPECT_EQ(got.phi, want.phi);
-}
-
-TEST_F(ToolTest, VolumesWithoutContrastStayFinite) {
-  for (const double level : {0.0, 7.0, -3e38}) {
-    writeImage(std::vector<double>(16 * 16 * 16, level), "float");
-    const Outputs outputs = strip(arguments("1", {16, 16, 16}, "float"));
-    for (const float phi : rawValues<float>(outputs.phi)) ASSERT_TRUE(std::isfinite(phi));
-  }
 }
 
 TEST_F(ToolTest, FindsTheBrainOfAPhantom) {
@@ -409,4 +300,4 @@ TEST_F(ToolTest, SurvivesRandomArgumentsAndFiles) {
 }
 
 }  // namespace
-}  // namespace tavrel
+}  // namespace tavrel::test

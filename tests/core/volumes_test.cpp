@@ -11,13 +11,12 @@
 #include <sstream>
 #include <vector>
 
-#include "ended.h"
 #include "process.h"
 #include "voxRawVolumeData.h"
 
 namespace {
 
-using tavrel::test::Ended;
+using tavrel::test::Finished;
 using tavrel::test::runApart;
 
 using Image = vox3DMat<double, char>;
@@ -117,6 +116,20 @@ TEST(Matrix, BasicsCountCharAsSigned) {
   s += -3;
   EXPECT_EQ(s.Sum(), -4.0);
   EXPECT_EQ(valuesOf(s.duplicate()), std::vector<char>(2, -2));
+  s = 7;
+  EXPECT_EQ(s.Sum(), 14.0);
+  MaskSlice set;
+  EXPECT_FALSE(set.isnotempty());
+  set.setup(3, 2);
+  const std::unique_ptr<int[]> sizes(set.getsize());
+  EXPECT_EQ((std::array{sizes[0], sizes[1], set.mxn}), (std::array{3, 2, 6}));
+  EXPECT_EQ(set.dataaddress(), set.p);
+}
+
+TEST(Matrix, MayEndTwice) {
+  tavrel::test::endTwice<Image>(2, 3, 4);
+  tavrel::test::endTwice<Slice>(2, 3);
+  tavrel::test::endTwice<voxRawVolumeData<double, char>>(nullptr, 0, 2, 3, 4);
 }
 
 /// The conversions that both dimensions share.
@@ -279,8 +292,8 @@ TEST(Resampling, SingleAxesAndOddSizes) {
 
 TEST(Resampling, ChecksOnlyWhatItDoes) {
   const auto m = randomVolume<Image>(5, 4, 4);
-  expectEqual(*owned(m->downsampleby2(-1, 0, 0, "none")), *m);
-  m->selfupsampleby2(0, -2, 0, "none");
+  expectEqual(*owned(m->downsampleby2(-1, 0, 0, nullptr)), *m);
+  m->selfupsampleby2(0, -2, 0, nullptr);
   Mask empty(0, 0, 0);
   empty.selfdownsampleby2(2000000000, 1, 1, "min");
   empty.selfupsampleby2(2000000000, 0, 0, "simple");
@@ -358,7 +371,7 @@ TEST(Dilation, AnyNumberOfPasses) {
   Mask m(2, 3, 7);
   m = -1;
   m.p[0] = 2;
-  m.imdilate3D("none", 0);
+  m.imdilate3D(nullptr, 0);
   EXPECT_EQ(m.p[0], 2);
   m.imdilate3D("box", std::numeric_limits<int>::max());
   EXPECT_EQ(m.Sum(), 42.0);
@@ -370,7 +383,7 @@ TEST(Dilation, AnyNumberOfPasses) {
 
 // ---- raw files ---------------------------------------------------------------------------------
 
-class RawFile : public tavrel::FolderTest {
+class RawFile : public tavrel::test::FolderTest {
  protected:
   /// The bytes that a row of voxels is written as.
   template <class T, class U = std::conditional_t<std::is_same_v<T, char>, double, char>>
@@ -381,12 +394,12 @@ class RawFile : public tavrel::FolderTest {
     raw.setdata(m.get());
     raw.setdata(raw.getMatobject());
     EXPECT_EQ(raw.write(path("out").c_str(), type), 1);
-    return tavrel::readFile(path("out"));
+    return tavrel::test::readFile(path("out"));
   }
 
   /// The voxels that `bytes` are read as.
   std::vector<double> read(const std::string& bytes, int type, int voxels) {
-    tavrel::writeFile(path("in"), bytes);
+    tavrel::test::writeFile(path("in"), bytes);
     std::string name = path("in");
     voxRawVolumeData<double, char> raw(name.data(), type, voxels, 1, 1);
     *raw.getMatobject() = -9;
@@ -452,7 +465,7 @@ TEST_F(RawFile, LargeVolumesComeBack) {
 
 // ---- messages ----------------------------------------------------------------------------------
 
-Ended error(const std::string& text, int status = 1) { return {status, "", text}; }
+Finished error(const std::string& text, int status = 1) { return {status, "", text}; }
 
 TEST(Fatal, MatrixMessages) {
   Image image(4, 4, 4);
@@ -491,7 +504,7 @@ TEST(Fatal, SizesThatDoNotFit) {
   constexpr int kMost = std::numeric_limits<int>::max();
   Mask mask(4, 4, 4), flat(0, 1 << 30, 1);
   const auto end = [](auto action) {
-    const Ended ended = runApart(action);
+    const Finished ended = runApart(action);
     EXPECT_EQ(ended.out, "");
     EXPECT_NE(ended.err.find("exit\n"), std::string::npos) << ended;
     return ended.status;
@@ -510,9 +523,9 @@ TEST(Fatal, SizesThatDoNotFit) {
 TEST_F(RawFile, Messages) {
   using Raw = voxRawVolumeData<double, char>;
   const auto noRead =
-      Ended{0, "object not initialized or input size incorrect, can't read file \n", ""};
+      Finished{0, "object not initialized or input size incorrect, can't read file \n", ""};
   const auto noSave =
-      Ended{0, "object not initialized or input size incorrect, can't save data \n", ""};
+      Finished{0, "object not initialized or input size incorrect, can't save data \n", ""};
   std::string out = path("none/out");
   EXPECT_EQ(runApart([&] { Raw(out.data(), 0, 0, 10, 10).read(); }), noRead);
   EXPECT_EQ(runApart([] { Raw().read(); }), noRead);
@@ -523,6 +536,13 @@ TEST_F(RawFile, Messages) {
               changed.read();
             }),
             noRead);
+  Raw fewer(out.data(), 0, 2, 2, 2);  // the first voxels of the volume
+  fewer.sizeZ = 1;
+  *fewer.D = 6;
+  std::string part = path("part");
+  EXPECT_EQ(fewer.write(part.c_str(), 0), 1);
+  EXPECT_EQ(tavrel::test::readFile(part), std::string(4, '\6'));
+  std::filesystem::remove(part);
 
   const auto opening = [](const std::string& name) {
     return "  Error opening file " + name + " for reading in data \n";
@@ -537,7 +557,7 @@ TEST_F(RawFile, Messages) {
   EXPECT_TRUE(files().empty());
 
   if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
-  EXPECT_EQ(runApart([&] { tavrel::writeRaw("/dev/full", 0, std::span<const char>("voxels")); }),
+  EXPECT_EQ(runApart([&] { tavrel::writeRaw("/dev/full", 0, "voxels", 6); }),
             error("  Error writing file /dev/full \n"));
 }
 

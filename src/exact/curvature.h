@@ -2,32 +2,34 @@
 //
 // F = w1 - w3 * curvature - w4 * |I - mean inside| + w5 * |I - mean outside|; a positive speed
 // grows the inside. The curvature is the divergence of the unit normal of the signed distance (2/R
-// for a sphere, 1/R for a circle), by central differences: S. Osher, R. Fedkiw, "Level Set Methods
+// for a sphere), by central differences: S. Osher, R. Fedkiw, "Level Set Methods
 // and Dynamic Implicit Surfaces", Springer 2003, ch. 1. Region means in a box around each interface
 // voxel: S. Lankton, A. Tannenbaum, IEEE Trans. Image Process. 17 (2008) 2029-2039; T. Chan,
 // L. Vese, IEEE Trans. Image Process. 10 (2001) 266-277. Distances are in voxels.
 #pragma once
 
+#include "detail/voxExactMath.h"
+
+// Exact from here on.
 #include <array>
 #include <cmath>
-#include <iostream>
+#include <cstddef>
 
-#include "voxBand.h"
-#include "voxInterface.h"
-#include "voxRegionSums.h"
+#include "band.h"
+#include "region_sums.h"
 
-namespace tavrel {
+namespace tavrel::exact {
 
-/// Signed distance around an edge voxel, read through the index map at clamped coordinates.
-template <int D>
+/// Signed distance around an edge voxel, read through the index map at clamped coordinates. All
+/// voxels of the 3 x 3 x 3 block around it have to be in the band.
 class Neighbourhood {
  public:
-  Neighbourhood(const Band<D>& band, const int* indices, Grid grid, int i)
+  Neighbourhood(const Band& band, const int* indices, Grid grid, int i)
       : sdf_(band.sdf), link_(band.links(i)), at_(indices), own_(band.sdf[i]) {
     const std::array<int, 3> size{grid.X, grid.Y, grid.Z};
     const std::array<int, 3> stride{1, grid.X, grid.plane()};
     const int* c = band.coordinates(i);
-    for (int j = 0; j < D; ++j) {
+    for (int j = 0; j < 3; ++j) {
       at_ += static_cast<std::ptrdiff_t>(c[j]) * stride[j];
       up_[j] = c[j] + 1 < size[j] ? stride[j] : 0;
       down_[j] = c[j] > 0 ? -stride[j] : 0;
@@ -42,8 +44,6 @@ class Neighbourhood {
             value(down_[j] + up_[k])) *
            0.25;
   }
-  /// Band index of the neighbour one voxel down along both axes.
-  int indexDown(int j, int k) const { return at_[down_[j] + down_[k]]; }
 
  private:
   double plus(int j) const { return sdf_[link_[2 * j]]; }
@@ -54,7 +54,7 @@ class Neighbourhood {
   const int* link_;
   const int* at_;
   double own_;
-  std::array<int, D> up_, down_;
+  std::array<int, 3> up_, down_;
 };
 
 /// |grad|^3 from its square; where the gradient vanishes a value that makes the curvature ~0.
@@ -63,13 +63,7 @@ inline double cubedNorm(double squared) {
   return cubed == 0 ? 1e10 : cubed;
 }
 
-inline double curvature(const Neighbourhood<2>& f) {
-  const double gx = f.d(0), gy = f.d(1);
-  const double numerator = f.dd(1) * (gx * gx) + f.dd(0) * (gy * gy) - 2 * gx * gy * f.mixed(0, 1);
-  return numerator / cubedNorm(gx * gx + gy * gy);
-}
-
-inline double curvature(const Neighbourhood<3>& f) {
+inline double curvature(const Neighbourhood& f) {
   const double gx = f.d(0), gy = f.d(1), gz = f.d(2);
   const double gxx = f.dd(0), gyy = f.dd(1), gzz = f.dd(2);
   const double numerator = (gyy + gzz) * (gx * gx) + (gzz + gxx) * (gy * gy) +
@@ -78,19 +72,11 @@ inline double curvature(const Neighbourhood<3>& f) {
   return numerator / cubedNorm(gx * gx + gy * gy + gz * gz);
 }
 
-/// F = w1 - curvature * w3 at edge voxels [first, last). `indices` is the grid's band index map.
-template <int D>
-void curvatureSpeed(const Band<D>& band, const int* indices, Grid grid, double w1, double w3,
-                    int first, int last) {
+/// F = w1 - curvature * w3 at edge voxels [first, last). `indices` is the grid's index map.
+inline void curvatureSpeed(const Band& band, const int* indices, Grid grid, double w1, double w3,
+                           int first, int last) {
   for (int i = first; i < last; ++i) {
-    const Neighbourhood<D> f(band, indices, grid, i);
-    if constexpr (D == 3) {
-      // A diagonal neighbour outside the band: only possible with a band of width 0.
-      const int index = f.indexDown(0, 2);
-      if (index > band.n_nbt) [[unlikely]]
-        std::cout << "ind10:" << index << std::endl;
-    }
-    band.F[i] = w1 - curvature(f) * w3;
+    band.F[i] = w1 - curvature(Neighbourhood(band, indices, grid, i)) * w3;
   }
 }
 
@@ -100,4 +86,4 @@ inline double withRegionTerm(double F, double I, const RegionSums& sums, double 
          std::abs(I - sums.positive / sums.nPositive) * w5;
 }
 
-}  // namespace tavrel
+}  // namespace tavrel::exact

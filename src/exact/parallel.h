@@ -2,6 +2,9 @@
 // so the result is the same for every thread count.
 #pragma once
 
+#include "detail/voxCxx20.h"
+
+// Nothing below compiles without it.
 #include <algorithm>
 #include <atomic>
 #include <exception>

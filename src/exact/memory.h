@@ -8,6 +8,9 @@
 // to the host, and getting them again takes longer than clearing the small ones.
 #pragma once
 
+#include "detail/voxCxx20.h"
+
+// Nothing below compiles without it.
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -50,5 +53,24 @@ std::unique_ptr<T[]> newArray(std::size_t count) {
   preferHugePages(array.get(), count * sizeof(T));
   return array;
 }
+
+/// Uninitialised storage that only grows, so that the steps of an evolution reuse it.
+template <typename T>
+class Buffer {
+ public:
+  /// At least `count` elements; their contents are lost if the storage has to grow.
+  T* need(std::size_t count) {
+    if (count > capacity_ || !data_) {
+      data_.reset();
+      capacity_ = count + count / 4 + 1;  // pages never touched cost nothing
+      data_ = newArray<T>(capacity_);
+    }
+    return data_.get();
+  }
+
+ private:
+  std::unique_ptr<T[]> data_;
+  std::size_t capacity_ = 0;
+};
 
 }  // namespace tavrel

@@ -23,11 +23,12 @@ inline int toInteger(const char* text) {
 /// A decimal floating-point number. Null gives 0.
 inline double toReal(const char* text) { return text ? std::strtod(text, nullptr) : 0.0; }
 
-/// Takes the arguments of a vector one after another, from argv[1] on. Beyond the null pointer that
-/// ends a vector there are no arguments: paths are null and numbers 0.
+/// Takes the arguments of a vector one after another, from argv[1] on. Null pointers count as
+/// absent: paths are null and numbers 0. A vector that begins with one is empty, any other has to
+/// reach to the last argument that is read.
 class ArgumentReader {
  public:
-  explicit ArgumentReader(char** argv) : next_(argv + 1) {}
+  explicit ArgumentReader(char** argv) : next_(argv[1] ? argv + 1 : nullptr) {}
 
   void read(char*& path) { path = take(); }
   void read(int& value) { value = toInteger(take()); }
@@ -40,9 +41,9 @@ class ArgumentReader {
   }
 
  private:
-  char* take() { return *next_ ? *next_++ : nullptr; }
+  char* take() { return next_ ? *next_++ : nullptr; }
 
-  char** next_;
+  char** next_;  ///< null: there are none
 };
 
 /// Stores in `before` and `after` the padding of an axis that is halved dn + seg_dn times.

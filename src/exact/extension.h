@@ -7,44 +7,27 @@
 // methods", J. Comput. Phys. 148 (1999) 2-22.
 #pragma once
 
+#include "detail/voxExactMath.h"
+
+// Exact from here on.
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <vector>
 
-#include "voxInterface.h"
+#include "band.h"
+#include "crossings.h"
+#include "parallel.h"
 
-namespace tavrel {
-
-/// Where the two dimensions differ in the extension over test voxels.
-template <int D>
-struct ExtensionRules;
-
-template <>
-struct ExtensionRules<3> {
-  /// Only a strictly nearer neighbour is upwind.
-  static constexpr bool upwindIsNearer = true;
-  static bool upwind(double own, double neighbour) { return own > neighbour; }
-  /// On equal distances along an axis the - neighbour is taken.
-  static bool takePlus(double plus, double minus) { return plus < minus; }
-};
-
-template <>
-struct ExtensionRules<2> {
-  /// A neighbour at the same distance is upwind, too.
-  static constexpr bool upwindIsNearer = false;
-  static bool upwind(double own, double neighbour) { return own >= neighbour; }
-  /// On equal distances along an axis the + neighbour is taken.
-  static bool takePlus(double plus, double minus) { return !(minus < plus); }
-};
+namespace tavrel::exact {
 
 /// Speed at the interface point of edge voxels [first, last): along each crossing axis the speed is
 /// interpolated between the voxel and the neighbour across, and the crossings are weighted by the
 /// inverse squares of their distances. A voxel on the interface (Phi exactly 0) with several
 /// crossing axes takes the plain mean.
-template <int D>
-void extendToInterface(const Band<D>& band, int first, int last) {
+inline void extendToInterface(const Band& band, int first, int last) {
   for (int i = first; i < last; ++i) {
-    const Crossings<D> c = findCrossings(band, i);
+    const Crossings c = findCrossings(band, i);
     const double own = band.F[i];
     const auto across = [&](int m) {
       return band.F[std::min(band.links(i)[c.farSlot[m]], band.n_edge)];
@@ -58,14 +41,14 @@ void extendToInterface(const Band<D>& band, int first, int last) {
       band.Fext[i] = u * own + (1 - u) * across(0);
       continue;
     }
-    std::array<double, D> speed;
+    std::array<double, 3> speed;
     for (int m = 0; m < c.count; ++m) speed[m] = c.a[m] * own + (1 - c.a[m]) * across(m);
     if (c.count == 2) {
       const double r = std::sqrt(c.a[0] * c.a[0] + c.a[1] * c.a[1]);
       band.Fext[i] = band.Phi[i] == 0
                          ? (speed[0] + speed[1]) / 2
                          : (speed[1] * (c.a[0] * c.a[0]) + c.a[1] * c.a[1] * speed[0]) / (r * r);
-    } else if constexpr (D == 3) {
+    } else {
       const double v0 = c.a[2] * c.a[1];
       const double v1 = c.a[2] * c.a[0];
       const double v2 = c.a[0] * c.a[1];
@@ -84,10 +67,9 @@ void extendToInterface(const Band<D>& band, int first, int last) {
 /// compute each voxel after the neighbours it depends on. That happens in passes up and down the
 /// list, each over the voxels that the passes before had to leave; the directions alternate, so
 /// that a chain of voxels that depend on each other takes one pass for each of its turns.
-template <int D>
 class TestVoxelExtension {
  public:
-  TestVoxelExtension(const Band<D>& band, int first, int last)
+  TestVoxelExtension(const Band& band, int first, int last)
       : band_(band), first_(first), done_(last - first, 0) {
     std::vector<int> waiting, still;
     for (int i = first; i < last; ++i) {
@@ -124,86 +106,63 @@ class TestVoxelExtension {
     return i < j;
   }
 
-  /// Whether the neighbour's final value is needed for j and not there yet.
-  bool waitsFor(int neighbour, int j) const {
-    return isTest(neighbour) && !isDone(neighbour) && before(neighbour, j);
-  }
-
-  /// The neighbour's value as voxel j sees it: 0 where the visit comes later.
-  double valueFor(int neighbour, int j) const {
-    return !isTest(neighbour) || before(neighbour, j) ? band_.Fext[neighbour] : 0.0;
-  }
-
   /// Computes voxel j and returns true, or false if it waits for a neighbour.
   bool compute(int j) {
     const double u = band_.usdf[j];
     const int* link = band_.links(j);
-    std::array<Axis, D + 1> upwind;  // one place more, so that every axis can be written
+    std::array<Axis, 4> upwind;  // one place more, so that every axis can be written
     int count = 0;
-    for (int axis = 0; axis < D; ++axis) {
+    for (int axis = 0; axis < 3; ++axis) {
       const double plus = band_.usdf[link[2 * axis]];
       const double minus = band_.usdf[link[2 * axis + 1]];
-      const int slot = 2 * axis + !ExtensionRules<D>::takePlus(plus, minus);
+      const int slot = 2 * axis + !(plus < minus);
       upwind[count] = {plus < minus ? plus : minus, link[slot]};
-      count += ExtensionRules<D>::upwind(u, upwind[count].distance);
+      count += u > upwind[count].distance;
     }
     if (count == 0) return computeWithoutUpwind(j);
     for (int m = 0; m < count; ++m) {
       const int neighbour = upwind[m].neighbour;
-      if (ExtensionRules<D>::upwindIsNearer ? isTest(neighbour) && !isDone(neighbour)
-                                            : waitsFor(neighbour, j)) {
-        return false;
-      }
+      if (isTest(neighbour) && !isDone(neighbour)) return false;
     }
     done_[j - first_] = 1;
-    band_.Fext[j] = average(upwind, count, u, j);
+    band_.Fext[j] = average(upwind, count, u);
     return true;
   }
 
   /// No axis is upwind: the value of the nearer x neighbour, whatever it is at the visit.
   bool computeWithoutUpwind(int j) {
     const int* link = band_.links(j);
-    const bool takePlus = ExtensionRules<D>::takePlus(band_.usdf[link[0]], band_.usdf[link[1]]);
-    const int neighbour = link[takePlus ? 0 : 1];
-    if (waitsFor(neighbour, j)) return false;
+    const int neighbour = link[band_.usdf[link[0]] < band_.usdf[link[1]] ? 0 : 1];
+    const bool visitedLater = isTest(neighbour) && !before(neighbour, j);
+    if (isTest(neighbour) && !visitedLater && !isDone(neighbour)) return false;
     done_[j - first_] = 1;
-    band_.Fext[j] = valueFor(neighbour, j);
+    band_.Fext[j] = visitedLater ? 0.0 : band_.Fext[neighbour];
     return true;
   }
 
   /// Mean of the upwind neighbours' values, weighted by how much nearer to the interface each is.
-  double average(const std::array<Axis, D + 1>& upwind, int count, double u, int j) const {
-    std::array<double, D> f;
-    for (int m = 0; m < count; ++m) {
-      const int neighbour = upwind[m].neighbour;
-      f[m] = ExtensionRules<D>::upwindIsNearer ? band_.Fext[neighbour] : valueFor(neighbour, j);
-    }
-    if (count == 1) return f[0];
-    const double s0 = upwind[0].distance;
-    const double s1 = upwind[1].distance;
+  double average(const std::array<Axis, 4>& upwind, int count, double u) const {
+    const auto f = [&](int m) { return band_.Fext[upwind[m].neighbour]; };
+    const auto s = [&](int m) { return upwind[m].distance; };
+    if (count == 1) return f(0);
     if (count == 2) {
-      if (D == 2 && s0 == u && s1 == u) return (f[0] + f[1]) / 2;
-      return ((s0 - u) * f[0] + (s1 - u) * f[1]) / (s0 + s1 + -2 * u);
+      return ((s(0) - u) * f(0) + (s(1) - u) * f(1)) / (s(0) + s(1) + -2 * u);
     }
-    if constexpr (D == 3) {
-      const double s2 = upwind[2].distance;
-      return ((s0 - u) * f[0] + (s1 - u) * f[1] + (s2 - u) * f[2]) / (s2 + s0 + s1 + -3 * u);
-    }
-    return 0;
+    return ((s(0) - u) * f(0) + (s(1) - u) * f(1) + (s(2) - u) * f(2)) /
+           (s(2) + s(0) + s(1) + -3 * u);
   }
 
-  const Band<D>& band_;
+  const Band& band_;
   int first_;
   std::vector<unsigned char> done_;
 };
 
 /// Extension velocities of all test voxels; the two sides are independent of each other.
-template <int D>
-void extendOverBand(const Band<D>& band, int threads) {
+inline void extendOverBand(const Band& band, int threads) {
   parallelFor(threads, 2, [&](int side) {
     const int middle = band.n_edge + band.n_ptest;
-    TestVoxelExtension<D>(band, side == 0 ? band.n_edge : middle, side == 0 ? middle : band.n_nbt);
+    TestVoxelExtension(band, side == 0 ? band.n_edge : middle, side == 0 ? middle : band.n_nbt);
   });
 }
 
-}  // namespace tavrel
+}  // namespace tavrel::exact

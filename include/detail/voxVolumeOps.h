@@ -6,19 +6,17 @@
 #pragma once
 
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iostream>
 #include <limits>
-#include <span>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "../voxUtility.h"
 #include "voxFatal.h"
-#include "voxUtility.h"
 
 namespace tavrel {
 
@@ -40,17 +38,22 @@ inline std::size_t voxelCount(std::int64_t X, std::int64_t Y, std::int64_t Z = 1
   return static_cast<std::size_t>(count);
 }
 
+/// Whether a selector is this name; null is none.
+inline bool isNamed(const char* selector, const char* name) {
+  return selector && std::strcmp(selector, name) == 0;
+}
+
 /// Adds `m` to every voxel.
 template <class T>
-void add(std::span<T> voxels, T m) {
-  for (T& v : voxels) v = static_cast<T>(v + m);
+void add(T* voxels, std::size_t count, T m) {
+  for (std::size_t n = 0; n < count; ++n) voxels[n] = static_cast<T>(voxels[n] + m);
 }
 
 /// product[n] = voxels[n] * factors[n], computed in doubles. `product` may be the voxels' own
 /// array.
 template <class T, class U>
-void multiply(std::span<const T> voxels, const U* factors, T* product) {
-  std::transform(voxels.begin(), voxels.end(), factors, product, [](T v, U factor) {
+void multiply(const T* voxels, std::size_t count, const U* factors, T* product) {
+  std::transform(voxels, voxels + count, factors, product, [](T v, U factor) {
     return converted<T>(static_cast<double>(number(factor)) * number(v));
   });
 }
@@ -58,32 +61,32 @@ void multiply(std::span<const T> voxels, const U* factors, T* product) {
 /// The sum of the voxels as doubles in storage order. Sums of 8-bit values are exact in any order,
 /// so those are taken as integers.
 template <class T>
-double sum(std::span<const T> voxels) {
+double sum(const T* voxels, std::size_t count) {
   std::conditional_t<sizeof(T) == 1, std::int64_t, double> total = 0;
-  for (const T v : voxels) total += number(v);
+  for (std::size_t n = 0; n < count; ++n) total += number(voxels[n]);
   return static_cast<double>(total);
 }
 
 /// Level-set function of a mask: 0.5 - v, so -0.5 inside and 0.5 outside.
 template <class T, class U>
-void maskToPhi(std::span<const T> mask, U* phi) {
-  std::transform(mask.begin(), mask.end(), phi,
+void maskToPhi(const T* mask, std::size_t count, U* phi) {
+  std::transform(mask, mask + count, phi,
                  [](T v) { return converted<U>(0.5 - static_cast<double>(number(v))); });
 }
 
-/// Mask of a level-set function: 0 where the value is 0 or more, 1 elsewhere (not-a-number too).
+/// Mask of a level-set function.
 template <class T, class U>
-void phiToMask(std::span<const T> phi, U* mask) {
-  std::transform(phi.begin(), phi.end(), mask, [](T v) { return static_cast<U>(isInside(v)); });
+void phiToMask(const T* phi, std::size_t count, U* mask) {
+  std::transform(phi, phi + count, mask, [](T v) { return static_cast<U>(isInside(v)); });
 }
 
 /// 1 where min <= voxel <= max, 0 elsewhere; min > max ends the process with status 1.
 template <class T>
-void threshold(std::span<const T> voxels, T min, T max, char* result) {
+void threshold(const T* voxels, std::size_t count, T min, T max, char* result) {
   const auto low = number(min);
   const auto high = number(max);
   if (low > high) fatal("threshold values set incorrect, exit", std::cerr, 1);
-  std::transform(voxels.begin(), voxels.end(), result, [low, high](T v) {
+  std::transform(voxels, voxels + count, result, [low, high](T v) {
     return static_cast<char>(number(v) >= low && number(v) <= high);
   });
 }
@@ -91,10 +94,10 @@ void threshold(std::span<const T> voxels, T min, T max, char* result) {
 /// Smallest and largest value of every `step`-th voxel, the ends of the sorted sample: not-a-number
 /// counts as the largest value. Needs at least one voxel.
 template <class T>
-std::pair<double, double> sampledRange(std::span<const T> voxels, std::size_t step) {
+std::pair<double, double> sampledRange(const T* voxels, std::size_t count, std::size_t step) {
   double min = number(voxels[0]);
   double max = min;
-  for (std::size_t n = step; n < voxels.size(); n += step) {
+  for (std::size_t n = step; n < count; n += step) {
     const double v = number(voxels[n]);
     if (compareNumbers(v, min) < 0) min = v;
     if (compareNumbers(v, max) >= 0) max = v;
@@ -203,9 +206,9 @@ class BoxDilation {
 /// positive one lies within `passes` steps along every axis. Any method but "box" ends the process
 /// with status 1, if there is a pass to make.
 template <class T>
-void dilate(T* voxels, int sizeX, int sizeY, int sizeZ, std::string_view method, int passes) {
+void dilate(T* voxels, int sizeX, int sizeY, int sizeZ, const char* method, int passes) {
   if (passes <= 0) return;
-  if (method != "box") fatal("imdilate method not valid, exit\n", std::cerr, 1);
+  if (!isNamed(method, "box")) fatal("imdilate method not valid, exit\n", std::cerr, 1);
   // A positive voxel reaches every other one in as many passes as the longest axis has steps; one
   // pass is always made, since it sets the positive voxels to 1.
   passes = std::min(passes, std::max({sizeX - 1, sizeY - 1, sizeZ - 1, 1}));

@@ -1,0 +1,186 @@
+// What the tests of the evolution share: grids, both dimensions under one name, comparison in all
+// bits, random functions and images.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <iomanip>
+#include <limits>
+#include <memory>
+#include <random>
+#include <span>
+#include <vector>
+
+#include "vox2DLevelSet.h"
+#include "vox3DLevelSet.h"
+
+namespace tavrel::test {
+
+using plain::Point;
+
+/// A dense grid; the voxel q is `p[index(q)]`. A 2-D grid has size[2] = 1.
+template <class T>
+struct Grid {
+  Point size{1, 1, 1};
+  std::vector<T> p{};
+
+  Grid() = default;
+  explicit Grid(Point s, T value = T{})
+      : size(s), p(static_cast<std::size_t>(s[0]) * s[1] * s[2], value) {}
+  int index(Point q) const { return q[0] + q[1] * size[0] + q[2] * size[0] * size[1]; }
+  T& operator[](Point q) { return p[index(q)]; }
+  const T& operator[](Point q) const { return p[index(q)]; }
+  template <class F>
+  void scan(F f) const {
+    plain::scan(size, f);
+  }
+};
+
+/// A grid whose voxel (x, y, z) is value(x, y, z).
+template <class T = double, class F>
+Grid<T> filled(Point size, F value) {
+  Grid<T> g(size);
+  g.scan([&](Point q) { g[q] = value(q[0], q[1], q[2]); });
+  return g;
+}
+
+/// What names the 2-D and the 3-D class apart.
+template <int D>
+struct Twin;
+template <>
+struct Twin<3> {
+  static constexpr int D = 3;
+  template <class T>
+  using LevelSet = vox3DLevelSet<T, char>;
+  template <class T>
+  using Matrix = vox3DMat<T, char>;
+  template <class T = double>
+  static std::unique_ptr<Matrix<T>> matrix(Point s) {
+    return std::make_unique<Matrix<T>>(s[0], s[1], s[2]);
+  }
+  static constexpr const char* destructorLine = "empty vox3DLevelSet destructed\n";
+};
+template <>
+struct Twin<2> {
+  static constexpr int D = 2;
+  template <class T>
+  using LevelSet = vox2DLevelSet<T, char>;
+  template <class T>
+  using Matrix = vox2DMat<T, char>;
+  template <class T = double>
+  static std::unique_ptr<Matrix<T>> matrix(Point s) {
+    return std::make_unique<Matrix<T>>(s[0], s[1]);
+  }
+  static constexpr const char* destructorLine = "empty vox2DLevelSet destructed\n";
+};
+
+template <int D, class T = double>
+auto toMatrix(const Grid<double>& g) {
+  auto m = Twin<D>::template matrix<T>(g.size);
+  std::copy(g.p.begin(), g.p.end(), m->p);
+  return m;
+}
+
+// ---- comparison in all bits -------------------------------------------------------------------
+
+inline bool same(double a, double b) {
+  return std::bit_cast<std::uint64_t>(a) == std::bit_cast<std::uint64_t>(b) ||
+         (std::isnan(a) && std::isnan(b));
+}
+inline bool same(int a, int b) { return a == b; }
+
+/// The elements of `got` against those of `want`; names the first that differs.
+template <class T, class U>
+void expectSame(const char* field, const T* got, std::span<U> want) {
+  ASSERT_TRUE(got != nullptr || want.empty()) << field << " does not exist";
+  std::size_t differing = 0, first = 0;
+  for (std::size_t n = want.size(); n-- > 0;) {
+    if (!same(got[n], want[n])) ++differing, first = n;
+  }
+  if (differing == 0) return;
+  ADD_FAILURE() << field << ": " << differing << " of " << want.size() << " differ, first ["
+                << first << "] = " << std::setprecision(17) << +got[first] << " instead of "
+                << +want[first];
+}
+template <class T, class U>
+void expectSame(const char* field, const T* got, const std::vector<U>& want) {
+  expectSame(field, got, std::span(want));
+}
+
+// ---- random functions and images ----------------------------------------------------------------
+
+class Random {
+ public:
+  explicit Random(unsigned seed) : bits_(seed) {}
+  int below(int n) { return static_cast<int>(bits_() % static_cast<unsigned>(n)); }
+  double between(double lo, double hi) { return lo + (hi - lo) * (bits_() / 4294967296.0); }
+
+ private:
+  std::mt19937 bits_;
+};
+
+/// A sum of waves over the grid, between about -1 and 1.
+inline Grid<double> waves(Point size, Random& r) {
+  double k[3][3], phase[3];
+  for (int w = 0; w < 3; ++w) {
+    phase[w] = r.between(0, 6);
+    for (double& f : k[w]) f = r.between(-0.5, 0.5);
+  }
+  return filled(size, [&](int x, int y, int z) {
+    double v = 0;
+    for (int w = 0; w < 3; ++w)
+      v += std::sin(k[w][0] * x + k[w][1] * y + k[w][2] * z + phase[w]) / 3;
+    return v;
+  });
+}
+
+enum Function { kBlobs, kMask, kBall, kPlane, kSpots, kTies, kNoise, kScales, kOneSided };
+constexpr int kFunctions = kOneSided + 1;
+
+inline Grid<double> randomFunction(int kind, Point size, Random& r) {
+  Grid<double> g = waves(size, r);
+  const double shift = r.between(-0.3, 0.3);
+  const Point c{r.below(size[0]), r.below(size[1]), r.below(size[2])};
+  const double radius = r.between(0.4, 9), slope = r.between(0.1, 3);
+  const int axis = r.below(3);
+  const int ties[] = {-2, -1, -1, 0, 0, 1, 1, 2};
+  g.scan([&](Point q) {
+    double& v = g[q];
+    if (kind == kBlobs) v += shift;
+    if (kind == kMask) v = v < shift ? -0.5 : 0.5;
+    if (kind == kBall) v = std::hypot(q[0] - c[0], q[1] - c[1], q[2] - c[2]) - radius;
+    if (kind == kPlane) v = (q[axis] - c[axis] - shift) * slope;
+    if (kind == kSpots) v = r.below(40) == 0 ? 0.5 : -0.5;
+    if (kind == kTies) v = ties[r.below(8)] * (r.below(2) ? 0.5 : -0.5);  // 0 and -0 too
+    if (kind == kNoise) v = r.between(-1, 1);
+    if (kind == kScales) v = r.between(-1, 1) * std::pow(10.0, r.below(17) - 8);
+    if (kind == kOneSided) v += slope > 1.5 ? 2 : -2;
+  });
+  return g;
+}
+
+enum Image { kSmooth, kNoisy, kTwoValued, kConstant, kHalfway, kSigned, kOutliers, kBroken };
+constexpr int kImages = kBroken + 1;
+
+inline Grid<double> randomImage(int kind, Point size, Random& r) {
+  Grid<double> g = waves(size, r);
+  for (double& v : g.p) {
+    v = v * 0.5 + 0.5;
+    if (kind == kNoisy) v = r.between(0, 1);
+    if (kind == kTwoValued) v = v > 0.5;
+    if (kind == kConstant) v = 0.3;
+    if (kind == kHalfway)  // low bits at and below the last place of the sums
+      v = r.below(257) / 256.0 + std::ldexp(1 + 2 * r.below(4), -53 + r.below(14));
+    if (kind == kSigned) v = r.between(-3, 3);
+    if (kind == kOutliers && r.below(50) == 0) v = std::ldexp(r.between(-1, 1), r.below(90) - 30);
+    if (kind == kBroken && r.below(200) == 0)  // goes through as the arithmetic has it
+      v = r.below(2) ? std::nan("") : std::numeric_limits<double>::infinity();
+  }
+  return g;
+}
+
+}  // namespace tavrel::test
