@@ -85,135 +85,153 @@ void checkTogether(const Options& options) {
   }
 }
 
-}  // namespace
+/// The options of the command line and what they say once it has been read.
+class CommandLine {
+ public:
+  CommandLine() {
+    app_.footer(kExamples);
+    app_.get_formatter()->column_width(34);
+    app_.set_version_flag("--version", std::string("tavrel-nifti ") + kVersion);
+    app_.add_option("inputs", o_.inputs, "Scans: .nii, .nii.gz, or a pair .hdr/.img")
+        ->required()
+        ->type_name("SCAN");
+    addOutputs();
+    addMethod();
+    addFinishing();
+    app_.add_flag("--quiet", o_.quiet, "Print nothing but errors");
+  }
 
-Options parseOptions(int argc, char** argv) {
-  Options o;
-  FinishSettings finish = kDefaultFinish;
-  std::string w5 = kDefaultW5, finishName = "brain";
-  double resampleMm = 0;
-  CLI::App app("Strips the skull and all other non-brain tissue from 3-D head images (NIfTI).",
-               "tavrel-nifti");
-  app.footer(kExamples);
-  app.get_formatter()->column_width(34);
-  app.set_version_flag("--version", std::string("tavrel-nifti ") + kVersion);
+  /// @throws ExitNow
+  Options parse(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+      readMethod();
+      checkOutputNames();
+      checkTogether(o_);
+    } catch (const CLI::ParseError& error) {
+      std::ostringstream complaint;
+      const int status = app_.exit(error, std::cout, complaint);
+      std::istringstream lines(complaint.str());
+      for (std::string line; std::getline(lines, line);) std::cerr << printable(line) << '\n';
+      throw ExitNow{status == 0 ? 0 : 1};
+    }
+    return o_;
+  }
 
-  app.add_option("inputs", o.inputs, "Scans: .nii, .nii.gz, or a pair .hdr/.img")
-      ->required()
-      ->type_name("SCAN");
+ private:
+  CLI::Option* add(const char* name, auto& value, const char* help, const char* type,
+                   const char* group) {
+    return app_.add_option(name, value, help)->type_name(type)->group(group);
+  }
 
-  app.add_option("--out-dir", o.outDir,
-                 "Folder for the outputs, made if missing (default: beside each scan)")
-      ->type_name("DIR")
-      ->group("Outputs");
-  const auto single = [&](const char* name, std::string& target, const char* help) {
-    return app.add_option(name, target, help)->type_name("FILE")->group("Outputs");
-  };
-  std::vector<const CLI::Option*> singles = {
-      single("--brain", o.brain, "Name of the stripped scan, or \"none\""),
-      single("--mask", o.mask, "Name of the mask (unsigned 8-bit, 1 inside), or \"none\""),
-      single("--qc", o.qc, "Name of the picture (PNG), or \"none\""),
-      single("--phi", o.phi,
-             "Also write the level-set function (float32, negative inside, in voxels)")};
-  app.add_option("--json", o.json,
-                 "Also write a report: volumes in mL, levels, settings, checksums")
-      ->type_name("FILE")
-      ->group("Outputs");
-  app.add_flag("--force", o.force, "Overwrite outputs that exist")->group("Outputs");
+  void addOutputs() {
+    const auto output = [&](const char* name, std::string& file, const char* help) {
+      return add(name, file, help, "FILE", "Outputs");
+    };
+    add("--out-dir", o_.outDir,
+        "Folder for the outputs, made if missing (default: beside each scan)", "DIR", "Outputs");
+    singles_ = {
+        output("--brain", o_.brain, "Name of the stripped scan, or \"none\""),
+        output("--mask", o_.mask, "Name of the mask (unsigned 8-bit, 1 inside), or \"none\""),
+        output("--qc", o_.qc, "Name of the picture (PNG), or \"none\""),
+        output("--phi", o_.phi,
+               "Also write the level-set function (float32, negative inside, in voxels)")};
+    method_ = {singles_.back()};
+    output("--json", o_.json, "Also write a report: volumes in mL, levels, settings, checksums");
+    app_.add_flag("--force", o_.force, "Overwrite outputs that exist")->group("Outputs");
+  }
 
-  app.add_option("--volume", o.volume, "Volume of 4-D scans, counted from 0")
-      ->type_name("N")
-      ->group("Method");
-  const auto* fromMask =
-      app.add_option("--from-mask", o.fromMask,
-                     "Do not strip: make the stripped scan and the picture again from this mask on "
-                     "the scan's grid (> 0 inside), say one that was corrected by hand")
-          ->type_name("FILE")
-          ->group("Method");
-  std::vector<const CLI::Option*> method = {
-      singles.back(),
-      app.add_option(
-             "--w5", w5,
-             "Weight of the comparison with the surroundings; larger values give larger brains. "
-             "auto: 1.0, but 1.1 where the mask is thin, and less, down to 0.7, while it leaks")
-          ->type_name("X|auto")
-          ->capture_default_str()
-          ->group("Method"),
-      app.add_option("--resample", resampleMm,
-                     "Strip on an isotropic grid of this spacing in mm and bring the mask back "
-                     "(default: the scan's own grid)")
-          ->type_name("MM")
-          ->check(CLI::Range(0.1, 20.0).description(""))
-          ->group("Method"),
-      app.add_option("--threads", o.strip.threads,
-                     "Threads a scan; the result does not depend on it")
-          ->type_name("N")
-          ->check(CLI::Range(1, 1024).description(""))
-          ->capture_default_str()
-          ->group("Method")};
+  void addMethod() {
+    const auto method = [&](const char* name, auto& value, const char* help, const char* type) {
+      return add(name, value, help, type, "Method");
+    };
+    method("--volume", o_.volume, "Volume of 4-D scans, counted from 0", "N");
+    fromMask_ = method("--from-mask", o_.fromMask,
+                       "Do not strip: make the stripped scan and the picture again from this mask "
+                       "on the scan's grid (> 0 inside), say one that was corrected by hand",
+                       "FILE");
+    method_.push_back(
+        method("--w5", w5_,
+               "Weight of the comparison with the surroundings; larger values give larger brains. "
+               "auto: 1.0, but 1.1 where the mask is thin, and less, down to 0.7, while it leaks",
+               "X|auto")
+            ->capture_default_str());
+    method_.push_back(method("--resample", resampleMm_,
+                             "Strip on an isotropic grid of this spacing in mm and bring the mask "
+                             "back (default: the scan's own grid)",
+                             "MM")
+                          ->check(CLI::Range(0.1, 20.0).description("")));
+    method_.push_back(method("--threads", o_.strip.threads,
+                             "Threads a scan; the result does not depend on it", "N")
+                          ->check(CLI::Range(1, 1024).description(""))
+                          ->capture_default_str());
+  }
 
-  method.push_back(
-      app.add_option("--finish", finishName,
-                     "\"brain\": finish the mask as set below; \"none\": leave it as evolved")
-          ->type_name("brain|none")
-          ->check(CLI::IsMember({"brain", kNone}).description(""))
-          ->capture_default_str()
-          ->group("Finishing"));
-  const auto radius = [&](const char* name, double& mm, const char* help) {
-    return app.add_option(name, mm, help)
-        ->type_name("MM")
-        ->check(CLI::Range(0.0, 100.0).description(""))
-        ->capture_default_str()
-        ->group("Finishing");
-  };
-  const auto onOff = [&](const char* name, bool& value, bool meaning, const char* help) {
-    return app
-        .add_flag_callback(
-            name, [&value, meaning] { value = meaning; }, help)
-        ->group("Finishing");
-  };
-  const std::vector<const CLI::Option*> parts = {
-      radius("--open", finish.openMm, "Radius in mm of the ball that cuts thin bridges; 0: off"),
-      radius("--close", finish.closeMm, "Radius in mm of the ball that takes in sulci; 0: off"),
-      onOff("--largest", finish.largest, true, "Keep only the largest connected piece (default)"),
-      onOff("--no-largest", finish.largest, false, "Keep all pieces"),
-      onOff("--fill-holes", finish.fillHoles, true, "Fill what the mask encloses (default)"),
-      onOff("--no-fill-holes", finish.fillHoles, false, "Leave holes as they are")};
+  void addFinishing() {
+    method_.push_back(add("--finish", finishName_,
+                          "\"brain\": finish the mask as set below; \"none\": leave it as evolved",
+                          "brain|none", "Finishing")
+                          ->check(CLI::IsMember({"brain", kNone}).description(""))
+                          ->capture_default_str());
+    const auto radius = [&](const char* name, double& mm, const char* help) {
+      return add(name, mm, help, "MM", "Finishing")
+          ->check(CLI::Range(0.0, 100.0).description(""))
+          ->capture_default_str();
+    };
+    const auto onOff = [&](const char* name, bool& value, bool meaning, const char* help) {
+      const auto set = [&value, meaning] { value = meaning; };
+      return app_.add_flag_callback(name, set, help)->group("Finishing");
+    };
+    FinishSettings& f = finish_;
+    parts_ = {
+        radius("--open", f.openMm, "Radius in mm of the ball that cuts thin bridges; 0: off"),
+        radius("--close", f.closeMm, "Radius in mm of the ball that takes in sulci; 0: off"),
+        onOff("--largest", f.largest, true, "Keep only the largest connected piece (default)"),
+        onOff("--no-largest", f.largest, false, "Keep all pieces"),
+        onOff("--fill-holes", f.fillHoles, true, "Fill what the mask encloses (default)"),
+        onOff("--no-fill-holes", f.fillHoles, false, "Leave holes as they are")};
+    method_.insert(method_.end(), parts_.begin(), parts_.end());
+  }
 
-  method.insert(method.end(), parts.begin(), parts.end());
-  app.add_flag("--quiet", o.quiet, "Print nothing but errors");
-
-  std::string line;
-  try {
-    app.parse(argc, argv);
-    if (w5 != "auto") o.strip.w5 = parseNumber("--w5", w5);
-    if (fromMask->count()) refuse(method, "has no use with --from-mask");
-    if (finishName == kNone)
-      refuse(parts, "has no use with --finish none");
+  void readMethod() {
+    if (w5_ != kDefaultW5) o_.strip.w5 = parseNumber("--w5", w5_);
+    if (fromMask_->count()) refuse(method_, "has no use with --from-mask");
+    if (finishName_ == kNone)
+      refuse(parts_, "has no use with --finish none");
     else
-      o.strip.finish = finish;
-    if (resampleMm > 0) o.strip.resampleMm = resampleMm;
-    if (o.inputs.size() > 1) {
-      refuse({fromMask}, "is the mask of one scan, but there are several");
-      std::erase_if(singles, [](auto* option) {
-        return option->count() && option->template as<std::string>() == kNone;
+      o_.strip.finish = finish_;
+    if (resampleMm_ > 0) o_.strip.resampleMm = resampleMm_;
+  }
+
+  void checkOutputNames() {
+    if (o_.inputs.size() > 1) {
+      refuse({fromMask_}, "is the mask of one scan, but there are several");
+      std::erase_if(singles_, [](const CLI::Option* option) {
+        return option->count() && option->as<std::string>() == kNone;
       });
-      refuse(singles, "names one output, but there are several scans; use --out-dir");
+      refuse(singles_, "names one output, but there are several scans; use --out-dir");
     }
     for (const auto& [option, name] :
-         {std::pair{"--brain", o.brain}, {"--mask", o.mask}, {"--phi", o.phi}})
+         {std::pair{"--brain", o_.brain}, {"--mask", o_.mask}, {"--phi", o_.phi}})
       checkEnding(option, name, {".nii", ".nii.gz"});
-    checkEnding("--qc", o.qc, {".png"});
-    checkTogether(o);
-  } catch (const CLI::ParseError& error) {
-    std::ostringstream complaint;
-    const int status = app.exit(error, std::cout, complaint);
-    for (std::istringstream lines(complaint.str()); std::getline(lines, line);)
-      std::cerr << printable(line) << '\n';
-    throw ExitNow{status == 0 ? 0 : 1};
+    checkEnding("--qc", o_.qc, {".png"});
   }
-  return o;
-}
+
+  using OptionList = std::vector<const CLI::Option*>;
+
+  CLI::App app_{"Strips the skull and all other non-brain tissue from 3-D head images (NIfTI).",
+                "tavrel-nifti"};
+  Options o_;
+  std::string w5_ = kDefaultW5, finishName_ = "brain";
+  double resampleMm_ = 0;
+  FinishSettings finish_ = kDefaultFinish;
+  OptionList singles_, method_, parts_;  // single outputs; what sets the stripping, the finishing
+  const CLI::Option* fromMask_ = nullptr;
+};
+
+}  // namespace
+
+Options parseOptions(int argc, char** argv) { return CommandLine().parse(argc, argv); }
 
 std::vector<ScanJob> scanJobs(const Options& options) {
   std::vector<ScanJob> jobs;
