@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -85,13 +86,21 @@ void readRaw(const char* path, int type, T* voxels, std::size_t count) {
   });
 }
 
+/// Removes what a failed writing has left, unless it is a device or a link, which were there
+/// before.
+inline void removePartial(const std::string& name) {
+  std::error_code ignored;
+  if (std::filesystem::is_regular_file(std::filesystem::symlink_status(name, ignored)))
+    std::filesystem::remove(name, ignored);
+}
+
 /// Writes `count` voxels to a raw file of format `type`, replacing its contents; nothing but the
 /// empty file for a code that is no format.
 ///
 /// Values written as byte or word lose their fraction and all but their low 8 or 16 bits; what is
 /// not a number or lies beyond 64 bits becomes 0. Values written as float are rounded to nearest.
 /// A file that cannot be opened ends the process with status 0, one that cannot be written in full
-/// (a full disk) with status 1, both with a message on the error stream.
+/// (a full disk) is removed and ends it with status 1, both with a message on the error stream.
 template <class T>
 void writeRaw(const char* path, int type, const T* voxels, std::size_t count) {
   const std::string name = path ? path : "";
@@ -114,7 +123,9 @@ void writeRaw(const char* path, int type, const T* voxels, std::size_t count) {
     }
   });
   file.close();
-  if (!file) fatal("  Error writing file " + name + " \n", std::cerr, 1);
+  if (file) return;
+  removePartial(name);
+  fatal("  Error writing file " + name + " \n", std::cerr, 1);
 }
 
 }  // namespace tavrel

@@ -3,7 +3,7 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What building and testing needs; every front end lists the packages of its libraries.
-build_packages=(g++ cmake ninja-build libpng-dev)
+build_packages=(g++ cmake ninja-build)
 mapfile -t -O ${#build_packages[@]} build_packages < <(cat "$root"/apps/*/packages.txt 2>/dev/null)
 test_packages=(libgtest-dev)
 

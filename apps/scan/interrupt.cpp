@@ -1,14 +1,47 @@
 #include "interrupt.h"
 
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <csignal>
+#include <cstring>
 #include <initializer_list>
 
 namespace tavrel::scan {
 namespace {
 
-volatile std::sig_atomic_t arrived = 0;
+constexpr int kPatienceMicroseconds = 700'000;
+constexpr int kMostAlarms = 12;  // that wait for files
 
-void note(int signal) { arrived = signal; }
+volatile std::sig_atomic_t arrived = 0;
+volatile std::sig_atomic_t alarms = 0;
+std::atomic<int> unfinished = 0;
+const char* programName = "";
+
+void setAlarm() {
+  const itimerval once = {{0, 0}, {0, kPatienceMicroseconds}};
+  setitimer(ITIMER_REAL, &once, nullptr);
+}
+
+void note(int signal) {
+  arrived = signal;
+  setAlarm();
+}
+
+void say(int stream, const char* words) {
+  if (write(stream, words, std::strlen(words)) < 0) return;
+}
+
+/// Nothing has answered the signal.
+void endProcess(int) {
+  if (!arrived) return;
+  alarms = alarms + 1;
+  if (unfinished > 0 && alarms < kMostAlarms) return setAlarm();
+  if (isatty(STDOUT_FILENO)) say(STDOUT_FILENO, "\r\033[K");  // the live line
+  for (const char* words : {programName, ": interrupted\n"}) say(STDERR_FILENO, words);
+  _exit(128 + arrived);
+}
 
 /// A signal that the command was started to ignore, as nohup does with SIGHUP, stays ignored.
 void handle(int signal, void (*handler)(int)) {
@@ -17,20 +50,26 @@ void handle(int signal, void (*handler)(int)) {
   if (action.sa_handler == SIG_IGN) return;
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
+  action.sa_flags = SA_RESTART;  // the alarm ends a wait that goes on
   sigaction(signal, &action, nullptr);
 }
 
 }  // namespace
 
-void catchSignals() {
+void catchSignals(const char* program) {
   arrived = 0;
+  programName = program;
+  std::signal(SIGALRM, SIG_DFL);
+  handle(SIGALRM, endProcess);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) handle(signal, note);
-  handle(SIGPIPE, SIG_IGN);
+  for (const int signal : {SIGPIPE, SIGXFSZ}) handle(signal, SIG_IGN);
 }
 
 void checkInterrupted() {
   if (arrived) throw Interrupted{arrived};
 }
+
+Unfinished::Unfinished() { ++unfinished; }
+Unfinished::~Unfinished() { --unfinished; }
 
 }  // namespace tavrel::scan

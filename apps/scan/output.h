@@ -1,16 +1,22 @@
 // Output files that appear complete or not at all.
 //
-// A file is written under a temporary name in the folder of its target and renamed when everything
-// that belongs together has been written; whatever ends the work earlier removes it.
+// A file is written under a temporary name in the folder of its target. When everything that
+// belongs together has reached the disk, the files are put in place together; whatever ends the
+// work earlier removes them. A process that is killed leaves its temporary files behind, whose lock
+// (flock) goes with it: by that a later run knows them and removes them.
 #pragma once
+
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <filesystem>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "nifti/header.h"
+#include "descriptor.h"
+#include "interrupt.h"
 
 namespace tavrel::scan {
 
@@ -19,11 +25,16 @@ class OutputError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Permissions of a file that everyone may read and write, before the umask cuts them.
+inline constexpr mode_t kOpenToAll = 0666;
+
 /// One file on its way to its target.
 class PendingFile {
  public:
-  /// Creates the temporary file. @throws OutputError
-  explicit PendingFile(std::filesystem::path target);
+  /// Creates the temporary file.
+  /// @param mode  permissions, to be cut by the umask; the owner may always read and write
+  /// @throws OutputError
+  PendingFile(std::filesystem::path target, mode_t mode);
   PendingFile(PendingFile&& other) noexcept;
   PendingFile& operator=(PendingFile&&) = delete;
   ~PendingFile();
@@ -33,27 +44,45 @@ class PendingFile {
   void write(std::span<const std::byte> bytes);
   /// Ends the writing. @throws OutputError if anything has not reached the disk
   void close();
-  /// Renames the closed file to its target. @throws OutputError
-  void commit();
 
   const std::filesystem::path& target() const { return target_; }
 
  private:
-  [[noreturn]] void fail(int error);
+  friend void commitTogether(std::vector<PendingFile>& files, bool replace);
+
+  [[noreturn]] void fail(int error) const;
+  bool placeNew();
+  void placeInstead();
+  void takeBack();
 
   std::filesystem::path target_;
-  std::string temporary_;
+  std::string temporary_;   // of the old file once the new one is in place; "" for none
+  Descriptor file_;         // of the temporary file, which it locks
   void* stream_ = nullptr;  // zlib's file, which also writes plain ones
+  bool inPlace_ = false;    // but may still be taken back
+  Unfinished unfinished_;
 };
 
-/// Writes `bytes` beside `target`; the caller commits it.
-PendingFile writePending(const std::filesystem::path& target, std::span<const std::byte> bytes);
+/// Puts closed files in place, all of them or none: where one fails, those before it are taken back
+/// and what they replaced returns.
+/// @param replace  whether a file that stands at a target may be replaced
+/// @throws OutputError
+void commitTogether(std::vector<PendingFile>& files, bool replace);
 
-/// Writes a one-volume NIfTI file beside `target`; the caller commits it.
-/// @param extensions  what stands between header and voxels; four zero bytes where there are none
-/// @param voxels      in the byte order that the header announces
-PendingFile writePendingNifti(const std::filesystem::path& target, const Header& header,
-                              std::span<const std::byte> extensions,
-                              std::span<const std::byte> voxels);
+/// Writes `bytes` beside `target`; the caller commits it.
+PendingFile writePending(const std::filesystem::path& target, std::span<const std::byte> bytes,
+                         mode_t mode);
+
+/// Removes temporary files that killed processes have left in a folder. Does nothing where they
+/// cannot be told from those of others at work.
+void removeStale(const std::filesystem::path& folder);
+
+/// The folder that a file is in, "." for a bare name.
+std::filesystem::path folderOf(const std::filesystem::path& file);
+
+/// Complains before the work begins about a target that could not be written after it: only a
+/// regular file, or a link, is ever replaced, and that only if `force` is set.
+/// @throws OutputError
+void checkTarget(const std::filesystem::path& target, bool force);
 
 }  // namespace tavrel::scan

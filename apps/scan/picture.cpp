@@ -9,6 +9,7 @@
 #include <memory>
 #include <numeric>
 
+#include "format.h"
 #include "strip/finishing.h"
 
 namespace tavrel::scan {
@@ -105,7 +106,7 @@ class Canvas {
     cairo_set_font_size(painter(), size);
     cairo_set_source_rgb(painter(), 1, 1, 1);
     cairo_move_to(painter(), x, y);
-    cairo_show_text(painter(), text.c_str());
+    cairo_show_text(painter(), printable(text).c_str());
   }
 
   std::vector<std::byte> png() {

@@ -3,10 +3,13 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <iostream>
-#include <map>
-#include <set>
+#include <sstream>
 
 #include "scan/format.h"
+#include "scan/nifti/files.h"
+#include "scan/output.h"
+#include "scan/report.h"
+#include "scan/targets.h"
 
 namespace tavrel::scan {
 namespace {
@@ -48,38 +51,38 @@ void checkEnding(const std::string& option, const std::string& name,
   throw CLI::ValidationError(option, "\"" + name + "\" does not end in " + list);
 }
 
+void refuse(const std::vector<const CLI::Option*>& options, const char* why) {
+  for (const CLI::Option* option : options)
+    if (option->count()) throw CLI::ValidationError(option->get_name(), why);
+}
+
 /// The input's file name without what marks it as an image.
 std::string stem(const std::string& input) {
-  std::string name = std::filesystem::path(input).filename().string();
-  for (const char* end : {".gz", ".nii", ".hdr", ".img"})
-    if (name.ends_with(end)) name.resize(name.size() - std::string_view(end).size());
-  return name;
+  return withoutEnding(std::filesystem::path(input).filename().string());
 }
 
-std::string key(const std::filesystem::path& path) {
-  // Where the file system does not tell, the names themselves have to do.
-  std::error_code failure;
-  const auto absolute = std::filesystem::absolute(path, failure);
-  const auto canonical = std::filesystem::weakly_canonical(absolute, failure);
-  return (failure ? absolute.lexically_normal() : canonical).string();
-}
-
-/// Refuses runs in which two files would end up under one name.
-void checkCollisions(const Options& options) {
-  std::map<std::string, std::string> taken;
-  const auto take = [&](const std::filesystem::path& path, const std::string& by) {
-    if (path.empty()) return;
-    const auto [other, isNew] = taken.emplace(key(path), by);
-    if (!isNew)
-      throw CLI::ValidationError(path.string() + " would be written twice: for " + other->second +
-                                 " and for " + by);
+OutputPaths outputPaths(const std::string& input, const Options& options) {
+  const auto folder = options.outDir.empty() ? std::filesystem::path(input).parent_path()
+                                             : std::filesystem::path(options.outDir);
+  const std::string end = input.ends_with(".nii") || input.ends_with(".NII") ? ".nii" : ".nii.gz";
+  const auto named = [&](const std::string& name, const std::string& fallback) {
+    if (name == kNone || (name.empty() && fallback.empty())) return std::filesystem::path();
+    return name.empty() ? folder / (stem(input) + fallback) : std::filesystem::path(name);
   };
-  for (const std::string& input : options.inputs)
-    for (const auto& path : outputPaths(input, options).all()) take(path, input);
-  if (!options.json.empty()) take(options.json, "--json");
-  for (const std::string& input : options.inputs)
-    if (taken.contains(key(input)))
-      throw CLI::ValidationError(input + " is an input and would be overwritten");
+  return {named(options.brain, "_brain" + end),
+          named(options.mask, options.fromMask.empty() ? "_brain_mask" + end : ""),
+          named(options.phi, ""), named(options.qc, "_brain_qc.png")};
+}
+
+/// Refuses runs that would write over what they read, or twice to one place.
+void checkTogether(const Options& options) {
+  std::vector<std::pair<std::filesystem::path, std::string>> others;
+  if (!options.json.empty()) others.emplace_back(options.json, "--json");
+  try {
+    checkOutputs(scanJobs(options), others);
+  } catch (const OutputError& error) {
+    throw CLI::ValidationError(error.what());
+  }
 }
 
 }  // namespace
@@ -106,7 +109,7 @@ Options parseOptions(int argc, char** argv) {
   const auto single = [&](const char* name, std::string& target, const char* help) {
     return app.add_option(name, target, help)->type_name("FILE")->group("Outputs");
   };
-  const std::vector<CLI::Option*> singles = {
+  std::vector<const CLI::Option*> singles = {
       single("--brain", o.brain, "Name of the stripped scan, or \"none\""),
       single("--mask", o.mask, "Name of the mask (unsigned 8-bit, 1 inside), or \"none\""),
       single("--qc", o.qc, "Name of the picture (PNG), or \"none\""),
@@ -118,34 +121,44 @@ Options parseOptions(int argc, char** argv) {
       ->group("Outputs");
   app.add_flag("--force", o.force, "Overwrite outputs that exist")->group("Outputs");
 
-  app.add_option(
-         "--w5", w5,
-         "Weight of the comparison with the surroundings; larger values give larger brains. "
-         "auto: 1.0, but 1.1 where the mask is thin, and less, down to 0.7, while it leaks")
-      ->type_name("X|auto")
-      ->capture_default_str()
-      ->group("Method");
   app.add_option("--volume", o.volume, "Volume of 4-D scans, counted from 0")
       ->type_name("N")
       ->group("Method");
-  app.add_option("--resample", resampleMm,
-                 "Strip on an isotropic grid of this spacing in mm and bring the mask back "
-                 "(default: the scan's own grid)")
-      ->type_name("MM")
-      ->check(CLI::Range(0.1, 20.0).description(""))
-      ->group("Method");
-  app.add_option("--threads", o.strip.threads, "Threads a scan; the result does not depend on it")
-      ->type_name("N")
-      ->check(CLI::Range(1, 1024).description(""))
-      ->capture_default_str()
-      ->group("Method");
+  const auto* fromMask =
+      app.add_option("--from-mask", o.fromMask,
+                     "Do not strip: make the stripped scan and the picture again from this mask on "
+                     "the scan's grid (> 0 inside), say one that was corrected by hand")
+          ->type_name("FILE")
+          ->group("Method");
+  std::vector<const CLI::Option*> method = {
+      singles.back(),
+      app.add_option(
+             "--w5", w5,
+             "Weight of the comparison with the surroundings; larger values give larger brains. "
+             "auto: 1.0, but 1.1 where the mask is thin, and less, down to 0.7, while it leaks")
+          ->type_name("X|auto")
+          ->capture_default_str()
+          ->group("Method"),
+      app.add_option("--resample", resampleMm,
+                     "Strip on an isotropic grid of this spacing in mm and bring the mask back "
+                     "(default: the scan's own grid)")
+          ->type_name("MM")
+          ->check(CLI::Range(0.1, 20.0).description(""))
+          ->group("Method"),
+      app.add_option("--threads", o.strip.threads,
+                     "Threads a scan; the result does not depend on it")
+          ->type_name("N")
+          ->check(CLI::Range(1, 1024).description(""))
+          ->capture_default_str()
+          ->group("Method")};
 
-  app.add_option("--finish", finishName,
-                 "\"brain\": finish the mask as set below; \"none\": leave it as evolved")
-      ->type_name("brain|none")
-      ->check(CLI::IsMember({"brain", kNone}).description(""))
-      ->capture_default_str()
-      ->group("Finishing");
+  method.push_back(
+      app.add_option("--finish", finishName,
+                     "\"brain\": finish the mask as set below; \"none\": leave it as evolved")
+          ->type_name("brain|none")
+          ->check(CLI::IsMember({"brain", kNone}).description(""))
+          ->capture_default_str()
+          ->group("Finishing"));
   const auto radius = [&](const char* name, double& mm, const char* help) {
     return app.add_option(name, mm, help)
         ->type_name("MM")
@@ -159,7 +172,7 @@ Options parseOptions(int argc, char** argv) {
             name, [&value, meaning] { value = meaning; }, help)
         ->group("Finishing");
   };
-  const std::vector<CLI::Option*> parts = {
+  const std::vector<const CLI::Option*> parts = {
       radius("--open", finish.openMm, "Radius in mm of the ball that cuts thin bridges; 0: off"),
       radius("--close", finish.closeMm, "Radius in mm of the ball that takes in sulci; 0: off"),
       onOff("--largest", finish.largest, true, "Keep only the largest connected piece (default)"),
@@ -167,53 +180,51 @@ Options parseOptions(int argc, char** argv) {
       onOff("--fill-holes", finish.fillHoles, true, "Fill what the mask encloses (default)"),
       onOff("--no-fill-holes", finish.fillHoles, false, "Leave holes as they are")};
 
+  method.insert(method.end(), parts.begin(), parts.end());
   app.add_flag("--quiet", o.quiet, "Print nothing but errors");
 
+  std::string line;
   try {
     app.parse(argc, argv);
     if (w5 != "auto") o.strip.w5 = parseNumber("--w5", w5);
-    if (finishName == kNone) {
-      for (const CLI::Option* part : parts)
-        if (part->count())
-          throw CLI::ValidationError(part->get_name(), "has no use with --finish none");
-    } else {
+    if (fromMask->count()) refuse(method, "has no use with --from-mask");
+    if (finishName == kNone)
+      refuse(parts, "has no use with --finish none");
+    else
       o.strip.finish = finish;
-    }
     if (resampleMm > 0) o.strip.resampleMm = resampleMm;
-    if (o.inputs.size() > 1)
-      for (const CLI::Option* option : singles)
-        if (option->count() && option->as<std::string>() != kNone)
-          throw CLI::ValidationError(
-              option->get_name(), "names one output, but there are several scans; use --out-dir");
+    if (o.inputs.size() > 1) {
+      refuse({fromMask}, "is the mask of one scan, but there are several");
+      std::erase_if(singles, [](auto* option) {
+        return option->count() && option->template as<std::string>() == kNone;
+      });
+      refuse(singles, "names one output, but there are several scans; use --out-dir");
+    }
     for (const auto& [option, name] :
          {std::pair{"--brain", o.brain}, {"--mask", o.mask}, {"--phi", o.phi}})
       checkEnding(option, name, {".nii", ".nii.gz"});
     checkEnding("--qc", o.qc, {".png"});
-    o.strip.phi = !o.phi.empty() && o.phi != kNone;
-    checkCollisions(o);
+    checkTogether(o);
   } catch (const CLI::ParseError& error) {
-    throw ExitNow{app.exit(error) == 0 ? 0 : 1};
+    std::ostringstream complaint;
+    const int status = app.exit(error, std::cout, complaint);
+    for (std::istringstream lines(complaint.str()); std::getline(lines, line);)
+      std::cerr << printable(line) << '\n';
+    throw ExitNow{status == 0 ? 0 : 1};
   }
   return o;
 }
 
-std::vector<std::filesystem::path> OutputPaths::all() const {
-  std::vector<std::filesystem::path> result;
-  for (const auto& path : {brain, mask, phi, qc})
-    if (!path.empty()) result.push_back(path);
-  return result;
-}
-
-OutputPaths outputPaths(const std::string& input, const Options& options) {
-  const auto folder = options.outDir.empty() ? std::filesystem::path(input).parent_path()
-                                             : std::filesystem::path(options.outDir);
-  const std::string end = input.ends_with(".nii") ? ".nii" : ".nii.gz";
-  const auto named = [&](const std::string& name, const std::string& fallback) {
-    if (name == kNone || (name.empty() && fallback.empty())) return std::filesystem::path();
-    return name.empty() ? folder / (stem(input) + fallback) : std::filesystem::path(name);
-  };
-  return {named(options.brain, "_brain" + end), named(options.mask, "_brain_mask" + end),
-          named(options.phi, ""), named(options.qc, "_brain_qc.png")};
+std::vector<ScanJob> scanJobs(const Options& options) {
+  std::vector<ScanJob> jobs;
+  for (const std::string& input : options.inputs)
+    jobs.push_back({.input = input,
+                    .volume = options.volume,
+                    .fromMask = options.fromMask,
+                    .outputs = outputPaths(input, options),
+                    .strip = options.strip,
+                    .force = options.force});
+  return jobs;
 }
 
 }  // namespace tavrel::scan

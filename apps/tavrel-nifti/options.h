@@ -7,13 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "strip/stripping.h"
+#include "scan/job.h"
 
 namespace tavrel::scan {
-
-using namespace strip;
-
-inline constexpr char kVersion[] = TAVREL_VERSION;
 
 /// Everything that the command line sets.
 struct Options {
@@ -21,6 +17,7 @@ struct Options {
   std::string outDir;                  ///< empty: beside each input
   std::string brain, mask, phi, qc;    ///< names of single outputs; empty: the default
   std::string json;                    ///< empty: no report
+  std::string fromMask;                ///< empty: the scans are stripped
   std::optional<std::int64_t> volume;  ///< of 4-D files, from 0
   StripSettings strip;
   bool force = false;
@@ -36,15 +33,10 @@ struct ExitNow {
 /// @throws ExitNow
 Options parseOptions(int argc, char** argv);
 
-/// Where the outputs of one input go. Empty paths are not written.
-struct OutputPaths {
-  std::filesystem::path brain, mask, phi, qc;
-  std::vector<std::filesystem::path> all() const;
-};
-
-/// The outputs of `input`: sub-01_T1w.nii.gz gives sub-01_T1w_brain.nii.gz, _brain_mask.nii.gz and
+/// One job a scan: sub-01_T1w.nii.gz gives sub-01_T1w_brain.nii.gz, _brain_mask.nii.gz and
 /// _brain_qc.png beside it or in the output folder, unless single names are set. Plain .nii inputs
-/// give plain .nii outputs.
-OutputPaths outputPaths(const std::string& input, const Options& options);
+/// give plain .nii outputs. With a given mask there is no mask among the outputs unless it is
+/// named.
+std::vector<ScanJob> scanJobs(const Options& options);
 
 }  // namespace tavrel::scan

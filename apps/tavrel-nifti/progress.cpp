@@ -4,10 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 #include "scan/format.h"
-#include "scan/interrupt.h"
 
 namespace tavrel::scan {
 namespace {
@@ -15,13 +13,6 @@ namespace {
 constexpr double kFirstRatio = 0.1, kLastRatio = 0.0002;
 constexpr int kBar = 12;
 constexpr auto kPause = std::chrono::milliseconds(80);  // between two live lines
-
-template <class... Args>
-std::string print(const char* format, Args... args) {
-  char buffer[200];
-  std::snprintf(buffer, sizeof buffer, format, args...);
-  return buffer;
-}
 
 /// Share of a run's time that has passed before a level: each has eight times the voxels.
 double timeBefore(int level, int levels) {
@@ -47,7 +38,7 @@ Progress::Style Progress::styleFor(int descriptor, bool quiet) {
 }
 
 Progress::Progress(std::ostream& out, Style style, std::string name, int columns)
-    : out_(out), style_(style), name_(std::move(name)), columns_(columns) {}
+    : out_(out), style_(style), name_(printable(name)), columns_(columns) {}
 
 Progress::~Progress() { clear(); }
 
@@ -63,17 +54,15 @@ void Progress::clear() {
 void Progress::live(const std::string& what) {
   if (style_ != Style::live) return;
   const std::string figures = "  " + what + print("  %.0f s", seconds());
-  std::string name = name_.substr(name_.rfind('/') + 1);
+  const std::string name = name_.substr(name_.rfind('/') + 1);
   // Folders and the end of a long name give way to the figures.
   const auto room = std::size_t(std::max(0, columns_ - kBar - 5));
   const std::size_t left = room - std::min(room, figures.size());
-  if (name.size() > left) name = name.substr(0, left - std::min<std::size_t>(left, 2)) + "..";
-  out_ << "\r\033[K" << bar(fraction_) << "  " << (name + figures).substr(0, room) << std::flush;
+  out_ << "\r\033[K" << bar(fraction_) << "  " << shortened(shortened(name, left) + figures, room)
+       << std::flush;
   shown_ = true;
   last_ = std::chrono::steady_clock::now();
 }
-
-void Progress::stage(const std::string& what) { live(what); }
 
 void Progress::showStep(const StepReport& step) {
   const double before = timeBefore(step.level, step.levels);
@@ -86,16 +75,16 @@ void Progress::showStep(const StepReport& step) {
                     step.iteration + 1, volume_));
 }
 
-StripObserver Progress::observer(const Grid& grid) {
-  grid_ = grid;
-  StripObserver observer;
-  observer.checkpoint = checkInterrupted;
-  observer.onRun = [this](double w5) {
-    run_ = print("W5 %.2f", w5);
+JobObserver Progress::observer() {
+  JobObserver observer;
+  observer.onStage = [this](const std::string& what) { live(what); };
+  observer.onGrid = [this](const Grid& grid) { grid_ = grid; };
+  observer.strip.onRun = [this](double w5) {
+    run_ = weight(w5);
     fraction_ = 0;
   };
-  observer.onStep = [this](const StepReport& step) { showStep(step); };
-  observer.onLevel = [this](int level, const LevelRecord& record) {
+  observer.strip.onStep = [this](const StepReport& step) { showStep(step); };
+  observer.strip.onLevel = [this](int level, const LevelRecord& record) {
     if (style_ != Style::plain) return;
     out_ << name_ << ": " << run_ << ", level " << level + 1 << ", " << record.size[0] << " x "
          << record.size[1] << " x " << record.size[2] << ", " << record.iterations
@@ -106,7 +95,7 @@ StripObserver Progress::observer(const Grid& grid) {
 
 void Progress::done(const std::string& line) {
   clear();
-  if (style_ != Style::quiet) out_ << name_ << ": " << line << std::endl;
+  if (style_ != Style::quiet) out_ << name_ << ": " << printable(line) << std::endl;
 }
 
 }  // namespace tavrel::scan

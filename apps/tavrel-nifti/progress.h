@@ -8,11 +8,9 @@
 #include <ostream>
 #include <string>
 
-#include "strip/stripping.h"
+#include "scan/job.h"
 
 namespace tavrel::scan {
-
-using namespace strip;
 
 /// How far a level has converged, 0 to 1: where the relative change stands, on a logarithmic scale,
 /// between a tenth and the value that ends a level.
@@ -31,18 +29,15 @@ class Progress {
   /// Removes an unfinished live line.
   ~Progress();
 
-  /// Callbacks for stripScan(), which must not outlive this object. `grid` is what is stripped on.
-  StripObserver observer(const Grid& grid);
-  /// Says what is being done before and after the evolution (reading, writing).
-  void stage(const std::string& what);
+  /// Callbacks for stripFile(), which must not outlive this object.
+  JobObserver observer();
   /// Removes the live line, to make room for other output.
   void clear();
   /// Ends the scan with a line.
   void done(const std::string& line);
 
-  double seconds() const;
-
  private:
+  double seconds() const;
   void showStep(const StepReport& step);
   void live(const std::string& what);
 

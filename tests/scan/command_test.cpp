@@ -1,97 +1,16 @@
-// The real command, run as a user runs it.
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include "command.h"
+
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <thread>
 
-#include "nifti_files.h"
-#include "phantom.h"
 #include "scan/checksum.h"
 
 namespace {
 
 using namespace test_files;
-
-struct Result {
-  int status = -1;  // 128 plus the signal for a killed process
-  std::string out, err;
-};
-
-std::string readText(const fs::path& path) {
-  const Bytes bytes = readBytes(path);
-  return {bytes.begin(), bytes.end()};
-}
-
-/// A command that runs with its streams in files of a folder of its own.
-class Process {
- public:
-  Process(
-      const std::string& program, const std::vector<std::string>& arguments,
-      const std::function<void()>& inChild = [] {}) {
-    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    const std::string out = streams_ / "out", err = streams_ / "err";
-    child_ = fork();
-    if (child_ != 0) return;
-    dup2(open(out.c_str(), O_WRONLY | O_CREAT, 0600), 1);
-    dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), 2);
-    inChild();
-    execv(program.c_str(), argv.data());
-    _exit(99);
-  }
-  pid_t id() const { return child_; }
-  std::string out() const { return readText(streams_ / "out"); }
-  Result wait() {
-    int status = 0;
-    waitpid(child_, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out(),
-            readText(streams_ / "err")};
-  }
-
- private:
-  TemporaryFolder streams_;
-  pid_t child_ = 0;
-};
-
-Result run(
-    const std::vector<std::string>& arguments, const std::function<void()>& inChild = [] {}) {
-  return Process(TAVREL_NIFTI_COMMAND, arguments, inChild).wait();
-}
-
-/// A phantom head as voxels of type T, brightest tissue about `white`.
-template <class T>
-std::vector<T> phantom(const FileLayout& layout, double white) {
-  const auto& n = layout.size;
-  const auto image = tavrel::makePhantom(int(n[0]), int(n[1]), int(n[2])).image;
-  std::vector<T> voxels;
-  for (const double v : image)
-    voxels.push_back(T(std::is_integral_v<T> ? std::lround(std::max(0.0, v) * white) : v * white));
-  return voxels;
-}
-
-constexpr std::array<std::int64_t, 3> kSmall = {37, 42, 40};
-
-/// A folder with one scan, scan.nii.gz.
-class Command : public testing::Test {
- protected:
-  void SetUp() override {
-    writeNifti(folder_ / "scan.nii.gz", {.size = kSmall},
-               phantom<std::int16_t>({.size = kSmall}, 200));
-  }
-  std::string name(const std::string& file) const { return folder_ / file; }
-  TemporaryFolder folder_;
-  const std::vector<std::string> onlyScan_ = {"scan.nii.gz"};
-};
 
 template <class Fields>
 Fields headerOf(const fs::path& path) {
@@ -264,10 +183,6 @@ TEST_F(Command, LeavesNothingBehindWhereItCannotWrite) {
   const Result unwritable = run({name("scan.nii.gz"), "--w5", "1.0", "--mask", "/proc/mask.nii"});
   EXPECT_EQ(unwritable.status, 2);
   EXPECT_NE(unwritable.err.find("/proc"), std::string::npos) << unwritable.err;
-  // By the stem alone, the scan's file is known only once it has been found.
-  const Result itself = run({name("scan"), "--brain", name("scan.nii.gz"), "--force"});
-  EXPECT_EQ(itself.status, 2);
-  EXPECT_NE(itself.err.find("is the scan itself"), std::string::npos) << itself.err;
   EXPECT_EQ(run({name("scan.nii.gz"), "--mask", name(std::string(300, 'm') + ".nii")}).status, 2);
   EXPECT_EQ(folder_.list(), onlyScan_);
   if (geteuid() != 0) {
@@ -279,7 +194,6 @@ TEST_F(Command, LeavesNothingBehindWhereItCannotWrite) {
   }
   // A limit on file sizes stands for a full disk: the write fails in its middle.
   const Result full = run({name("scan.nii.gz"), "--w5", "1.0"}, [] {
-    signal(SIGXFSZ, SIG_IGN);
     const rlimit limit = {4096, 4096};
     setrlimit(RLIMIT_FSIZE, &limit);
   });
@@ -295,8 +209,7 @@ TEST_F(Command, CtrlCLeavesNoFile) {
   const auto before = folder_.list();
   Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--w5", "1.0"},
                   [] { signal(SIGHUP, SIG_IGN); });  // as nohup starts it
-  for (int wait = 0; wait < 12000 && process.out().empty(); ++wait)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  process.waitForOutput();
   ASSERT_NE(process.out().find("level 1"), std::string::npos);
   kill(process.id(), SIGHUP);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -339,6 +252,38 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
        {"--out-dir", "--w5", "--finish", "--resample", "--threads", "--json", "Examples"})
     EXPECT_NE(help.out.find(option), std::string::npos) << option;
   EXPECT_EQ(run({"--version"}).out, "tavrel-nifti 1.0.0\n");
+}
+
+TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
+  const std::string scan = name("scan.nii.gz"), mask = name("scan_brain_mask.nii.gz");
+  ASSERT_EQ(run({scan, "--w5", "1.0"}).status, 0);
+  const Bytes brain = inflate(name("scan_brain.nii.gz")), given = readBytes(mask);
+  ASSERT_EQ(run({scan, "--from-mask", mask, "--force"}).status, 0);
+  EXPECT_EQ(inflate(name("scan_brain.nii.gz")), brain);
+  EXPECT_EQ(readBytes(mask), given);
+
+  // Corrected by hand: one half is cut away, and the voxels inside hold 255.
+  Bytes edited = inflate(mask);
+  std::fill(edited.begin() + 352, edited.begin() + 352 + 37 * 42 * 20, '\0');
+  for (char& v : edited) v = &v - edited.data() >= 352 && v ? '\xff' : v;
+  writeBytes(name("edited.nii"), edited);
+  ASSERT_EQ(run({scan, "--from-mask", name("edited.nii"), "--force", "--mask", name("m.nii"),
+                 "--json", name("report.json")})
+                .status,
+            0);
+  const Bytes again = readBytes(name("m.nii")), cut = inflate(name("scan_brain.nii.gz"));
+  const auto inside = std::count(edited.begin() + 352, edited.end(), '\xff');
+  EXPECT_EQ(std::count(again.begin() + 352, again.end(), 1), inside);
+  EXPECT_EQ(std::count(cut.end() - 2 * 37 * 42 * 40, cut.end() - 2 * 37 * 42 * 20, '\0'),
+            2 * 37 * 42 * 20);
+  const auto entry = nlohmann::json::parse(readText(name("report.json")))["scans"][0];
+  EXPECT_EQ(entry["voxels"], inside);
+  EXPECT_TRUE(entry["w5"].is_null());
+
+  writeNifti(name("other.nii"), {}, std::vector<std::int16_t>(120));
+  EXPECT_NE(run({scan, "--from-mask", name("other.nii"), "--force"}).err.find("grid"),
+            std::string::npos);
+  EXPECT_EQ(run({scan, "--from-mask", mask, "--w5", "1"}).status, 1);
 }
 
 TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {

@@ -236,7 +236,7 @@ TEST(Scan, UnusableHeadersAreRefusedWithAReason) {
                   h.vox_offset = offset;
                 }).starts_with("has an impossible data offset"))
         << offset;
-  EXPECT_TRUE(refusalAfter([](auto& h) { h.vox_offset = 1e9f; }).starts_with("is truncated"));
+  EXPECT_TRUE(refusalAfter([](auto& h) { h.vox_offset = 1e9f; }).starts_with("carries more than"));
 
   nifti_2_header large = {};
   large.sizeof_hdr = sizeof large;

@@ -215,6 +215,8 @@ Header oneVolumeHeader(const Header& header, std::size_t extensionBytes) {
         setMagic(fields);
         result.dataOffset = std::int64_t(sizeof fields + extensionBytes);
         fields.vox_offset = static_cast<decltype(fields.vox_offset)>(result.dataOffset);
+        if (static_cast<std::int64_t>(fields.vox_offset) != result.dataOffset)
+          throw ScanError("carries more bytes of extensions than its header can tell");
         if (header.volumes == 1) return;
         fields.dim[0] = 3;
         for (int d = 4; d <= kMostDimensions; ++d) fields.dim[d] = 1;

@@ -62,6 +62,7 @@ std::vector<std::byte> headerBytes(const Header& header);
 
 /// Header of a single file holding one volume of `header`'s grid, followed by `extensionBytes`
 /// bytes (the four-byte extender included) before the voxels.
+/// @throws ScanError if these are too many for the field that says where the voxels begin
 Header oneVolumeHeader(const Header& header, std::size_t extensionBytes);
 
 /// The same with another datatype, no scaling, no intent and the given display range.

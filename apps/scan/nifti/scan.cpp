@@ -1,63 +1,45 @@
 #include "scan.h"
 
-#include <nifti/nifti2_io.h>
-#include <unistd.h>
+#include <sys/stat.h>
 #include <zlib.h>
 
 #include <cerrno>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <limits>
 #include <memory>
 
 #include "datatype.h"
+#include "files.h"
 #include "scan/format.h"
 #include "scan/interrupt.h"
 
 namespace tavrel::scan {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr std::size_t kChunk = std::size_t(1) << 16;
-constexpr std::uint64_t kMostInflation = 1040;  // DEFLATE packs no tighter than 1032 to 1
-
-/// Refuses what is not a file that can be read. Pipes are found out before they are opened, which
-/// would wait for a writer. @throws ScanError with the reason
-void checkRegular(const std::string& path) {
-  std::error_code failure;
-  switch (fs::status(path, failure).type()) {
-    case fs::file_type::regular:
-      break;
-    case fs::file_type::directory:
-      throw ScanError("is a folder");
-    case fs::file_type::not_found:
-      throw ScanError("does not exist");
-    case fs::file_type::none:
-      throw ScanError(text("cannot be opened: ", failure.message()));
-    default:
-      throw ScanError("is not a regular file");
-  }
-  if (access(path.c_str(), R_OK) != 0)
-    throw ScanError(text("cannot be opened: ", std::strerror(errno)));
-}
+constexpr std::uint64_t kMostExtensions = 64 << 20;  // real ones have kilobytes, a few megabytes
+constexpr std::uint64_t kMostInflation = 1040;       // DEFLATE packs no tighter than 1032 to 1
 
 /// A plain or gzip-compressed file. The NIfTI library's own stream does not tell a damaged file
 /// from its end; zlib's does.
 class GzipFile {
  public:
   explicit GzipFile(const std::string& path) {
-    checkRegular(path);
-    file_.reset(gzopen(path.c_str(), "rb"));
-    if (!file_) throw ScanError(text("cannot be opened: ", std::strerror(errno)));
+    Descriptor file = openRegular(path);
+    struct stat status = {};
+    fstat(file.get(), &status);
+    permissions_ = status.st_mode & 0777;
+    file_.reset(gzdopen(file.get(), "rb"));
+    if (!file_) throw std::bad_alloc();
+    file.release();
     gzbuffer(file_.get(), 1 << 18);
-    const std::uint64_t size = fs::file_size(path);
+    const auto size = static_cast<std::uint64_t>(status.st_size);
     atMost_ = gzdirect(file_.get()) ? size : size * kMostInflation;
   }
 
   std::uint64_t atMost() const { return atMost_; }
+  mode_t permissions() const { return permissions_; }
 
   std::size_t read(std::span<std::byte> bytes) {
     errno = 0;
@@ -79,10 +61,13 @@ class GzipFile {
 
   std::unique_ptr<gzFile_s, int (*)(gzFile)> file_{nullptr, gzclose};
   std::uint64_t atMost_ = 0;
+  mode_t permissions_ = 0;
 };
 
-ByteSource openSource(const std::string& path) {
+/// @param permissions  loses those that the file does not grant
+ByteSource openSource(const std::string& path, mode_t& permissions) {
   const auto file = std::make_shared<GzipFile>(path);
+  permissions &= file->permissions();
   return {[file](std::span<std::byte> bytes) { return file->read(bytes); }, file->atMost()};
 }
 
@@ -121,13 +106,21 @@ void skip(ByteSource& source, std::uint64_t count, const char* what) {
   readChunks(source, count, what, [&](std::size_t size) { return std::span(chunk).first(size); });
 }
 
+/// Refuses what no scan carries beside its voxels and what would fill the memory.
+void checkExtensions(std::uint64_t bytes) {
+  if (bytes > kMostExtensions)
+    throw ScanError(text("carries more than ", kMostExtensions >> 20, " MiB before its voxels"));
+}
+
 /// Reads to the end of a file, which checks its checksum.
 std::vector<std::byte> readRest(ByteSource& source, bool keep) {
   std::vector<std::byte> kept, chunk(kChunk);
   for (std::size_t got = kChunk; got == kChunk;) {
     checkInterrupted();
     got = source.read(chunk);
-    if (keep) kept.insert(kept.end(), chunk.begin(), chunk.begin() + std::ptrdiff_t(got));
+    if (!keep) continue;
+    checkExtensions(kept.size() + got);
+    kept.insert(kept.end(), chunk.begin(), chunk.begin() + std::ptrdiff_t(got));
   }
   return kept;
 }
@@ -167,47 +160,36 @@ double lowestOf() {
   return static_cast<double>(std::numeric_limits<T>::lowest());
 }
 
-/// Name that the library found, or nothing.
-std::string found(char* name) {
-  const std::unique_ptr<char, void (*)(void*)> owner(name, std::free);
-  return name ? name : "";
-}
-
 }  // namespace
 
-std::string findHeaderFile(const std::string& name) {
-  nifti_set_debug_level(0);  // the library writes nothing of its own
-  std::error_code failure;
-  if (fs::exists(name, failure)) checkRegular(name);
-  const std::string path = found(nifti_findhdrname(name.c_str()));
-  if (!path.empty()) return path;
-  checkRegular(name);
-  if (name.ends_with(".img") || name.ends_with(".img.gz"))
-    throw ScanError("has no header file (.hdr) beside it");
-  throw ScanError("does not end in .nii, .nii.gz, .hdr or .img");
-}
-
-Scan readScan(const std::string& name, std::optional<std::int64_t> volume) {
-  const std::string path = findHeaderFile(name);
+Scan readScan(const std::string& name, std::optional<std::int64_t> volume,
+              const HeaderCheck& check) {
+  const std::string path = findHeader(name);
   std::string image;
+  mode_t permissions = 0777;
   const auto openImage = [&] {
-    image = found(nifti_findimgname(path.c_str(), NIFTI_FTYPE_NIFTI1_2));
-    if (image.empty() || fs::equivalent(image, path))
-      throw ScanError("has no image file (.img) beside it");
-    return openSource(image);
+    image = firstThatExists(imageNames(path));
+    if (image.empty()) throw ScanError("has no image file (.img) beside it");
+    try {
+      return openSource(image, permissions);
+    } catch (const ScanError& error) {
+      throw ScanError(text("its image file ", image, " ", error.what()));
+    }
   };
-  Scan scan = readScan(openSource(path), openImage, volume);
+  Scan scan = readScan(openSource(path, permissions), openImage, volume, check);
   scan.path = path;
   scan.imagePath = image;
+  scan.permissions = permissions;
   return scan;
 }
 
 Scan readScan(ByteSource source, const std::function<ByteSource()>& openImage,
-              std::optional<std::int64_t> volume) {
+              std::optional<std::int64_t> volume, const HeaderCheck& check) {
   Scan scan;
   scan.header = readHeader(source);
   const Header& header = scan.header;
   const std::int64_t chosen = chooseVolume(header, volume);
+  checkExtensions(std::uint64_t(header.dataOffset));
   const auto headerLength = headerBytes(header).size();
   if (header.pair) {
     scan.extensions = readRest(source, true);
@@ -219,6 +201,7 @@ Scan readScan(ByteSource source, const std::function<ByteSource()>& openImage,
   if (needed > source.atMost)
     throw ScanError(text("is truncated (its header announces ", needed, " bytes, more than the ",
                          source.atMost, " that the file can hold)"));
+  if (check) check(header);
   if (header.pair)
     skip(source, std::uint64_t(header.dataOffset), "image file");
   else

@@ -6,6 +6,8 @@
 // alone: the file has to be large enough for it first.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -25,6 +27,7 @@ struct Scan {
   Header header;                      ///< of the whole file
   std::vector<std::byte> extensions;  ///< extender and extensions, as in the file
   std::vector<std::byte> stored;      ///< voxels of one volume, as in the file
+  mode_t permissions = 0666;          ///< of the file, or what both of a pair grant
 };
 
 /// Bytes of a file from first to last, decompressed if need be.
@@ -35,18 +38,18 @@ struct ByteSource {
   std::uint64_t atMost = 0;  ///< upper bound of the bytes that can come
 };
 
-/// Finds the file that holds the header: the name itself, the .hdr of an .img, or a name with the
-/// usual extensions added. @throws ScanError if there is none
-std::string findHeaderFile(const std::string& name);
+/// Called with the header before anything is allocated for the voxels; throws to stop the reading.
+using HeaderCheck = std::function<void(const Header&)>;
 
 /// Reads a file, or a pair of which either file (or the common stem) is named.
 /// @param volume  which volume of a 4-D file, counted from 0; may be absent if there is one only
 /// @throws ScanError with the reason; Interrupted
-Scan readScan(const std::string& name, std::optional<std::int64_t> volume = {});
+Scan readScan(const std::string& name, std::optional<std::int64_t> volume = {},
+              const HeaderCheck& check = {});
 
 /// The same from bytes. `openImage` opens the second file of a pair.
 Scan readScan(ByteSource header, const std::function<ByteSource()>& openImage,
-              std::optional<std::int64_t> volume = {});
+              std::optional<std::int64_t> volume = {}, const HeaderCheck& check = {});
 
 /// The voxels as numbers to compare with one another. Where the header shifts the values or turns
 /// them round (an intercept, a negative slope) these are the real values slope * stored + inter; a

@@ -1,0 +1,263 @@
+#include "job.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <memory>
+#include <new>
+#include <set>
+#include <system_error>
+
+#include "checksum.h"
+#include "format.h"
+#include "interrupt.h"
+#include "memory.h"
+#include "nifti/scan.h"
+#include "nifti/writer.h"
+#include "output.h"
+#include "picture.h"
+#include "targets.h"
+
+namespace tavrel::scan {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The region that the method looks at round each voxel is 21 voxels wide.
+constexpr double kFinestMm = 0.7, kCoarsestMm = 2.1, kMostAnisotropic = 2;
+// Limits of what --resample takes for a head.
+constexpr double kLargestHeadMm = 1000, kLargestVoxelMm = 20;
+
+template <class... Args>
+void tell(const std::function<void(Args...)>& listener, const auto&... values) {
+  if (listener) listener(values...);
+}
+
+Grid gridOf(const Header& header) { return {header.size, header.spacing}; }
+
+/// Whether voxels with the same index lie at the same place in the head, as far as sizes, spacings
+/// and directions tell (programs that draw masks round the rest, or leave it out).
+bool sameGrid(const Header& a, const Header& b) {
+  for (int d = 0; d < 3; ++d)
+    if (std::abs(a.spacing[d] - b.spacing[d]) > 0.01 * b.spacing[d]) return false;
+  if (!a.orientation || !b.orientation) return a.size == b.size;
+  return a.size == b.size && a.orientation->axis == b.orientation->axis &&
+         a.orientation->ascending == b.orientation->ascending;
+}
+
+/// What the user should know about a scan's voxel sizes, or nothing.
+std::string spacingNotice(const Header& header) {
+  const auto [least, most] = std::minmax_element(header.spacing.begin(), header.spacing.end());
+  if (*least >= kFinestMm && *most <= kCoarsestMm && *most <= kMostAnisotropic * *least) return "";
+  return text("voxels of ", header.spacing[0], " x ", header.spacing[1], " x ", header.spacing[2],
+              " mm are far from 1 mm; --resample 1 may do better");
+}
+
+std::string gigabytes(std::uint64_t bytes) { return print("%.1f GB", double(bytes) / 1e9); }
+
+/// A wrong voxel size in the header would make a grid out of all proportion.
+void checkResampling(const Header& header) {
+  for (int d = 0; d < 3; ++d)
+    if (header.size[d] * header.spacing[d] > kLargestHeadMm || header.spacing[d] > kLargestVoxelMm)
+      throw ScanError(text("is no head by its voxels of ", header.spacing[0], " x ",
+                           header.spacing[1], " x ", header.spacing[2],
+                           " mm, which --resample has to rely on"));
+}
+
+std::unique_ptr<Image> imageOf(const Scan& scan) {
+  const Size& size = scan.header.size;
+  auto image = std::make_unique<Image>(size[0], size[1], size[2]);
+  intensities(scan, {image->p, voxelCount(size)});
+  return image;
+}
+
+/// The reason why a job failed, from the exception being handled.
+std::string reason() {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return "needs more memory than there is";
+  } catch (const fs::filesystem_error& error) {
+    return error.what();
+  } catch (const std::system_error& error) {
+    return text("cannot start its threads (", error.code().message(), "); try fewer");
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
+/// A job on its way.
+class Run {
+ public:
+  Run(const ScanJob& job, const JobObserver& observer, ScanResult& result)
+      : job_(job), observer_(observer), result_(result) {}
+
+  void operator()() {
+    checkOutputs({&job_, 1});
+    for (const auto& path : job_.outputs.all()) checkTarget(path, job_.force);
+    tell(observer_.onStage, "reading");
+    scan_ = readScan(job_.input, job_.volume, [this](const Header& header) { check(header); });
+    describeScan();
+    stripped_ = job_.fromMask.empty() ? strip() : givenMask();
+    describeMask();
+    tell(observer_.onStage, "writing");
+    write();
+  }
+
+ private:
+  void notice(const std::string& line) {
+    result_.notices.push_back(line);
+    tell(observer_.onNotice, line);
+  }
+
+  /// Refuses what could not be stripped before anything is allocated for it.
+  void check(const Header& header) const {
+    const StripSettings settings = this->settings();
+    if (settings.resampleMm) checkResampling(header);
+    const std::uint64_t need = memoryNeed(header, settings), available = availableMemory();
+    if (need > available)
+      throw ScanError(text("needs about ", gigabytes(need), " of memory, and there are ",
+                           gigabytes(available)));
+  }
+
+  StripSettings settings() const {
+    StripSettings settings = job_.strip;
+    settings.phi = !job_.outputs.phi.empty();
+    return settings;
+  }
+
+  void describeScan() {
+    const Header& header = scan_.header;
+    result_.size = header.size;
+    result_.spacing = header.spacing;
+    result_.permissions = scan_.permissions;
+    result_.sha256 = sha256(scan_.path);
+    if (!scan_.imagePath.empty()) result_.imageSha256 = sha256(scan_.imagePath);
+    for (const std::string& line : header.notices) notice(line);
+    const std::string line = spacingNotice(header);
+    if (job_.fromMask.empty() && !job_.strip.resampleMm && !line.empty()) notice(line);
+  }
+
+  Stripped strip() {
+    const StripSettings settings = this->settings();
+    const Grid grid = gridOf(scan_.header);
+    tell(observer_.onGrid, strippingGrid(grid, settings));
+    StripObserver observer = observer_.strip;
+    observer.checkpoint = [this] {
+      checkInterrupted();
+      pass(observer_.strip.checkpoint);
+    };
+    return stripScan(imageOf(scan_), grid, settings, observer);
+  }
+
+  Scan readMask() const {
+    try {
+      return readScan(job_.fromMask, {}, [this](const Header& header) {
+        if (!sameGrid(header, scan_.header)) throw ScanError("is not on the scan's grid");
+      });
+    } catch (const ScanError& error) {
+      throw ScanError(text("its mask ", job_.fromMask, " ", error.what()));
+    }
+  }
+
+  /// The mask that the job names, instead of a stripped one.
+  Stripped givenMask() {
+    const Scan file = readMask();
+    std::vector<double> values(voxelCount(file.header.size));
+    intensities(file, values);
+    Stripped given;
+    given.w5 = result_.w5;
+    given.mask.resize(values.size());
+    std::transform(values.begin(), values.end(), given.mask.begin(),
+                   [](double value) { return char(value > 0); });
+    return given;
+  }
+
+  void describeMask() {
+    const auto& mask = stripped_.mask;
+    result_.voxels = std::size_t(std::count(mask.begin(), mask.end(), 1));
+    result_.volumeMl = millilitres(double(result_.voxels), result_.spacing);
+    result_.box = boundingBox(mask, result_.size);
+    result_.w5 = stripped_.w5;
+    result_.levels = stripped_.levels;
+    if (stripped_.leaks)
+      result_.flags.push_back({"leak", "the mask seems to leak out of the skull"});
+    if (result_.voxels > 0) return;
+    if (job_.fromMask.empty() && job_.strip.finish)
+      throw ScanError("shows no brain to the method (the mask is empty)");
+    notice("the mask is empty");
+  }
+
+  std::vector<std::byte> picture() const {
+    std::vector<double> values(voxelCount(scan_.header.size));
+    intensities(scan_, values);
+    std::string caption = text(std::lround(result_.volumeMl), " mL   ",
+                               job_.fromMask.empty() ? weight(result_.w5) : "given mask");
+    for (const Flag& flag : result_.flags) caption += "   " + flag.text;
+    if (!scan_.header.orientation) caption += "   orientation unknown, cuts as stored";
+    return drawPicture({values, stripped_.mask, scan_.header.size, scan_.header.spacing,
+                        scan_.header.orientation, fs::path(job_.input).filename().string(),
+                        caption});
+  }
+
+  /// Writes all outputs beside their targets, then puts them in place together.
+  void write() {
+    const OutputPaths& paths = job_.outputs;
+    std::vector<std::byte> png;
+    if (!paths.qc.empty()) png = picture();
+    std::set<fs::path> folders;
+    for (const fs::path& target : paths.all()) folders.insert(folderOf(target));
+    for (const fs::path& folder : folders) removeStale(folder);
+    std::vector<PendingFile> files;
+    if (!paths.brain.empty()) files.push_back(writeBrain(paths.brain, scan_, stripped_.mask));
+    if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
+    if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_, stripped_.phi));
+    if (!paths.qc.empty()) files.push_back(writePending(paths.qc, png, scan_.permissions));
+    checkInterrupted();
+    commitTogether(files, job_.force);
+  }
+
+  const ScanJob& job_;
+  const JobObserver& observer_;
+  ScanResult& result_;
+  Scan scan_;
+  Stripped stripped_;
+};
+
+}  // namespace
+
+std::vector<fs::path> OutputPaths::all() const {
+  std::vector<fs::path> result;
+  for (const auto& path : {brain, mask, phi, qc})
+    if (!path.empty()) result.push_back(path);
+  return result;
+}
+
+ScanResult stripFile(const ScanJob& job, const JobObserver& observer) {
+  const auto start = std::chrono::steady_clock::now();
+  ScanResult result;
+  try {
+    Run(job, observer, result)();
+    result.done = true;
+  } catch (const Interrupted&) {
+    throw;
+  } catch (...) {
+    result.reason = reason();
+  }
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return result;
+}
+
+std::uint64_t memoryNeed(const Header& header, const StripSettings& settings) {
+  // Bytes a voxel, measured over heads of 0.9 to 17 million voxels and rounded up: reading and
+  // drawing; the evolution and the distances of the finishing; what comes on top.
+  constexpr std::uint64_t kScan = 12, kWork = 48, kResampling = 16, kPhi = 12;
+  constexpr std::uint64_t kProgram = 32 << 20;
+  const std::uint64_t scan = voxelCount(header.size);
+  const std::uint64_t work = voxelCount(strippingGrid(gridOf(header), settings).size);
+  return kProgram + scan * (kScan + 2 * std::uint64_t(header.bytesPerVoxel)) + work * kWork +
+         (settings.resampleMm ? scan * kResampling : 0) +
+         (settings.phi ? std::max(scan, work) * kPhi : 0);
+}
+
+}  // namespace tavrel::scan
