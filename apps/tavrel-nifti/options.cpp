@@ -214,6 +214,9 @@ class CommandLine {
          {std::pair{"--brain", o_.brain}, {"--mask", o_.mask}, {"--phi", o_.phi}})
       checkEnding(option, name, {".nii", ".nii.gz"});
     checkEnding("--qc", o_.qc, {".png"});
+    // As in "--json *.nii", where the report's name was forgotten.
+    if (withoutEnding(o_.json) != o_.json)
+      throw CLI::ValidationError("--json", "\"" + o_.json + "\" is the name of a scan");
   }
 
   using OptionList = std::vector<const CLI::Option*>;

@@ -23,6 +23,12 @@ mode_t modeOf(const fs::path& path) {
   return status.st_mode;
 }
 
+constexpr uid_t kNobody = 65534;
+
+void becomeNobody() {
+  if (setuid(kNobody) != 0) _exit(98);
+}
+
 std::vector<std::int16_t> smallHead() { return phantom<std::int16_t>({.size = kSmall}, 200); }
 
 TEST_F(Safety, NoOutputReplacesAScanOfTheRun) {
@@ -36,6 +42,7 @@ TEST_F(Safety, NoOutputReplacesAScanOfTheRun) {
   fs::create_symlink("scan.nii.gz", name("link.nii.gz"));
   fs::create_symlink("link.nii.gz", name("links.nii.gz"));
   fs::create_hard_link(name("sub.nii.gz"), name("hard.nii.gz"));
+  fs::create_hard_link(name("sub.nii.gz"), name("unlike"));
   fs::create_directory(name("d"));
   fs::create_directory_symlink(".", name("here"));
   std::map<std::string, Bytes> before;
@@ -46,6 +53,8 @@ TEST_F(Safety, NoOutputReplacesAScanOfTheRun) {
       {name("p.img"), "--json", name("p.hdr")},
       {name("p"), "--json", name("d/../p.img")},
       {name("scan"), "--json", name("scan.nii.gz")},
+      {name("sub"), "--json", name("unlike")},
+      {name("sub"), "--json", name("two_brain.img")},
       {name("scan"), "--brain", name("scan.nii.gz")},
       {name("BIG"), "--json", name("BIG.NII")},
       {name("sub"), name("sub_brain")},
@@ -122,14 +131,11 @@ TEST_F(Safety, AFailedReplacementPutsTheOldFilesBack) {
   if (geteuid() != 0) GTEST_SKIP() << "needs two users";
   // In a sticky folder a user may replace his own files alone.
   const std::string brain = name("scan_brain.nii.gz"), mask = name("scan_brain_mask.nii.gz");
-  constexpr uid_t kNobody = 65534;
   writeBytes(brain, {'o', 'l', 'd'});
   writeBytes(mask, {'o', 'l', 'd'});
   ASSERT_EQ(chown(brain.c_str(), kNobody, kNobody), 0);
   fs::permissions(folder_.path(), fs::perms(01777));
-  const Result result = run({name("scan.nii.gz"), "--w5", "1", "--force"}, [] {
-    if (setuid(kNobody) != 0) _exit(98);
-  });
+  const Result result = run({name("scan.nii.gz"), "--w5", "1", "--force"}, becomeNobody);
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find(mask + " cannot be written"), std::string::npos) << result.err;
   EXPECT_EQ(readText(brain), "old");
@@ -157,6 +163,17 @@ TEST_F(Safety, PipesAndFoldersForScansAreRefusedAtOnce) {
     EXPECT_EQ(result.status, 2) << scan;
     EXPECT_NE(result.err.find(name(scan) + ": " + reason), std::string::npos) << result.err;
   }
+}
+
+TEST_F(Safety, AnImageThatMayNotBeReadIsNotCalledMissing) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs two users";
+  writeNifti(name("p.hdr"), {.fileType = NIFTI_FTYPE_NIFTI1_2}, std::vector<std::int16_t>(120));
+  fs::permissions(name("p.img"), fs::perms::none);
+  fs::permissions(folder_.path(), fs::perms::all);
+  const Result result = run({name("p")}, becomeNobody);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("p.img cannot be opened: Permission denied"), std::string::npos)
+      << result.err;
 }
 
 TEST_F(Safety, AnInterruptEndsAnyWait) {
