@@ -36,7 +36,8 @@ TEST_F(Safety, NoOutputReplacesAScanOfTheRun) {
   writeNifti(name("p.hdr"), {.fileType = NIFTI_FTYPE_NIFTI1_2}, voxels);
   // Would be read as two_brain.nii.gz once that is there.
   writeNifti(name("two_brain.hdr"), {.fileType = NIFTI_FTYPE_NIFTI1_2}, voxels);
-  for (const char* one : {"two.nii.gz", "sub.nii.gz", "sub_brain.nii.gz", "sub_brain_mask.nii", "BIG.NII"})
+  for (const char* one :
+       {"two.nii.gz", "sub.nii.gz", "sub_brain.nii.gz", "sub_brain_mask.nii", "BIG.NII"})
     writeNifti(name(one) == name("BIG.NII") ? name("big.nii") : name(one), {}, voxels);
   fs::rename(name("big.nii"), name("BIG.NII"));
   fs::create_symlink("scan.nii.gz", name("link.nii.gz"));
