@@ -119,12 +119,41 @@ void examine(const Trial& trial, Evidence& e) {
 
 Judgement judge(const Evidence& e, const VolumeRange& volumes) {
   Judgement result;
-  const auto rule = [&](double rating, const char* code, auto&& text) {
+  const auto rule = [&](double value, double sound, double limit, const char* code,
+                        const std::string& text) {
+    const double rating = rate(value, sound, limit);
     result.confidence *= rating;
-    if (rating < 0.5) result.flags.push_back({code, text()});
+    if (rating < 0.5) result.flags.push_back({code, text});
   };
-  rule(1, "none", [] { return std::string(); });
-  (void)volumes; (void)e;
+  const std::string volume = print("volume %.0f mL is outside %g to %g", e.volumeMl, volumes.least,
+                                   volumes.most);
+  rule(e.volumeMl, 1.1 * volumes.least, volumes.least, "volume", volume);
+  rule(e.volumeMl, 0.95 * volumes.most, volumes.most, "volume", volume);
+  // Limits between what was seen of sound masks (the worst of them in brackets) and of others; see
+  // docs/accuracy.md.
+  rule(e.agreement, 0.95, 0.92, "unstable",  // 0.937
+       print("mask depends on W5 (agreement %.2f)", e.agreement));
+  rule(e.shrinking, 0.5, 0.6, "unstable",  // 0.47
+       print("mask loses %.0f %% of its volume when W5 grows", 100 * e.shrinking));
+  rule(e.gapless, 0.1, 0.2, "gap",  // 0.05
+       print("no dark gap behind %.0f %% of the surface", 100 * e.gapless));
+  rule(e.whiteOverGrey, 1.2, 1.12, "contrast",  // 1.20
+       print("contrast is not T1-like (core %.2f times as bright as the surface)",
+             e.whiteOverGrey));
+  rule(e.emptyAround, 0.8, 0.9, "stripped", "already stripped: nothing around the brain");  // 0.62
+  rule(e.seedInside, 0.65, 0.5, "seed",  // 0.81
+       print("seed outside the brain (%.0f %% of it inside the mask)", 100 * e.seedInside));
+  rule(e.cutCm2, 5, 10, "cut",  // 2.7
+       print("cut by the field of view (%.0f cm2 of the mask at its border)", e.cutCm2));
+  rule(e.cutBelowCm2, 20, 30, "cut",  // 15
+       print("cut by the field of view (%.0f cm2 of the mask at its bottom)", e.cutBelowCm2));
+  rule(e.widthMm, 165, 175, "leak", print("leak: the mask is %.0f mm wide", e.widthMm));  // 152
+  rule(e.lengthMm, 205, 215, "leak", print("leak: the mask is %.0f mm long", e.lengthMm));  // 180
+  rule(e.heightMm, 180, 190, "leak", print("leak: the mask is %.0f mm high", e.heightMm));  // 168
+  rule(e.headWidthMm, 240, 270, "head", print("head is %.0f mm wide", e.headWidthMm));  // 224
+  rule(e.otherPiece, 0.15, 0.3, "head",
+       print("another bright object of %.0f %% of the head's size", 100 * e.otherPiece));
+  rule(e.voxelMm3, 27, 43, "resolution", print("voxels of %.0f mm3 are too large", e.voxelMm3));
   return result;
 }
 

@@ -21,7 +21,7 @@ constexpr std::array<double, 3> kSeedHalf = {36, 43, 32};
 constexpr double kTrialOpen = 2, kTrialClose = 6;  // finishing on the level of the trials
 constexpr double kHold = 6;    // from the trial's finished mask to where the surface may go
 constexpr int kCoarsestSteps = 200, kSteps = 12;
-constexpr double kMostTrialMl = 2100;
+constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials' masks are tighter
 // The finest level only has to find the border near the chosen mask: there the brain's own mean
 // counts more, so that the darker voxels of the gap stay out.
 constexpr double kFinestW5 = 0.8;
@@ -119,14 +119,14 @@ class Chain {
   std::size_t trialLevel() const { return levels_.size() - std::min<std::size_t>(2, levels_.size()); }
 
   void runTrials() {
-    std::vector<double> weights(std::begin(kWeights), std::end(kWeights));
-    if (settings_.w5) weights = {*settings_.w5};
-    trials_.resize(weights.size());
     for (std::size_t l = trialLevel(); l < levels_.size(); ++l) images_.emplace_back(levels_[l], 2);
-    parallelFor(settings_.threads, int(weights.size()), [&](int i) {
-      trials_[std::size_t(i)] = trial(weights[std::size_t(i)]);
-    });
-    choice_ = chooseWeight(trials_, kMostTrialMl);
+    if (settings_.w5)
+      addTrials({{*settings_.w5}});
+    else
+      addTrials(kWeights);
+    // Where the largest weight is the best one, larger ones may be better.
+    while (!settings_.w5 && choice_.chosen + 1 == trials_.size() && trials_.back().w5 < kLargestWeight)
+      addTrials({{trials_.back().w5 + kWeightStep}});
   }
 
   /// The mask on the working grid.
@@ -169,6 +169,15 @@ class Chain {
     Front(image).evolve(inside, domain, {.w5 = w5, .mostSteps = steps, .threads = threads},
                         observer_.checkpoint);
     return image.withoutBorder(inside);
+  }
+
+  void addTrials(std::span<const double> weights) {
+    const std::size_t before = trials_.size();
+    trials_.resize(before + weights.size());
+    parallelFor(settings_.threads, int(weights.size()), [&](int i) {
+      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)]);
+    });
+    choice_ = chooseWeight(trials_, kTrialShare * settings_.volumes.most);
   }
 
   WeightTrial trial(double w5) const {
@@ -228,6 +237,8 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   evidence.cutCm2 = cut.elsewhere;
   evidence.cutBelowCm2 = cut.below;
   evidence.volumeMl = millilitres(double(mask.count()), work.grid().spacing);
+  evidence.otherPiece = head->otherPiece;
+  evidence.voxelMm3 = 1000 * millilitres(1, scan.grid.spacing);
   evidence.headWidthMm = boundingBox(head->mask).size()[0] * head->blocks.spacing[0];
   Stripped result;
   result.mask = work.toScan(scan, mask);
