@@ -153,14 +153,15 @@ def summarise(rows):
         print(f"  good told as bad: {len(alarms)}: {names(alarms)}")
     must = [row for row in rows if row["kind"] == "must-tell"]
     either = [row for row in rows if row["kind"] == "right-or-told"]
-    print(f"  must be told: {len(must)}, told {sum(map(told, must))}; right or told: {len(either)}, "
-          f"are {sum(told(row) or not failed(row) for row in either)}")
+    print(f"  must be told: {len(must)}, told {sum(map(told, must))}; right or told: "
+          f"{len(either)}, are {sum(told(row) or not failed(row) for row in either)}")
     print(f"  failures that nothing told: {names(filter(silent, rows))}")
     broken = [row for row in rows if row["status"] in ("crashed", "wrong")]
     print(f"  crashed or without a usable mask: {names(broken)}")
     worst = max(rows, key=lambda row: float(row["cpu_s"]))
-    print(f"  CPU mean {numpy.mean(times):.2f} s, worst {max(times):.2f} s ({names([worst])}); peak "
-          f"memory {max(float(row['peak_mb'] or 0) for row in rows):.0f} MB")
+    peak = max(float(row["peak_mb"]) for row in rows)
+    print(f"  CPU mean {numpy.mean(times):.2f} s, worst {max(times):.2f} s ({names([worst])}); "
+          f"peak memory {peak:.0f} MB")
 
 
 def cell(row):
