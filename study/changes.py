@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Changes head scans and their brain masks the way scanners, archives and people do.
 
-usage: changes.py [--set NAME ...] [--cases NAME ...] [--jobs N] FOLDER NAME=SCAN,MASK ...
+usage: changes.py FOLDER NAME=SCAN,MASK ... [--set NAME ...] [--cases NAME ...] [--jobs N]
        changes.py --list
 
 Writes FOLDER/NAME__CASE.nii with FOLDER/NAME__CASE_mask.nii, and FOLDER/cases.tsv, which names them
