@@ -35,6 +35,7 @@ import numpy
 COLUMNS = ["head", "case", "set", "kind", "status", "dice", "ml", "w5", "confidence", "flags",
            "cpu_s", "peak_mb", "reason"]
 GOOD = 0.93  # a lower Dice is a failure
+REFUSALS = (2, 3)  # the command's exit statuses for scans; 1 is wrong usage
 NOISE = 0.005  # a smaller difference between two results is none
 
 
@@ -67,7 +68,7 @@ def judge(cost, mask, reference):
     if cost["status"] < 0:
         return "crashed", None
     if not mask.exists():
-        return ("refused" if cost["status"] else "wrong"), None
+        return ("refused" if cost["status"] in REFUSALS else "wrong"), None
     overlap = dice(mask, reference)
     return ("wrong" if overlap is None else "done"), overlap
 
