@@ -124,9 +124,11 @@ class Chain {
       addTrials({{*settings_.w5}});
     else
       addTrials(kWeights);
-    // Where the largest weight is the best one, larger ones may be better.
-    while (!settings_.w5 && choice_.chosen + 1 == trials_.size() && trials_.back().w5 < kLargestWeight)
-      addTrials({{trials_.back().w5 + kWeightStep}});
+    const auto goOn = [&] {
+      return choice_.best + 1 == trials_.size() && choice_.ratings.back() < kStable &&
+             trials_.back().w5 < kLargestWeight;
+    };
+    while (!settings_.w5 && goOn()) addTrials({{trials_.back().w5 + kWeightStep}});
   }
 
   /// The mask on the working grid.
@@ -158,6 +160,13 @@ class Chain {
     if (seed.size() != image.grid.size) seed = doubled(seed, image.grid.size);
     examine({image, trials_[choice_.chosen].finished, seed}, e);
     return e;
+  }
+
+  std::vector<TrialRecord> records() const {
+    std::vector<TrialRecord> records;
+    for (std::size_t i = 0; i < trials_.size(); ++i)
+      records.push_back({trials_[i].w5, trials_[i].ml, choice_.ratings[i]});
+    return records;
   }
 
   double w5() const { return trials_[choice_.chosen].w5; }
@@ -218,19 +227,28 @@ class Chain {
 
 }  // namespace
 
+Grid largestWorkGrid(const ScanView& scan, const StripSettings& settings) {
+  return WorkGrid(scan, largestWorkBox(scan), settings.resampleMm).grid();
+}
+
 Stripped stripScan(const ScanView& scan, const StripSettings& settings,
                    const StripObserver& observer) {
+  const auto stage = [&](const char* name, double done) {
+    pass(observer.checkpoint);
+    if (observer.onStage) observer.onStage(name, done);
+  };
+  stage("finding the head", 0);
   const auto head = findHead(scan);
   if (!head) throw NoHead("holds no head");
-  pass(observer.checkpoint);
   const WorkGrid work(scan, head->box, settings.resampleMm);
   constexpr double kHeadroom = 1.3;  // above the bright tissue's intensity
   Intensities image =
       work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low));
   minimumFilter(image);
-  pass(observer.checkpoint);
+  stage("trying weights", 0.2);
   Chain chain(std::move(image), work.fromScan(head->centre), settings, observer);
   chain.runTrials();
+  stage("finest level", 0.7);
   const BitVolume mask = chain.finest();
   Evidence evidence = chain.evidence();
   const FieldOfViewCut cut = work.cut(mask);
@@ -243,6 +261,7 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   Stripped result;
   result.mask = work.toScan(scan, mask);
   result.w5 = chain.w5();
+  result.trials = chain.records();
   result.judgement = judge(evidence, settings.volumes);
   return result;
 }
