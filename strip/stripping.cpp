@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <mutex>
 
 #include "parallel.h"
 #include "front.h"
@@ -144,8 +145,12 @@ class Chain {
     BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
     domain = cropped(domain, box);
     inside &= domain;
-    inside = evolve(level, inside, level.withBorder(domain), settings_.w5.value_or(kFinestW5),
-                    kSteps, settings_.threads);
+    idle_.clear();
+    Front front(level);
+    inside = evolve(level, front, inside, level.withBorder(domain),
+                    {.w5 = settings_.w5.value_or(kFinestW5),
+                     .mostSteps = kSteps,
+                     .threads = settings_.threads});
     return uncropped(finished(std::move(inside)), box, image.grid.size);
   }
 
@@ -172,24 +177,41 @@ class Chain {
   double w5() const { return trials_[choice_.chosen].w5; }
 
  private:
-  BitVolume evolve(const LevelImage& image, const BitVolume& from, const BitVolume& domain,
-                   double w5, int steps, int threads) const {
+  BitVolume evolve(const LevelImage& image, Front& front, const BitVolume& from,
+                   const BitVolume& domain, const FrontSettings& settings) const {
     BitVolume inside = image.withBorder(from);
-    Front(image).evolve(inside, domain, {.w5 = w5, .mostSteps = steps, .threads = threads},
-                        observer_.checkpoint);
+    front.evolve(inside, domain, settings, observer_.checkpoint);
     return image.withoutBorder(inside);
   }
+
+  using Fronts = std::vector<std::unique_ptr<Front>>;  // one a level of images_
 
   void addTrials(std::span<const double> weights) {
     const std::size_t before = trials_.size();
     trials_.resize(before + weights.size());
     parallelFor(settings_.threads, int(weights.size()), [&](int i) {
-      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)]);
+      auto fronts = borrowFronts();
+      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)], *fronts);
+      const std::lock_guard guard(idleLock_);
+      idle_.push_back(std::move(fronts));
     });
     choice_ = chooseWeight(trials_, kTrialShare * settings_.volumes.most);
   }
 
-  WeightTrial trial(double w5) const {
+  /// Fronts of another trial, whose memory is used again, or new ones.
+  std::unique_ptr<Fronts> borrowFronts() {
+    const std::lock_guard guard(idleLock_);
+    if (!idle_.empty()) {
+      auto fronts = std::move(idle_.back());
+      idle_.pop_back();
+      return fronts;
+    }
+    auto fronts = std::make_unique<Fronts>();
+    for (const LevelImage& image : images_) fronts->push_back(std::make_unique<Front>(image));
+    return fronts;
+  }
+
+  WeightTrial trial(double w5, Fronts& fronts) const {
     WeightTrial result;
     result.w5 = w5;
     result.raw = seed_;
@@ -197,7 +219,8 @@ class Chain {
     for (std::size_t l = images_.size(); l-- > 0; steps = kSteps) {
       const LevelImage& image = images_[l];
       if (l + 1 < images_.size()) result.raw = doubled(result.raw, image.grid().size);
-      result.raw = evolve(image, result.raw, image.domain(), w5, steps, 1);
+      result.raw = evolve(image, *fronts[l], result.raw, image.domain(),
+                          {.w5 = w5, .mostSteps = steps});
     }
     const Grid& grid = images_.front().grid();
     result.finished = result.raw;
@@ -221,6 +244,8 @@ class Chain {
   std::vector<Intensities> levels_;  // finest first
   std::vector<LevelImage> images_;   // of the trials' level and coarser ones
   BitVolume seed_;
+  std::mutex idleLock_;
+  std::vector<std::unique_ptr<Fronts>> idle_;
   std::vector<WeightTrial> trials_;
   WeightChoice choice_;
 };
