@@ -68,8 +68,6 @@ class Digest {
   std::size_t value_ = 0;
 };
 
-using exact::InstructionSet;
-
 exact::Grid gridOf(const Image& image) { return {image.sizeX, image.sizeY, image.sizeZ}; }
 
 /// All that a step's stages leave.
@@ -238,7 +236,7 @@ void addRegionSums<ShippedStep>(int x) {
   for (const auto& [set, name] : {std::pair{InstructionSet::portable, "portable"},
                                   {InstructionSet::avx2, "AVX2"},
                                   {InstructionSet::avx512, "AVX-512"}}) {
-    if (set > exact::widestInstructionSet()) continue;
+    if (set > widestInstructionSet()) continue;
     addStage<ShippedStep>(
         "region sums", x, band, [set = set](ShippedStep& step) { step.regionSums(set); }, name);
   }

@@ -30,12 +30,10 @@ float runPortable(FrontLoop loop, const FrontView& v, std::size_t first, std::si
 }
 #endif
 
-Kernel* bestKernel() {
+Kernel* kernelFor([[maybe_unused]] InstructionSet instructions) {
 #if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl"))
-    return runAvx512;
-  if (__builtin_cpu_supports("avx2")) return runAvx2;
+  if (instructions == InstructionSet::avx512) return runAvx512;
+  if (instructions == InstructionSet::avx2) return runAvx2;
 #endif
   return runPortable;
 }
@@ -68,15 +66,17 @@ Front::Front(const LevelImage& image)
     : image_(image),
       phi_(std::make_unique_for_overwrite<float[]>(image.values().size())),
       distance_(std::make_unique_for_overwrite<float[]>(image.values().size())),
-      speed_(std::make_unique<float[]>(image.values().size())),
+      speed_(std::make_unique_for_overwrite<float[]>(image.values().size())),
       meanInside_(voxelCount(image.blocks())),
       meanOutside_(voxelCount(image.blocks())),
       edgeBits_(image.size()) {}
 
-/// Phi is half a voxel on either side of the surface.
+/// Phi is half a voxel on either side of the surface, and nothing is left of another mask's speeds,
+/// of which those beyond a domain would be read.
 void Front::begin(const BitVolume& inside) {
   std::fill_n(phi_.get(), image_.values().size(), 0.5f);
   std::fill_n(distance_.get(), image_.values().size(), kFar);
+  std::fill_n(speed_.get(), image_.values().size(), 0.0f);
   const auto words = inside.words();
   for (std::size_t w = 0; w < words.size(); ++w)
     if (words[w])
@@ -175,7 +175,7 @@ void Front::updateMeans() {
 
 /// One step for all of the band. Returns by how many voxels the inside grew.
 long Front::step(BitVolume& inside, const FrontSettings& settings) {
-  static Kernel* const kernel = bestKernel();
+  Kernel* const kernel = kernelFor(settings.instructions);
   FrontBand& b = band_;
   const std::size_t all = b.voxels.size();
   const FrontView view{image_.rowLength(), image_.rowLength() * image_.size()[1],

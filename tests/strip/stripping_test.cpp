@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+
+#include "heads.h"
 
 namespace {
 
-using namespace tavrel::strip;
+using namespace test_volumes;
 
 const Grid kGrid = {{60, 60, 60}, {2, 2, 2}};
 
@@ -37,18 +40,13 @@ TEST(Stripping, LowersTheWeightWhileTheMaskLeaksAndSaysWhenThatDoesNotHelp) {
   const auto volume = [](const Stripped& stripped) {
     return double(std::count(stripped.mask.begin(), stripped.mask.end(), 1)) * 0.008;  // mL
   };
-  const auto flags = [](const Stripped& stripped) {
-    std::string codes;
-    for (const Flag& flag : stripped.judgement.flags) codes += flag.code + " ";
-    return codes;
-  };
   settings.volumes = {100, 2000};
   const double ball = 4.0 / 3 * M_PI * 3.6 * 3.6 * 3.6;
 
   const Stripped sound = stripExactly(ballAndSlab(0), kGrid, settings, observer);
   EXPECT_EQ(runs, std::vector{1.0});
   EXPECT_EQ(sound.w5, 1);
-  EXPECT_TRUE(flags(sound).empty());
+  EXPECT_TRUE(sound.judgement.flags.empty());
   EXPECT_NEAR(volume(sound), ball, 0.25 * ball);
 
   runs.clear();
@@ -57,8 +55,53 @@ TEST(Stripping, LowersTheWeightWhileTheMaskLeaksAndSaysWhenThatDoesNotHelp) {
   for (std::size_t i = 0; i < runs.size(); ++i)
     EXPECT_NEAR(runs[i], 1 - 0.1 * double(i), 1e-9);
   EXPECT_NEAR(leaking.w5, 0.7, 1e-9);
-  EXPECT_EQ(flags(leaking), "leak ");
+  EXPECT_EQ(codes(leaking.judgement), "leak ");
   EXPECT_GT(volume(leaking), 2 * ball);
+}
+
+TEST(Stripping, TheTwoEvolutionsFindTheSameBrain) {
+  const TestScan scan = phantomHead(2.5);
+  StripSettings settings;
+  settings.finish = kDefaultFinish;
+  settings.w5 = 1;
+  settings.threads = 2;
+  const Size& size = scan.grid.size;
+  auto image = std::make_unique<Image>(size[0], size[1], size[2]);
+  std::copy(scan.values.begin(), scan.values.end(), image->p);
+  const Stripped exact = stripExactly(std::move(image), scan.grid, settings);
+  const Stripped fast = stripScan(scan.view(), settings);
+  std::printf("%.4f exact %.4f fast %.4f\n", dice(exact.mask, fast.mask), dice(exact.mask, scan.brain), dice(fast.mask, scan.brain));
+  EXPECT_GT(dice(exact.mask, fast.mask), 0.97);
+  EXPECT_EQ(fast.w5, 1);
+  ASSERT_EQ(fast.trials.size(), 1u);
+  EXPECT_EQ(exact.levels.size(), 3u);
+}
+
+TEST(Stripping, ThreadsChangeNothingAndTheObserverMayEndTheWork) {
+  const TestScan scan = phantomHead(1.6);  // more edge voxels than one thread gets
+  std::optional<Stripped> first;
+  for (const int threads : {1, 2, 3}) {
+    StripSettings settings;
+    settings.threads = threads;
+    const Stripped result = stripScan(scan.view(), settings);
+    EXPECT_GE(result.trials.size(), 6u);
+    if (!first) first = result;
+    EXPECT_EQ(result.mask, first->mask) << threads;
+    EXPECT_EQ(result.w5, first->w5) << threads;
+    EXPECT_EQ(result.judgement.confidence, first->judgement.confidence) << threads;
+
+    struct Enough {};
+    std::atomic<int> passes = 0;
+    StripObserver observer;
+    std::vector<double> done;
+    observer.onStage = [&](const char*, double share) { done.push_back(share); };
+    observer.checkpoint = [&] {
+      if (++passes == 40) throw Enough();
+    };
+    EXPECT_THROW(stripScan(scan.view(), settings, observer), Enough);
+    EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
+    EXPECT_EQ(done.size(), 2u) << "in the trials";
+  }
 }
 
 }  // namespace
