@@ -195,15 +195,13 @@ class Run {
   }
 
   std::vector<std::byte> picture() const {
-    std::vector<double> values(voxelCount(scan_.header.size));
-    intensities(scan_, values);
     std::string caption = text(std::lround(result_.volumeMl), " mL   ",
                                job_.fromMask.empty() ? weight(result_.w5) : "given mask");
     for (const Flag& flag : result_.flags) caption += "   " + flag.text;
     if (!scan_.header.orientation) caption += "   orientation unknown, cuts as stored";
-    return drawPicture({values, stripped_.mask, scan_.header.size, scan_.header.spacing,
-                        scan_.header.orientation, fs::path(job_.input).filename().string(),
-                        caption});
+    return drawPicture({viewOf(scan_).read, stripped_.mask, scan_.header.size,
+                        scan_.header.spacing, scan_.header.orientation,
+                        fs::path(job_.input).filename().string(), caption});
   }
 
   /// Writes all outputs beside their targets, then puts them in place together.
