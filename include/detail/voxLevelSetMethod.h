@@ -71,12 +71,12 @@ void forBox(Point q, int reach, Point size, F f) {
 template <class T>
 void releaseArray(T*& field) {
   delete[] field;
-  field = nullptr;
+  clear(field);
 }
 template <class Matrix>
 void releaseMatrix(Matrix*& field) {
   delete field;
-  field = nullptr;
+  clear(field);
 }
 
 /// The stages over the fields of one object.
