@@ -194,7 +194,7 @@ class CommandLine {
   }
 
   void readMethod() {
-    if (w5_ != kDefaultW5) o_.strip.w5 = parseNumber("--w5", w5_);
+    if (w5_ != kAuto) o_.strip.w5 = parseNumber("--w5", w5_);
     if (fromMask_->count()) refuse(method_, "has no use with --from-mask");
     if (finishName_ == kNone)
       refuse(parts_, "has no use with --finish none");
@@ -222,7 +222,7 @@ class CommandLine {
   CLI::App app_{"Strips the skull and all other non-brain tissue from 3-D head images (NIfTI).",
                 "tavrel-nifti"};
   Options o_;
-  std::string w5_ = kDefaultW5, finishName_ = "brain";
+  std::string w5_ = kAuto, finishName_ = "brain";
   double resampleMm_ = 0;
   FinishSettings finish_ = kDefaultFinish;
   OptionList singles_, method_, parts_;  // single outputs; what sets the stripping, the finishing
