@@ -160,6 +160,18 @@ TYPED_TEST(PlainStep, BallHasItsCurvatureItsDistanceAndAConstantExtension) {
   }
 }
 
+TYPED_TEST(PlainStep, WidthBelowOneWorksAsOne) {
+  constexpr int D = TypeParam::D;
+  std::vector<double> want;
+  for (const int bwt : {1, 0, -3}) {
+    const auto Phi = toMatrix<D>(ball<D>(5));
+    typename TypeParam::template LevelSet<double> e;
+    e.UpdatePhi(Phi.get(), bwt, Phi.get(), 1, 0, 0.3, 0, 0, 0, 0, Phi.get());
+    if (bwt == 1) want.assign(Phi->p, Phi->p + Phi->mxn);
+    expectSame("Phi", Phi->p, want);
+  }
+}
+
 TYPED_TEST(PlainStep, RegionTermComparesBothSides) {
   constexpr int D = TypeParam::D;
   // Image 2 inside and 5 outside: an inside voxel is no different from the inside, 3 from outside.
@@ -359,10 +371,10 @@ TEST(Guards, EndTheProcess) {
               vox3DLevelSet<double, char> e;
               e.LabelEdges(&Phi);
               e.mask_indices->p[5 + 16] = 1;
-              *e.mask_indices += 1000;
+              *e.mask_indices += 3;
               e.Labelnbt(0, &Phi);
             }),
-            (Finished{1, "", "neighbor index wrong, exit1007\n"}));
+            (Finished{1, "", "neighbor index wrong, exit10\n"}));
 }
 
 TEST(Guards, TellOfDiagonalNeighboursOutsideABandOfNoWidth) {

@@ -250,6 +250,9 @@ TEST(Reductions, MaximumAndFirstMinimum) {
   EXPECT_EQ(index, 1);
   maxabs(v, 0, &max);
   EXPECT_EQ(max, 4.5);
+  v[1] = kNaN;  // keeps the maximum so far
+  maxabs(v, 4, &max);
+  EXPECT_EQ(max, 4.5);
   unsigned u[] = {3, 4000000000u}, most = 0;
   maxabs(u, 2, &most);
   EXPECT_EQ(most, 4000000000u);
