@@ -40,7 +40,7 @@ void expectSameBand(const Level& level, const Band& b, const LevelSet& e) {
 /// equal, unknown and unordered distances, plateaus, points nearer than any distance says.
 void disturb(int stage, Random& r, const Band& b, const LevelSet& e) {
   const auto set = [](double* to, double* alike, int n, double v) { to[n] = alike[n] = v; };
-  const double ties[] = {0.5, 1, 1.00002, 1.0001, 2, 3, 100000, 100001};
+  const double ties[] = {0.5, 1, 1.00002, 1.000052, 2, 3, 100000, 100001};
   const double plateau[] = {0, 0, std::ldexp(1, -400), 0.5};  // the gradient's cube vanishes
   for (int i = 0; i < b.n_nbt; ++i) {
     const bool edge = i < b.n_edge;

@@ -154,9 +154,13 @@ TEST(Para, ReadsArgumentVectors) {
   EXPECT_EQ(runApart([&] { voxPara().setupBalloon(none.argv()); }).status, Finished::returned);
 }
 
+struct FilledPara : voxPara {
+  FilledPara() { fill(*this, 181, 2); }
+};
+
 TEST(Records, MayEndTwice) {
   tavrel::test::endTwice<triple>(1, 2, 3, 4);
-  tavrel::test::endTwice<voxPara>();
+  tavrel::test::endTwice<FilledPara>();
   tavrel::test::endTwice<voxBalloonPara>();
 }
 
