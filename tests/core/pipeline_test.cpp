@@ -351,6 +351,8 @@ TEST(Evolve, ReportsWhatDoesNotFitAndDoesNotEndTheProcess) {
   EXPECT_THROW(tavrel::evolve(none, P), std::invalid_argument) << "the seed is not the coarsest";
   EXPECT_THROW(tavrel::finish(*none.mask, P), std::invalid_argument);
   EXPECT_THROW(tavrel::refineSlices(*none.mask, *none.image, P), std::invalid_argument);
+  P.dnX = std::numeric_limits<int>::min();  // halves nothing, like any count below 0
+  EXPECT_EQ(tavrel::prepare(*input, P).image->sizeX, 8);
   P.Xp = 3;
   EXPECT_THROW(tavrel::prepare(*input, P), std::invalid_argument) << "11 cannot be halved";
   P.Xp = std::numeric_limits<int>::max() - 1;
