@@ -296,7 +296,7 @@ TEST(ByHand, SubstractPhiNeedsFourFields) {
 }
 
 TEST(ByHand, ExtensionTakesItsFields) {
-  // Two edge voxels and a test voxel between them along x, next to itself along y and z.
+  // Two edge voxels and a test voxel between them, along x in 3-D and along y in 2-D.
   vox3DLevelSet<double, char> e;
   e.sizeX = 1;
   e.n_edge = 2;
@@ -311,14 +311,17 @@ TEST(ByHand, ExtensionTakesItsFields) {
   f.sizeX = 1;
   f.n_edge = 2;
   f.n_nbt = 3;
-  f.spar_nbt_4neigh_ind = new int[12]{0, 0, 0, 0, 1, 1, 1, 1, 0, 1, 3, 4};
+  f.spar_nbt_4neigh_ind = new int[12]{0, 0, 0, 0, 1, 1, 1, 1, 3, 4, 0, 1};
   f.Spar_usdf = new double[5]{0.5, 0.5, 1.5, 1e5, 1e5};
   f.Spar_Fext = new double[5]{3, 4, 0, -1e5, 1e5};
   f.sCalFext(0, nullptr);
   EXPECT_EQ(f.Spar_Fext[2], 3) << "equal distances: the + neighbour";
-  f.Spar_usdf[2] = 0.5;  // all equal: the neighbour still counts, but there is nothing to weight by
+  f.Spar_usdf[2] = 0.5;
   f.sCalFext(0, nullptr);
-  EXPECT_EQ(f.Spar_Fext[2], 3);
+  EXPECT_EQ(f.Spar_Fext[2], 3) << "as far away: the neighbour still counts";
+  std::copy_n(std::array{0, 1, 1, 0}.begin(), 4, f.spar_nbt_4neigh_ind + 8);
+  f.sCalFext(0, nullptr);
+  EXPECT_EQ(f.Spar_Fext[2], 3.5) << "and with two axes there is nothing to weight by: the mean";
 }
 
 TEST(ByHand, LabelnbtWorksFromLabelsAndIndices) {
