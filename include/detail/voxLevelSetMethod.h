@@ -446,9 +446,10 @@ class Stages {
     const int tests = e.n_nbt - e.n_edge;
     std::vector<Record> records(at(1, tests));
     for (int r = 0; r < tests; ++r) records[r].setup(e.n_edge + r, e.Spar_usdf[e.n_edge + r]);
+    std::vector<int> indices;
+    if (tests == 0) return indices;  // qsort wants an array even for no records
     std::qsort(records.data(), records.size(), sizeof(Record),
                isFloat ? compareOrderedPtf : compareOrderedPtd);
-    std::vector<int> indices;
     for (const Record& record : records) indices.push_back(record.ind);
     return indices;
   }
