@@ -164,10 +164,11 @@ TYPED_TEST(PlainStep, WidthBelowOneWorksAsOne) {
   constexpr int D = TypeParam::D;
   std::vector<double> want;
   for (const int bwt : {1, 0, -3}) {
-    const auto Phi = toMatrix<D>(ball<D>(5));
+    const auto start = ball<D>(5);
+    const auto Phi = toMatrix<D>(start);
     typename TypeParam::template LevelSet<double> e;
     e.UpdatePhi(Phi.get(), bwt, Phi.get(), 1, 0, 0.3, 0, 0, 0, 0, Phi.get());
-    if (bwt == 1) want.assign(Phi->p, Phi->p + Phi->mxn);
+    if (bwt == 1) want.assign(Phi->p, Phi->p + start.p.size());
     expectSame("Phi", Phi->p, want);
   }
 }
