@@ -8,9 +8,10 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
+#include <bit>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 
 namespace tavrel::strip {
 
@@ -18,21 +19,25 @@ inline constexpr float kFar = 2;            ///< more than any distance in the b
 inline constexpr float kLeastStep = 1e-3f;  ///< a crossing is no nearer than this to a voxel
 inline constexpr float kLeastPhi = 1e-6f;   ///< Phi is never 0: its sign is a side
 
+using Index = std::int32_t;
+
 /// Views of what the loops work on; `X` and `XY` are the strides along y and z.
 struct FrontView {
-  int X, XY;
-  const int* voxels;
-  const int* blocks;
+  Index X, XY;
+  // Per voxel of the band (see FrontBand); those of edge voxels first.
+  const Index *voxels, *blocks;
   const float* intensity;
-  float *nearestX, *nearestY, *nearestZ, *result, *speed;
-  int* source;
-  float *phi, *distance, *volumeSpeed;
+  float *nearestX, *nearestY, *nearestZ, *distances, *speeds;
+  Index* source;
+  // Per voxel of the level.
+  const float *phi, *distance, *speed;
+  // Per block.
   const float *meanInside, *meanOutside;
   float w3, w5;
 };
 
 /// The nearer crossing of the surface along one axis: 1 / offset, 0 where there is none.
-inline float inverseOffset(float p, float forward, float backward) {
+[[gnu::always_inline]] inline float inverseOffset(float p, float forward, float backward) {
   const float f = p * forward < 0 ? p / (p - forward) : kFar;
   const float b = p * backward < 0 ? p / (p - backward) : kFar;
   const float nearer = std::max(std::min(f, b), kLeastStep);
@@ -41,23 +46,28 @@ inline float inverseOffset(float p, float forward, float backward) {
 }
 
 /// Distance and nearest point of edge voxels [first, end): that of the plane through the crossings.
-inline void crossingLoop(const FrontView& v, std::size_t first, std::size_t end) {
+[[gnu::always_inline]] inline void crossingLoop(
+    const FrontView& v, std::size_t first, std::size_t end, float* __restrict nx,
+    float* __restrict ny, float* __restrict nz, float* __restrict distances) {
+  const Index X = v.X, XY = v.XY;
+  const Index* voxels = v.voxels;
+  const float* phi = v.phi;
   for (std::size_t k = first; k < end; ++k) {
-    const float* p = v.phi + v.voxels[k];
-    const float x = inverseOffset(*p, p[1], p[-1]);
-    const float y = inverseOffset(*p, p[v.X], p[-v.X]);
-    const float z = inverseOffset(*p, p[v.XY], p[-v.XY]);
+    const Index i = voxels[k];
+    const float p = phi[i];
+    const float x = inverseOffset(p, phi[i + 1], phi[i - 1]);
+    const float y = inverseOffset(p, phi[i + X], phi[i - X]);
+    const float z = inverseOffset(p, phi[i + XY], phi[i - XY]);
     const float square = 1 / (x * x + y * y + z * z);
-    v.nearestX[k] = x * square;
-    v.nearestY[k] = y * square;
-    v.nearestZ[k] = z * square;
-    const float distance = std::sqrt(square);
-    v.result[k] = *p < 0 ? -distance : distance;
+    nx[k] = x * square;
+    ny[k] = y * square;
+    nz[k] = z * square;
+    distances[k] = std::copysign(std::sqrt(square), p);
   }
 }
 
 /// The solution of |grad d| = 1 from the nearest known distances along the three axes.
-inline float eikonal(float a, float b, float c) {
+[[gnu::always_inline]] inline float eikonal(float a, float b, float c) {
   const float low = std::min(a, std::min(b, c)), high = std::max(a, std::max(b, c));
   const float middle = std::max(std::min(a, b), std::min(std::max(a, b), c));
   const float one = low + 1;
@@ -70,76 +80,99 @@ inline float eikonal(float a, float b, float c) {
 }
 
 /// Distance of layer voxels, and the edge voxel nearest to the surface among their neighbours.
-inline void layerLoop(const FrontView& v, std::size_t first, std::size_t end) {
+[[gnu::always_inline]] inline void layerLoop(const FrontView& v, std::size_t first,
+                                             std::size_t end, Index* __restrict source,
+                                             float* __restrict distances) {
+  const Index X = v.X, XY = v.XY;
+  const Index* voxels = v.voxels;
+  const float* d = v.distance;
   for (std::size_t k = first; k < end; ++k) {
-    const int i = v.voxels[k];
-    const float* d = v.distance + i;
-    const float xf = std::abs(d[1]), xb = std::abs(d[-1]), yf = std::abs(d[v.X]),
-                yb = std::abs(d[-v.X]), zf = std::abs(d[v.XY]), zb = std::abs(d[-v.XY]);
+    const Index i = voxels[k];
+    const float xf = std::abs(d[i + 1]), xb = std::abs(d[i - 1]);
+    const float yf = std::abs(d[i + X]), yb = std::abs(d[i - X]);
+    const float zf = std::abs(d[i + XY]), zb = std::abs(d[i - XY]);
     const float x = std::min(xf, xb), y = std::min(yf, yb), z = std::min(zf, zb);
-    const int ix = xb < xf ? -1 : 1, iy = yb < yf ? -v.X : v.X, iz = zb < zf ? -v.XY : v.XY;
+    const Index ix = xb < xf ? -1 : 1, iy = yb < yf ? -X : X, iz = zb < zf ? -XY : XY;
     const float xy = std::min(x, y);
-    const int ixy = y < x ? iy : ix;
-    v.source[k] = i + (z < xy ? iz : ixy);
-    const float far = std::min(eikonal(x, y, z), kFar);
-    v.result[k] = *d < 0 ? -far : far;
+    const Index ixy = y < x ? iy : ix;
+    source[k] = i + (z < xy ? iz : ixy);
+    distances[k] = std::copysign(std::min(eikonal(x, y, z), kFar), d[i]);
   }
 }
 
 /// Speed at edge voxels.
-inline void speedLoop(const FrontView& v, std::size_t first, std::size_t end) {
+[[gnu::always_inline]] inline void speedLoop(const FrontView& v, std::size_t first,
+                                             std::size_t end, float* __restrict speeds) {
+  const Index X = v.X, XY = v.XY;
+  const Index *voxels = v.voxels, *blocks = v.blocks;
+  const float *d = v.distance, *intensity = v.intensity;
+  const float *means = v.meanInside, *outsideMeans = v.meanOutside;
+  const float w3 = v.w3, w5 = v.w5;
   for (std::size_t k = first; k < end; ++k) {
-    const float* d = v.distance + v.voxels[k];
+    const Index i = voxels[k];
     const float laplacian =
-        (d[1] + d[-1]) + (d[v.X] + d[-v.X]) + (d[v.XY] + d[-v.XY]) - 6 * d[0];
+        (d[i + 1] + d[i - 1]) + (d[i + X] + d[i - X]) + (d[i + XY] + d[i - XY]) - 6 * d[i];
     const float curvature = std::max(-3.0f, std::min(3.0f, laplacian));
-    const int b = v.blocks[k];
-    const float inside = std::abs(v.intensity[k] - v.meanInside[b]);
-    const float outside = std::abs(v.intensity[k] - v.meanOutside[b]);
-    v.speed[k] = v.w5 * outside - inside - v.w3 * curvature;
+    const float inside = std::abs(intensity[k] - means[blocks[k]]);
+    const float outside = std::abs(intensity[k] - outsideMeans[blocks[k]]);
+    speeds[k] = w5 * outside - inside - w3 * curvature;
   }
 }
 
-/// Speed at the nearest point of the surface, from both voxels of each crossing; returns the largest.
-inline float extensionLoop(const FrontView& v, std::size_t first, std::size_t end) {
-  float most = 0;
+/// Speed at the nearest point of the surface, from both voxels of each crossing.
+[[gnu::always_inline]] inline void extensionLoop(const FrontView& v, std::size_t first,
+                                                 std::size_t end, float* __restrict speeds) {
+  const Index X = v.X, XY = v.XY;
+  const Index* voxels = v.voxels;
+  const float *nx = v.nearestX, *ny = v.nearestY, *nz = v.nearestZ;
+  const float* f = v.speed;
+  // Between the voxel and its neighbour where the surface crosses: square / offset is how far that is.
+  const auto crossing = [](float own, float other, float square, float offset) {
+    const float far = std::min(1.0f, square / std::max(std::abs(offset), 1e-20f));
+    return offset * offset * (own + far * (other - own));
+  };
   for (std::size_t k = first; k < end; ++k) {
-    const float x = v.nearestX[k], y = v.nearestY[k], z = v.nearestZ[k];
+    const Index i = voxels[k];
+    const float x = nx[k], y = ny[k], z = nz[k], own = f[i];
     const float square = x * x + y * y + z * z;
-    const float* f = v.volumeSpeed + v.voxels[k];
-    const float own = f[0];
-    const auto along = [&](float offset, int stride) {
-      // At the crossing along this axis: square / offset is how far it is.
-      const float far = offset != 0 ? std::min(1.0f, square / std::abs(offset)) : 0.0f;
-      return own + far * (f[offset > 0 ? stride : -stride] - own);
-    };
-    const float sum = x * x * along(x, 1) + y * y * along(y, v.X) + z * z * along(z, v.XY);
-    const float speed = sum / square;
-    v.speed[k] = speed;
-    most = std::max(most, std::abs(speed));
+    const float sum = crossing(own, f[i + (x > 0 ? 1 : -1)], square, x) +
+                      crossing(own, f[i + (y > 0 ? X : -X)], square, y) +
+                      crossing(own, f[i + (z > 0 ? XY : -XY)], square, z);
+    speeds[k] = sum / square;
   }
-  return most;
+}
+
+/// The largest speed, whatever its sign.
+[[gnu::always_inline]] inline float largestLoop(const FrontView& v, std::size_t first,
+                                                std::size_t end) {
+  // In the bits of a float without its sign, larger numbers are larger integers.
+  std::int32_t most = 0;
+  for (std::size_t k = first; k < end; ++k)
+    most = std::max(most, std::bit_cast<std::int32_t>(std::abs(v.speeds[k])));
+  return std::bit_cast<float>(most);
 }
 
 /// Phi after a step of this length for all of the band, given speeds beside the voxels.
-inline void moveLoop(const FrontView& v, std::size_t first, std::size_t end, float step) {
+[[gnu::always_inline]] inline void moveLoop(const FrontView& v, std::size_t first, std::size_t end,
+                                            float step) {
   for (std::size_t k = first; k < end; ++k) {
-    const float moved = v.result[k] - step * v.speed[k];
-    const float least = moved < 0 ? -kLeastPhi : kLeastPhi;
-    v.result[k] = std::abs(moved) < kLeastPhi ? least : moved;
+    const float moved = v.distances[k] - step * v.speeds[k];
+    v.distances[k] = std::copysign(std::max(std::abs(moved), kLeastPhi), moved);
   }
 }
 
 enum class FrontLoop { crossings, layer, speeds, extension, move };
 
 /// Runs one of the loops; `step` is for the move, and the extension gives the largest speed.
-inline float runFrontLoop(FrontLoop loop, const FrontView& v, std::size_t first, std::size_t end,
+[[gnu::always_inline]] inline float runFrontLoop(FrontLoop loop, const FrontView& v, std::size_t first, std::size_t end,
                           float step) {
   switch (loop) {
-    case FrontLoop::crossings: crossingLoop(v, first, end); break;
-    case FrontLoop::layer: layerLoop(v, first, end); break;
-    case FrontLoop::speeds: speedLoop(v, first, end); break;
-    case FrontLoop::extension: return extensionLoop(v, first, end);
+    case FrontLoop::crossings:
+      crossingLoop(v, first, end, v.nearestX, v.nearestY, v.nearestZ, v.distances);
+      break;
+    case FrontLoop::layer: layerLoop(v, first, end, v.source, v.distances); break;
+    case FrontLoop::speeds: speedLoop(v, first, end, v.speeds); break;
+    case FrontLoop::extension: extensionLoop(v, first, end, v.speeds); return largestLoop(v, first, end);
     case FrontLoop::move: moveLoop(v, first, end, step); break;
   }
   return 0;

@@ -86,18 +86,17 @@ double otsuThreshold(std::span<const float> values, double low, double high) {
   return low + (threshold + 1) * (high - low) / kBins;
 }
 
-/// What is brighter than the air, in one piece, without gaps.
-BitVolume headMask(const BlockMeans& means, double threshold) {
+/// What is brighter than the air, in one piece, without holes; tells how large the next piece is.
+BitVolume brightPiece(const BlockMeans& means, double threshold, double& otherPiece) {
   std::vector<char> bright(means.values.size());
   std::transform(means.values.begin(), means.values.end(), bright.begin(),
                  [&](float v) { return char(v > threshold); });
   BitVolume head(bright, means.grid.size);
   const double block = means.grid.spacing[0];
   erode(head, means.grid.spacing, block);
-  keepLargest(head);
+  const std::size_t second = keepLargest(head);
+  otherPiece = double(second) / std::max(1.0, double(head.count()));
   dilate(head, means.grid.spacing, block);
-  dilate(head, means.grid.spacing, kClose);
-  erode(head, means.grid.spacing, kClose);
   fillHoles(head);
   return head;
 }
@@ -154,9 +153,8 @@ Box workBox(const BitVolume& head, int top, const BlockMeans& means, const Grid&
 }
 
 /// Intensities of voxels below the head's surface, about one every 2 mm.
-std::vector<float> samplesInside(const ScanView& scan, const Head& head, const BlockMeans& means,
+std::vector<float> samplesInside(const ScanView& scan, BitVolume inner, const BlockMeans& means,
                                  int top) {
-  BitVolume inner = head.mask;
   erode(inner, means.grid.spacing, kBelowSkin);
   std::vector<char> wanted(voxelCount(inner.size()));
   inner.unpack(wanted);
@@ -188,13 +186,18 @@ std::optional<Head> findHead(const ScanView& scan) {
   Head head;
   head.blocks = means.grid;
   head.air = percentile(std::move(dark), 0.5);
-  head.mask = headMask(means, head.air + kAirShare * (threshold - head.air));
+  const BitVolume bright =
+      brightPiece(means, head.air + kAirShare * (threshold - head.air), head.otherPiece);
   const Spacing& spacing = means.grid.spacing;
+  head.mask = bright;
+  dilate(head.mask, spacing, kClose);
+  erode(head.mask, spacing, kClose);
+  fillHoles(head.mask);
   const int top = topSlice(head.mask, spacing);
   if (top < 0 || millilitres(double(head.mask.count()), spacing) < kLeastHeadMl) return std::nullopt;
   head.centre = centreOf(head.mask, top, spacing);
   head.box = workBox(head.mask, top, means, Axes(scan).anatomical());
-  const auto inside = samplesInside(scan, head, means, top);
+  const auto inside = samplesInside(scan, bright, means, top);
   if (inside.empty()) return std::nullopt;
   head.low = percentile(inside, 0.005);
   head.high = percentile(inside, 0.98);

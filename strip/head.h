@@ -21,6 +21,7 @@ struct Head {
   std::array<double, 3> centre;  ///< of gravity of the head's upper part
   Box box;                  ///< voxels of the scan, in anatomical order, to work on
   float low = 0, high = 0;  ///< intensities of air (or the darkest) and bright tissue
+  double otherPiece = 0;    ///< size of the largest bright object beside the head over the head's
   float air = 0;            ///< median intensity of what is not the head
 };
 

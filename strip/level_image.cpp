@@ -7,11 +7,6 @@ namespace {
 
 using Value = std::uint16_t;
 
-/// out[i] = the least of a[i], b[i], c[i].
-void least(const Value* a, const Value* b, const Value* c, std::size_t n, Value* out) {
-  for (std::size_t i = 0; i < n; ++i) out[i] = std::min(a[i], std::min(b[i], c[i]));
-}
-
 template <class T>
 void add(T* to, const T* from, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) to[i] += from[i];
@@ -33,35 +28,21 @@ Range reached(const Box& box, int d, int reach, const Size& blocks) {
 
 void minimumFilter(Intensities& image) {
   const auto& [X, Y, Z] = image.grid.size;
-  const std::size_t row = std::size_t(X), plane = row * Y;
-  std::vector<Value>& v = image.values;
-  // Along x and y a plane at a time, into the three planes that the step along z looks at.
-  std::vector<Value> alongX(plane), alongZ(3 * plane);
-  const auto filterPlane = [&](int z) {
-    const Value* in = v.data() + std::size_t(z) * plane;
-    Value* out = alongZ.data() + std::size_t(z % 3) * plane;
-    for (std::size_t r = 0; r < plane; r += row) {
-      Value* o = alongX.data() + r;
-      const Value* i = in + r;
-      if (X == 1) {
-        o[0] = i[0];
-        continue;
+  if (X < 3 || Y < 3) return;
+  const std::ptrdiff_t row = X, plane = row * Y;
+  // The planes below and at z as they were; that above has not been changed yet.
+  std::vector<Value> below(image.values.begin(), image.values.begin() + plane), here = below;
+  for (int z = 1; z + 1 < Z; ++z) {
+    Value* out = image.values.data() + z * plane;
+    const Value* above = out + plane;
+    std::copy_n(out, plane, here.begin());
+    for (std::ptrdiff_t i = row; i < plane - row; i += row)
+      for (std::ptrdiff_t v = i + 1; v < i + row - 1; ++v) {
+        const Value x = std::min(here[v - 1], here[v + 1]);
+        const Value y = std::min(here[v - row], here[v + row]);
+        out[v] = std::min(std::min(x, y), std::min(below[v], above[v]));
       }
-      o[0] = std::min(i[0], i[1]);
-      least(i, i + 1, i + 2, row - 2, o + 1);
-      o[row - 1] = std::min(i[row - 2], i[row - 1]);
-    }
-    for (int y = 0; y < Y; ++y) {
-      const Value* i = alongX.data() + std::size_t(y) * row;
-      least(y > 0 ? i - row : i, i, y + 1 < Y ? i + row : i, row, out + std::size_t(y) * row);
-    }
-  };
-  filterPlane(0);
-  for (int z = 0; z < Z; ++z) {
-    if (z + 1 < Z) filterPlane(z + 1);
-    const auto at = [&](int k) { return alongZ.data() + std::size_t(k % 3) * plane; };
-    least(at(std::max(z - 1, 0)), at(z), at(std::min(z + 1, Z - 1)), plane,
-          v.data() + std::size_t(z) * plane);
+    std::swap(below, here);
   }
 }
 

@@ -21,7 +21,7 @@ struct Intensities {
 };
 inline constexpr int kFullScale = 4096;
 
-/// The least of the 3 x 3 x 3 voxels around every voxel.
+/// Every voxel becomes the least of its six face neighbours; those on the border stay.
 void minimumFilter(Intensities& image);
 /// Half the resolution: the least of 2 x 2 x 2 voxels; a last odd voxel stands alone.
 Intensities halved(const Intensities& image);

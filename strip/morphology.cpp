@@ -182,10 +182,10 @@ void erode(BitVolume& mask, const Spacing& spacing, double mm) {
   mask.invert();
 }
 
-void keepLargest(BitVolume& mask) {
+std::size_t keepLargest(BitVolume& mask) {
   Pieces pieces(mask);
   const auto& runs = pieces.runs();
-  if (runs.empty()) return;
+  if (runs.empty()) return 0;
   std::vector<std::size_t> voxels(runs.size(), 0);
   for (std::uint32_t r = 0; r < runs.size(); ++r)
     voxels[pieces.piece(r)] += std::size_t(runs[r].end - runs[r].first);
@@ -194,6 +194,8 @@ void keepLargest(BitVolume& mask) {
   std::fill(mask.words().begin(), mask.words().end(), 0);
   for (std::uint32_t r = 0; r < runs.size(); ++r)
     if (pieces.piece(r) == largest) mask.setRange(runs[r].y, runs[r].z, runs[r].first, runs[r].end);
+  voxels[largest] = 0;
+  return *std::max_element(voxels.begin(), voxels.end());
 }
 
 void fillHoles(BitVolume& mask) {

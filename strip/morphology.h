@@ -19,7 +19,8 @@ void dilate(BitVolume& mask, const Spacing& spacing, double mm);
 /// Clears every voxel within `mm` of a 0. In place.
 void erode(BitVolume& mask, const Spacing& spacing, double mm);
 /// Keeps the largest face-connected piece, the first one of equals. In place.
-void keepLargest(BitVolume& mask);
+/// @return the voxels of the second largest
+std::size_t keepLargest(BitVolume& mask);
 /// Fills background that faces do not connect to the border of the volume. In place.
 void fillHoles(BitVolume& mask);
 

@@ -16,12 +16,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Lengths in mm.
-constexpr double kCoarsestMm = 2.8;  // the coarsest level's voxels are larger
+constexpr double kCoarsestMm = 2.5;  // the coarsest level's voxels are larger
 constexpr std::array<double, 3> kSeedHalf = {36, 43, 32};
 constexpr double kTrialOpen = 2, kTrialClose = 6;  // finishing on the level of the trials
 constexpr double kHold = 6;    // from the trial's finished mask to where the surface may go
 constexpr int kCoarsestSteps = 200, kSteps = 12;
-constexpr double kMostTrialMl = 2100;
+constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials' masks are tighter
+// The finest level only has to find the border near the chosen mask: there the brain's own mean
+// counts more, so that the darker voxels of the gap stay out.
+constexpr double kFinestW5 = 0.8;
 
 /// A mask on the grid of twice the resolution, of which it is at least half.
 BitVolume doubled(const BitVolume& mask, const Size& size) {
@@ -116,14 +119,14 @@ class Chain {
   std::size_t trialLevel() const { return levels_.size() - std::min<std::size_t>(2, levels_.size()); }
 
   void runTrials() {
-    std::vector<double> weights(std::begin(kWeights), std::end(kWeights));
-    if (settings_.w5) weights = {*settings_.w5};
-    trials_.resize(weights.size());
     for (std::size_t l = trialLevel(); l < levels_.size(); ++l) images_.emplace_back(levels_[l], 2);
-    parallelFor(settings_.threads, int(weights.size()), [&](int i) {
-      trials_[std::size_t(i)] = trial(weights[std::size_t(i)]);
-    });
-    choice_ = chooseWeight(trials_, kMostTrialMl);
+    if (settings_.w5)
+      addTrials({{*settings_.w5}});
+    else
+      addTrials(kWeights);
+    // Where the largest weight is the best one, larger ones may be better.
+    while (!settings_.w5 && choice_.chosen + 1 == trials_.size() && trials_.back().w5 < kLargestWeight)
+      addTrials({{trials_.back().w5 + kWeightStep}});
   }
 
   /// The mask on the working grid.
@@ -139,12 +142,24 @@ class Chain {
     BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
     domain = cropped(domain, box);
     inside &= domain;
-    inside = evolve(level, inside, level.withBorder(domain), best.w5, kSteps, settings_.threads);
+    inside = evolve(level, inside, level.withBorder(domain), settings_.w5.value_or(kFinestW5),
+                    kSteps, settings_.threads);
     return uncropped(finished(std::move(inside)), box, image.grid.size);
   }
 
-  const WeightChoice& choice() const { return choice_; }
-  const std::vector<WeightTrial>& trials() const { return trials_; }
+  /// What speaks for and against the chosen mask, as far as the trials tell.
+  Evidence evidence() const {
+    Evidence e;
+    e.agreement = choice_.agreement;
+    for (std::size_t i = 0; i + 1 < trials_.size(); ++i)
+      e.shrinking = std::max(e.shrinking, 1 - trials_[i + 1].ml / std::max(1.0, trials_[i].ml));
+    const Intensities& image = levels_[trialLevel()];
+    BitVolume seed = seed_;
+    if (seed.size() != image.grid.size) seed = doubled(seed, image.grid.size);
+    examine({image, trials_[choice_.chosen].finished, seed}, e);
+    return e;
+  }
+
   double w5() const { return trials_[choice_.chosen].w5; }
 
  private:
@@ -154,6 +169,15 @@ class Chain {
     Front(image).evolve(inside, domain, {.w5 = w5, .mostSteps = steps, .threads = threads},
                         observer_.checkpoint);
     return image.withoutBorder(inside);
+  }
+
+  void addTrials(std::span<const double> weights) {
+    const std::size_t before = trials_.size();
+    trials_.resize(before + weights.size());
+    parallelFor(settings_.threads, int(weights.size()), [&](int i) {
+      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)]);
+    });
+    choice_ = chooseWeight(trials_, kTrialShare * settings_.volumes.most);
   }
 
   WeightTrial trial(double w5) const {
@@ -207,9 +231,19 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   pass(observer.checkpoint);
   Chain chain(std::move(image), work.fromScan(head->centre), settings, observer);
   chain.runTrials();
+  const BitVolume mask = chain.finest();
+  Evidence evidence = chain.evidence();
+  const FieldOfViewCut cut = work.cut(mask);
+  evidence.cutCm2 = cut.elsewhere;
+  evidence.cutBelowCm2 = cut.below;
+  evidence.volumeMl = millilitres(double(mask.count()), work.grid().spacing);
+  evidence.otherPiece = head->otherPiece;
+  evidence.voxelMm3 = 1000 * millilitres(1, scan.grid.spacing);
+  evidence.headWidthMm = boundingBox(head->mask).size()[0] * head->blocks.spacing[0];
   Stripped result;
-  result.mask = work.toScan(scan, chain.finest());
+  result.mask = work.toScan(scan, mask);
   result.w5 = chain.w5();
+  result.judgement = judge(evidence, settings.volumes);
   return result;
 }
 

@@ -18,12 +18,19 @@ WeightChoice chooseWeight(std::span<const WeightTrial> trials, double mostMl) {
   if (n < 2) return choice;
   const auto rating = [&](std::size_t i) {
     const auto& a = choice.agreements;
-    const double mean = i == 0 ? a[0] : i + 1 == n ? a[n - 2] : (a[i - 1] + a[i]) / 2;
-    return trials[i].ml <= mostMl ? mean : mean - 10;
+    return i == 0 ? a[0] : i + 1 == n ? a[n - 2] : (a[i - 1] + a[i]) / 2;
   };
-  double best = rating(0);
-  for (std::size_t i = 1; i < n; ++i) best = std::max(best, rating(i));
-  while (rating(choice.chosen) < best - kTolerance) ++choice.chosen;
+  // Masks that are too large come after all others.
+  const auto better = [&](std::size_t i, std::size_t j) {
+    const bool large = trials[i].ml > mostMl, other = trials[j].ml > mostMl;
+    return large != other ? other : rating(i) > rating(j);
+  };
+  std::size_t best = 0;
+  for (std::size_t i = 1; i < n; ++i)
+    if (better(i, best)) best = i;
+  while (choice.chosen < best && (rating(choice.chosen) < rating(best) - kTolerance ||
+                                  trials[choice.chosen].ml > mostMl))
+    ++choice.chosen;
   choice.agreement = rating(choice.chosen);
   return choice;
 }

@@ -15,8 +15,9 @@
 
 namespace tavrel::strip {
 
-/// The weights that are tried.
+/// The weights that are tried, and how they go on where the last one is the best.
 inline constexpr double kWeights[] = {0.75, 1.0, 1.25, 1.5, 1.75, 2.0};
+inline constexpr double kWeightStep = 0.5, kLargestWeight = 4;
 
 /// What came of one weight on the coarse levels.
 struct WeightTrial {

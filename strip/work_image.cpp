@@ -8,7 +8,7 @@
 namespace tavrel::strip {
 namespace {
 
-constexpr double kUsualMm = 1, kFinestMm = 0.65, kCoarsestMm = 1.3, kMostAnisotropic = 1.6;
+constexpr double kUsualMm = 1, kFinestMm = 0.65, kCoarsestMm = 2.3, kMostAnisotropic = 1.6;
 
 bool nearIsotropic(const Spacing& spacing) {
   const auto [least, most] = std::minmax_element(spacing.begin(), spacing.end());
@@ -110,6 +110,31 @@ Intensities WorkGrid::image(const ScanView& scan, double low, double high) const
     out = std::transform(row.begin(), row.end(), out, level);
   });
   return result;
+}
+
+FieldOfViewCut WorkGrid::cut(const BitVolume& mask) const {
+  std::array<std::array<std::size_t, 2>, 3> voxels{};  // per axis: at its begin, at its end
+  const Size& size = work_.size;
+  for (int z = 0; z < size[2]; ++z)
+    for (int y = 0; y < size[1]; ++y) {
+      std::size_t inRow = 0;
+      for (const auto word : mask.row(y, z)) inRow += std::size_t(std::popcount(word));
+      voxels[0][0] += mask(0, y, z);
+      voxels[0][1] += mask(size[0] - 1, y, z);
+      for (int side = 0; side < 2; ++side) {
+        if (y == side * (size[1] - 1)) voxels[1][side] += inRow;
+        if (z == side * (size[2] - 1)) voxels[2][side] += inRow;
+      }
+    }
+  FieldOfViewCut cut;
+  for (int d = 0; d < 3; ++d)
+    for (int side = 0; side < 2; ++side) {
+      if (side == 0 ? box_.first[d] > 0 : box_.end[d] < scan_.size[d]) continue;
+      const double cm2 = double(voxels[d][side]) * work_.spacing[(d + 1) % 3] *
+                         work_.spacing[(d + 2) % 3] / 100;
+      (d == 2 && side == 0 ? cut.below : cut.elsewhere) += cm2;
+    }
+  return cut;
 }
 
 std::vector<char> WorkGrid::toScan(const ScanView& scan, const BitVolume& mask) const {

@@ -9,6 +9,11 @@
 
 namespace tavrel::strip {
 
+/// Areas in cm^2 of a mask at the border of the scan.
+struct FieldOfViewCut {
+  double below = 0, elsewhere = 0;
+};
+
 /// How the working grid lies in the scan.
 class WorkGrid {
  public:
@@ -20,6 +25,8 @@ class WorkGrid {
   std::array<double, 3> fromScan(const std::array<double, 3>& mm) const;
   /// The scan's voxels with 0 for `low` (and what is no number) and kFullScale for `high`.
   Intensities image(const ScanView& scan, double low, double high) const;
+  /// Where a mask on the working grid is cut off by the scan's border.
+  FieldOfViewCut cut(const BitVolume& mask) const;
   /// The mask on the scan's grid as stored.
   std::vector<char> toScan(const ScanView& scan, const BitVolume& mask) const;
 
