@@ -352,7 +352,9 @@ TEST(Evolve, ReportsWhatDoesNotFitAndDoesNotEndTheProcess) {
   EXPECT_THROW(tavrel::finish(*none.mask, P), std::invalid_argument);
   EXPECT_THROW(tavrel::refineSlices(*none.mask, *none.image, P), std::invalid_argument);
   P.dnX = std::numeric_limits<int>::min();  // halves nothing, like any count below 0
-  EXPECT_EQ(tavrel::prepare(*input, P).image->sizeX, 8);
+  P.dnZ = 1;
+  EXPECT_EQ(toGrid(*tavrel::prepare(*input, P).image).size, (Point{8, 12, 4}));
+  P.dnZ = 0;
   P.Xp = 3;
   EXPECT_THROW(tavrel::prepare(*input, P), std::invalid_argument) << "11 cannot be halved";
   P.Xp = std::numeric_limits<int>::max() - 1;
