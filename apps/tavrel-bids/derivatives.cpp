@@ -19,7 +19,7 @@ using json = nlohmann::ordered_json;
 using scan::OutputError;
 using scan::text;
 
-constexpr char kName[] = "Tavrel";
+constexpr char kName[] = "tavrel";
 constexpr char kDescriptionFile[] = "dataset_description.json";
 
 // Patterns that end in a slash match nothing in the validator of the schema.
@@ -66,7 +66,7 @@ json oldDescription(const fs::path& file) {
   if (!old.is_object() || !isOurs(old))
     throw OutputError(text(file.parent_path().string(), " holds another dataset (its ",
                            kDescriptionFile,
-                           " does not name Tavrel in GeneratedBy); choose an empty folder"));
+                           " does not name tavrel in GeneratedBy); choose an empty folder"));
   return old;
 }
 

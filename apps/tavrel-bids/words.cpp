@@ -16,7 +16,7 @@ std::string shellWord(const std::string& text) {
   std::string result(1, '\'');
   for (const char c : text)
     if (c == '\'')
-      result += "'\''";
+      result += "'\\''";
     else
       result += c;
   return result += '\'';
