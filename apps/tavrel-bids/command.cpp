@@ -104,7 +104,7 @@ int runParticipant(const Options& options) {
     listScans(options, scans);
     return kAllDone;
   }
-  prepareOutput(dataset, output, info);
+  if (!options.slurm.dryRun) prepareOutput(dataset, output, info);
   return options.slurm.submit ? stripOnCluster(options, scans) : stripHere(options, scans);
 }
 

@@ -175,6 +175,7 @@ class CommandLine {
     readMethod();
     o_.slurm.submit = o_.slurm.submit || o_.slurm.wait || o_.slurm.dryRun;
     if (jobs_) o_.slurm.jobs = jobs_;
+    o_.slurm.memoryMb = memoryMb_;
     o_.limits.jobs = jobs_ ? jobs_ : std::max(1, usableProcessors() / o_.study.strip.threads);
     o_.limits.memory = memoryMb_ > 0 ? std::uint64_t(memoryMb_ * (1 << 20)) : usableMemory();
     if (timeout_ > 0) o_.limits.timeout = std::chrono::duration<double>(timeout_);

@@ -28,6 +28,7 @@ struct SlurmOptions {
   std::string options;   ///< further ones for sbatch, as a shell would read them
   int scansPerTask = 0;  ///< 0: as many as take some minutes
   int jobs = 1;          ///< scans at a time in a task
+  double memoryMb = 0;   ///< for the scans of a task; 0: what they need
 };
 
 struct Options {

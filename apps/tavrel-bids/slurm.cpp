@@ -12,6 +12,7 @@
 
 #include "external.h"
 #include "group.h"
+#include "ledger.h"
 #include "participant.h"
 #include "scan/format.h"
 #include "scan/interrupt.h"
@@ -97,16 +98,19 @@ std::string script(const Options& options, const Plan& plan, const fs::path& fol
   strip.insert(strip.end(), {"participant", "--no-group", "--scans", folder / kTaskList});
   if (options.anyFolder) strip.push_back("--skip-bids-validation");
   strip.insert(strip.end(), options.forTasks.begin(), options.forTasks.end());
+  if (options.slurm.memoryMb > 0)
+    strip.insert(strip.end(), {"--mem", text(options.slurm.memoryMb)});
   if (options.slurm.jobs > 1)
     strip.insert(strip.end(), {"--jobs", std::to_string(options.slurm.jobs)});
-  const double memory = kSpareMb + kMemoryFactor * plan.most.memoryMb * options.slurm.jobs;
+  const double memory =
+      options.slurm.memoryMb > 0 ? options.slurm.memoryMb : plan.most.memoryMb * options.slurm.jobs;
   return text(
       "#!/bin/bash\n# Written by tavrel-bids ", scan::kVersion, ": ", plan.scans, " scans in ",
       plan.tasks.size(), " tasks. The argument is \"group\", or what to add\n",
       "# to the number of an array's task to have that of the list.\n",
       "#SBATCH --job-name=tavrel-bids\n",
       "#SBATCH --cpus-per-task=", options.slurm.jobs * options.study.strip.threads, "\n",
-      "#SBATCH --mem=", std::lround(std::ceil(memory)), "M\n",
+      "#SBATCH --mem=", std::lround(std::ceil(kSpareMb + kMemoryFactor * memory)), "M\n",
       "#SBATCH --time=", long(kSpareMinutes) + minutes(kTimeFactor * plan.most.seconds),
       "\n#SBATCH --requeue\n#SBATCH --open-mode=append\n\n", "if [ \"$1\" = group ]; then\n  exec ",
       shellLine(group), "\nfi\nexec ", shellLine(strip), " --task $(($1 + SLURM_ARRAY_TASK_ID))\n");
@@ -164,9 +168,8 @@ class Submission {
   std::vector<std::string> command(const std::string& first, const char* log,
                                    const std::vector<std::string>& more,
                                    const std::string& argument) const {
-    std::string logs = folder_.string();
-    for (auto at = logs.find('%'); at != std::string::npos; at = logs.find('%', at + 2))
-      logs.insert(at, "%");
+    std::string logs;  // where a percent sign begins a number
+    for (const char c : folder_.string()) logs.append(c == '%' ? 2 : 1, c);
     std::vector<std::string> result = {"sbatch", "--parsable", first,
                                        "--output=" + logs + "/" + log};
     for (const std::string& word : shellWords(options_.slurm.options)) result.push_back(word);
@@ -216,7 +219,7 @@ bool isOver(const std::string& job) {
 
 int statusOf(const Options& options, const std::vector<Source>& scans) {
   std::set<std::string> ours;
-  for (const Source& source : scans) ours.insert(source.stem);
+  for (const Source& source : scans) ours.insert(failedRow(source, "").scan);
   std::size_t failed = 0;
   for (const Row& row : readRows(options.study.output))
     if (row.status != "done" && ours.contains(row.scan)) {

@@ -32,7 +32,9 @@ bool isThere(const fs::path& file) {
   return fs::exists(file, failure);
 }
 
-std::string checksumIfThere(const fs::path& file) { return isThere(file) ? scan::sha256(file) : ""; }
+std::string checksumIfThere(const fs::path& file) {
+  return isThere(file) ? scan::sha256(file) : "";
+}
 
 double peakMemoryMb() {
   rusage usage = {};

@@ -44,6 +44,15 @@ inline Tree reproducible(Tree tree) {
   return tree;
 }
 
+/// Names of the files in which two trees differ.
+inline std::string differences(const Tree& one, const Tree& other) {
+  std::string names;
+  for (const auto& [a, b] : {std::pair(&one, &other), std::pair(&other, &one)})
+    for (const auto& [name, content] : *a)
+      if (!b->contains(name) || b->at(name) != content) names += name + " ";
+  return names;
+}
+
 /// The table, by scan and column.
 using Table = std::map<std::string, std::map<std::string, std::string>>;
 

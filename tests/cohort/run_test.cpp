@@ -83,7 +83,7 @@ TEST_F(CohortRun, KilledAtAnyMomentItEndsWithTheSameBytes) {
   fs::remove_all(out_);
   ASSERT_EQ(bids().status, 0);
   const auto span = std::chrono::duration<double>(std::chrono::steady_clock::now() - began);
-  for (int round = 0; round < 8; ++round) {
+  for (int round = 0; round < 6; ++round) {
     fs::remove_all(out_);
     // Several kills in a row, each at another moment; a child is killed with its parent.
     for (int kills = 0; kills < 3; ++kills) {
@@ -95,7 +95,7 @@ TEST_F(CohortRun, KilledAtAnyMomentItEndsWithTheSameBytes) {
     }
     const Result last = bids();
     ASSERT_EQ(last.status, 0) << last.err;
-    ASSERT_EQ(reproducible(treeOf(out_)), whole) << "round " << round;
+    ASSERT_EQ(differences(reproducible(treeOf(out_)), whole), "") << "round " << round;
   }
 }
 
@@ -108,7 +108,7 @@ TEST_F(CohortRun, TwoCallsShareTheWork) {
   const Result first = one.wait(), second = two.wait();
   EXPECT_EQ(first.status, 0) << first.err;
   EXPECT_EQ(second.status, 0) << second.err;
-  EXPECT_EQ(reproducible(treeOf(out_)), alone);
+  EXPECT_EQ(differences(reproducible(treeOf(out_)), alone), "");
   int done = 0;
   for (const Result& result : {first, second}) {
     std::smatch match;
