@@ -1,6 +1,7 @@
 // The raw-volume command: arguments, echo lines, files. The work is in the stages of voxPipeline.h.
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <fstream>
 #include <iostream>
@@ -127,6 +128,9 @@ bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, i
 }
 
 int main(int argc, char** argv) {
+#ifdef SIGXFSZ
+  std::signal(SIGXFSZ, SIG_IGN);  // a limit on the size of files fails the write, as a full disk
+#endif
   if (argc <= 9) {
     std::cout << "Usuage:Tavrel [W5] [ImgWidth] [ImgHeight] [ImgSlices] [RawImageFileName] "
                  "[ImageDataFormat: byte, word or float]"

@@ -71,6 +71,11 @@ std::unique_ptr<Image> imageOf(const Scan& scan) {
   return image;
 }
 
+ScanView viewOf(const Scan& scan) {
+  return {gridOf(scan.header), scan.header.orientation,
+          [&scan](std::size_t first, std::span<float> voxels) { intensities(scan, first, voxels); }};
+}
+
 /// The reason why a job failed, from the exception being handled.
 std::string reason() {
   try {
@@ -140,14 +145,15 @@ class Run {
 
   Stripped strip() {
     const StripSettings settings = this->settings();
-    const Grid grid = gridOf(scan_.header);
-    tell(observer_.onGrid, strippingGrid(grid, settings));
     StripObserver observer = observer_.strip;
     observer.checkpoint = [this] {
       checkInterrupted();
       pass(observer_.strip.checkpoint);
     };
-    return stripScan(imageOf(scan_), grid, settings, observer);
+    if (settings.evolution == Evolution::scan) return stripScan(viewOf(scan_), settings, observer);
+    const Grid grid = gridOf(scan_.header);
+    tell(observer_.onGrid, exactGrid(grid, settings));
+    return stripExactly(imageOf(scan_), grid, settings, observer);
   }
 
   Scan readMask() const {
@@ -177,11 +183,11 @@ class Run {
     const auto& mask = stripped_.mask;
     result_.voxels = std::size_t(std::count(mask.begin(), mask.end(), 1));
     result_.volumeMl = millilitres(double(result_.voxels), result_.spacing);
-    result_.box = boundingBox(mask, result_.size);
+    result_.box = boundingBox(BitVolume(mask, result_.size));
     result_.w5 = stripped_.w5;
     result_.levels = stripped_.levels;
-    if (stripped_.leaks)
-      result_.flags.push_back({"leak", "the mask seems to leak out of the skull"});
+    result_.flags = stripped_.judgement.flags;
+    result_.confidence = stripped_.judgement.confidence;
     if (result_.voxels > 0) return;
     if (job_.fromMask.empty() && job_.strip.finish)
       throw ScanError("shows no brain to the method (the mask is empty)");
@@ -255,7 +261,7 @@ std::uint64_t memoryNeed(const Header& header, const StripSettings& settings) {
   constexpr std::uint64_t kScan = 12, kWork = 48, kResampling = 16, kPhi = 12;
   constexpr std::uint64_t kProgram = 32 << 20;
   const std::uint64_t scan = voxelCount(header.size);
-  const std::uint64_t work = voxelCount(strippingGrid(gridOf(header), settings).size);
+  const std::uint64_t work = voxelCount(exactGrid(gridOf(header), settings).size);
   return kProgram + scan * (kScan + 2 * std::uint64_t(header.bytesPerVoxel)) + work * kWork +
          (settings.resampleMm ? scan * kResampling : 0) +
          (settings.phi ? std::max(scan, work) * kPhi : 0);

@@ -37,12 +37,6 @@ struct ScanJob {
   bool force = false;    ///< replace outputs that exist
 };
 
-/// Something that makes a mask doubtful.
-struct Flag {
-  std::string code;  ///< one word, for programs: "leak"
-  std::string text;  ///< for people: "the mask seems to leak out of the skull"
-};
-
 /// What came of a job. Where it is not done, the fields after `notices` hold what was known when it
 /// failed.
 struct ScanResult {

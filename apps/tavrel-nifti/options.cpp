@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <iostream>
-#include <sstream>
 
 #include "scan/format.h"
 #include "scan/nifti/files.h"
@@ -108,12 +107,12 @@ class CommandLine {
       readMethod();
       checkOutputNames();
       checkTogether(o_);
+    } catch (const CLI::Success& helpOrVersion) {
+      app_.exit(helpOrVersion);
+      throw ExitNow{0};
     } catch (const CLI::ParseError& error) {
-      std::ostringstream complaint;
-      const int status = app_.exit(error, std::cout, complaint);
-      std::istringstream lines(complaint.str());
-      for (std::string line; std::getline(lines, line);) std::cerr << printable(line) << '\n';
-      throw ExitNow{status == 0 ? 0 : 1};
+      std::cerr << printable(error.what()) << "\nRun with --help for more information.\n";
+      throw ExitNow{1};
     }
     return o_;
   }
@@ -194,7 +193,7 @@ class CommandLine {
   }
 
   void readMethod() {
-    if (w5_ != kDefaultW5) o_.strip.w5 = parseNumber("--w5", w5_);
+    if (w5_ != kAuto) o_.strip.w5 = parseNumber("--w5", w5_);
     if (fromMask_->count()) refuse(method_, "has no use with --from-mask");
     if (finishName_ == kNone)
       refuse(parts_, "has no use with --finish none");
@@ -215,6 +214,9 @@ class CommandLine {
          {std::pair{"--brain", o_.brain}, {"--mask", o_.mask}, {"--phi", o_.phi}})
       checkEnding(option, name, {".nii", ".nii.gz"});
     checkEnding("--qc", o_.qc, {".png"});
+    // As in "--json *.nii", where the report's name was forgotten.
+    if (withoutEnding(o_.json) != o_.json)
+      throw CLI::ValidationError("--json", "\"" + o_.json + "\" is the name of a scan");
   }
 
   using OptionList = std::vector<const CLI::Option*>;
@@ -222,7 +224,7 @@ class CommandLine {
   CLI::App app_{"Strips the skull and all other non-brain tissue from 3-D head images (NIfTI).",
                 "tavrel-nifti"};
   Options o_;
-  std::string w5_ = kDefaultW5, finishName_ = "brain";
+  std::string w5_ = kAuto, finishName_ = "brain";
   double resampleMm_ = 0;
   FinishSettings finish_ = kDefaultFinish;
   OptionList singles_, method_, parts_;  // single outputs; what sets the stripping, the finishing
