@@ -7,7 +7,8 @@
 namespace tavrel::report {
 
 std::vector<std::byte> gzip(std::span<const std::byte> bytes) {
-  constexpr int kLevel = 6, kWindowBits = 15, kGzip = 16, kMemoryLevel = 8;
+  constexpr int kLevel = 4;  // as other outputs
+  constexpr int kWindowBits = 15, kGzip = 16, kMemoryLevel = 8;
   z_stream stream{};
   if (deflateInit2(&stream, kLevel, Z_DEFLATED, kWindowBits + kGzip, kMemoryLevel,
                    Z_DEFAULT_STRATEGY) != Z_OK)

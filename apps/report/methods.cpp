@@ -24,6 +24,27 @@ constexpr const char* kLiterature[] = {
     "Adalsteinsson D, Sethian JA. The fast construction of extension velocities in level set "
     "methods. J Comput Phys 148 (1999) 2-22."};
 
+/// What was done to the mask after the evolution, as far as the settings tell.
+std::string finishing(const json& settings) {
+  const json finish = settings.is_object() ? settings.value("finish", json()) : json();
+  if (!finish.is_object()) return "";
+  const auto ball = [&](const char* key) {
+    return finish.contains(key) && finish[key].is_number() ? finish[key].get<double>() : 0;
+  };
+  const auto is = [&](const char* key) { return finish.contains(key) && finish[key] == true; };
+  std::vector<std::string> steps;
+  if (const double mm = ball("open_mm"); mm > 0)
+    steps.push_back(scan::text("opened with a ball of ", mm, " mm radius"));
+  if (is("largest")) steps.push_back("reduced to its largest piece");
+  if (const double mm = ball("close_mm"); mm > 0)
+    steps.push_back(scan::text("closed with a ball of ", mm, " mm radius"));
+  if (is("fill_holes")) steps.push_back("freed of holes");
+  std::string words;
+  for (std::size_t i = 0; i < steps.size(); ++i)
+    words += (i == 0 ? "" : i + 1 < steps.size() ? ", " : " and ") + steps[i];
+  return words.empty() ? "" : " The mask was then " + words + ".";
+}
+
 }  // namespace
 
 std::string methodsText(const json& record, const cohort::Row& row, const std::string& version) {
@@ -38,6 +59,7 @@ std::string methodsText(const json& record, const cohort::Row& row, const std::s
       "extended along normals [7].");
   if (row.w5)
     words += scan::print(" The weight of the outside mean, W5, was %.2f for this scan.", *row.w5);
+  words += finishing(known.value("Settings", json()));
   if (row.volumeMl) words += scan::print(" The mask has a volume of %.1f mL.", *row.volumeMl);
   if (row.manual) words += " The mask was edited by hand.";
   return words;

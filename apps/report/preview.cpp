@@ -119,8 +119,7 @@ std::vector<std::byte> previewFile(std::span<const double> values, const Header&
   // Noise does not compress: fewer grey levels until the file is small enough.
   for (unsigned levels = 0xff;; levels = levels << 1 & 0xff) {
     for (std::size_t v = 0; v < voxels.size(); ++v) file[start + v] = std::byte(voxels[v] & levels);
-    auto compressed = gzip(file);
-    if (compressed.size() <= kMostBytes) return compressed;
+    if (gzip(file).size() <= kMostBytes) return file;
   }
 }
 

@@ -19,8 +19,9 @@ scan::Size previewFactors(const scan::Size& size);
 /// Sizes of the preview; the last block of a side may be cut short by the border.
 scan::Size previewSize(const scan::Size& size);
 
-/// The scan at reduced size as the bytes of a .nii.gz file of at most 1.5 MB: block means in 8 bits,
-/// on a grid that lies where the scan lies. Values that are no numbers do not count.
+/// The scan at reduced size as the bytes of a NIfTI file, which whoever writes it compresses, to at
+/// most 1.5 MB: block means in 8 bits, on a grid that lies where the scan lies. Values that are no
+/// numbers do not count.
 /// @param values  intensities of the scan, x fastest
 /// @param header  of the scan
 std::vector<std::byte> previewFile(std::span<const double> values, const scan::Header& header);

@@ -1,4 +1,5 @@
-#include <cmath>
+#include <algorithm>
+#include <cctype>
 #include <nlohmann/json.hpp>
 
 #include "assets.h"
@@ -73,18 +74,28 @@ std::string remarks(const Material& m) {
     items += text("<li class=\"failed\"><b>Not done</b> ", html(m.row.reason), "</li>\n");
   for (const auto& [code, words] : m.row.flags)
     items += text("<li class=\"flag\"><b>", html(code), "</b> ", html(words), "</li>\n");
-  for (const json& notice : m.of("Notices"))
-    items += text("<li class=\"notice\"><b>notice</b> ", html(plain(notice)), "</li>\n");
+  const auto notice = [&](const std::string& words) {
+    items += text("<li class=\"notice\"><b>notice</b> ", html(words), "</li>\n");
+  };
+  const json notices = m.of("Notices");
+  for (const json& words : notices) notice(plain(words));
+  // The table tells of the scan's notices in one line, unless it has something else to tell.
+  const bool told = m.row.status == "failed" || m.row.reason.empty();
+  if (!told && m.row.reason != plain(notices, "; ")) notice(m.row.reason);
   if (items.empty()) items = "<li class=\"good\">No flags.</li>\n";
   return items;
 }
 
-/// Rows of settings; the names of nested ones are joined.
+/// Rows of settings; the names of nested ones are joined: "Finish: open mm".
 std::string settings(const json& value, const std::string& name = "") {
   if (!value.is_object()) return name.empty() ? "" : tableRow(name, plain(value));
   std::string rows;
-  for (const auto& [key, inner] : value.items())
-    rows += settings(inner, name.empty() ? key : name + " " + key);
+  for (const auto& [key, inner] : value.items()) {
+    std::string words = key;
+    std::replace(words.begin(), words.end(), '_', ' ');
+    if (name.empty() && !words.empty()) words[0] = char(std::toupper(words[0]));
+    rows += settings(inner, name.empty() ? words : name + ": " + words);
+  }
   return rows;
 }
 

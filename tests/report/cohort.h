@@ -103,7 +103,7 @@ inline void writeScan(const fs::path& output, const Row& row, const scan::Size& 
       {"Type", "Brain"},
       {"Tavrel",
        {{"Version", "1.0.0"},
-        {"Settings", {{"W5", "auto"}, {"Finish", {{"OpenMm", 2}, {"CloseMm", 5}}}}},
+        {"Settings", {{"w5", "auto"}, {"finish", {{"open_mm", 2}, {"largest", true}}}}},
         {"CommandLine", "tavrel-bids /data/raw /data/out participant --jobs 4"},
         {"InputSha256", std::string(64, 'a')},
         {"Size", size},

@@ -2,10 +2,10 @@
 // BUILT/viewer.gz and BUILT/viewer-licenses.txt, the same bytes every time.
 import { createRequire } from 'node:module'
 import { readdirSync, readFileSync, writeFileSync } from 'node:fs'
-import { join } from 'node:path'
+import { join, resolve } from 'node:path'
 import { gzipSync } from 'node:zlib'
 
-const [sources, built] = process.argv.slice(2)
+const [sources, built] = process.argv.slice(2).map(path => resolve(path))
 const esbuild = createRequire(join(built, 'package.json'))('esbuild')
 
 /** The licences of the packages that the bundle has code of. */

@@ -2,6 +2,7 @@
 
 const rows = data.rows
 const byScan = new Map(rows.map(row => [row.scan, row]))
+const byField = new Map(rows.map(row => [toField(row.scan), row])) // as tables of ratings name them
 const number = (value, digits) => value === null ? '–' : value.toFixed(digits)
 
 /** How much a scan deserves a look: failures first, then flags and volumes far from the others'. */
@@ -193,8 +194,8 @@ function rate (row, rating) {
 
 function importRatings (text) {
   const table = parseRatings(text)
-  const known = table.filter(row => byScan.has(row.scan))
-  for (const { scan, rating, comment } of known) ratings.set(byScan.get(scan), { rating, comment: comment ?? '' })
+  const known = table.filter(row => byField.has(row.scan))
+  for (const { scan, rating, comment } of known) ratings.set(byField.get(scan), { rating, comment: comment ?? '' })
   refresh()
   const unknown = table.length - known.length
   announce(`${known.length} ratings taken in${unknown ? `, ${unknown} of scans that are not here` : ''}.`)
@@ -257,13 +258,13 @@ class Plot {
       keydown: event => this.key(event),
       blur: () => this.choose(-1)
     })
-    const caption = element('figcaption', {}, element('b', {}, figure.label), ` ${figure.unit} `, element('small', {}, this.summary()))
+    const caption = element('figcaption', {}, element('b', {}, figure.label), element('small', {}, this.summary()))
     this.figureElement = element('figure', { class: 'plot' }, caption, this.canvas, this.tip)
   }
 
   format (value) { return value.toFixed(this.figure.digits) }
 
-  summary () { return `median ${this.format(quantile(this.values, 0.5))}` }
+  summary () { return `median ${this.format(quantile(this.values, 0.5))} ${this.figure.unit}` }
 
   description () {
     const [low, middle, high] = [0.25, 0.5, 0.75].map(q => this.format(quantile(this.values, q)))
@@ -409,7 +410,7 @@ body.addEventListener('click', event => {
   if (!event.target.closest('a, button, input')) event.target.closest('tr').focus()
 })
 body.addEventListener('change', event => {
-  if ('comment' in event.target.dataset) ratings.set(rowOf(event.target), { comment: event.target.value.trim() })
+  if ('comment' in event.target.dataset) ratings.set(rowOf(event.target), { comment: oneLine(event.target.value) })
 })
 
 const KEYS = {

@@ -44,7 +44,7 @@ for (const [id, page] of Object.entries({ index: 'index.html', ...neighbours() }
 form.addEventListener('submit', event => event.preventDefault())
 form.addEventListener('change', event => {
   if (event.target.name === 'rating') rate(event.target.value)
-  if (event.target === comment) ratings.set(data, { comment: comment.value.trim() })
+  if (event.target === comment) ratings.set(data, { comment: oneLine(comment.value) })
 })
 comment.addEventListener('keydown', event => {
   if (event.key === 'Enter' || event.key === 'Escape') comment.blur()
@@ -136,7 +136,9 @@ function view (name) {
 }
 
 function showStrokes () {
-  find('#undo').disabled = find('#save').disabled = viewer.strokes === 0
+  const count = viewer.strokes
+  find('#undo').disabled = find('#save').disabled = count === 0
+  find('#strokes').textContent = count === 0 ? '' : `${count} ${count === 1 ? 'stroke' : 'strokes'}${count === savedStrokes ? ', saved' : ''}`
 }
 
 function undo () {
@@ -148,6 +150,7 @@ async function saveMask () {
   if (!viewer?.strokes) return
   download(data.mask.file, await viewer.maskFile(), 'application/gzip')
   savedStrokes = viewer.strokes
+  showStrokes()
   announce(`Saved. Put ${data.mask.file} in place of the file of that name in the output folder and run the command again.`)
 }
 

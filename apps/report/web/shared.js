@@ -87,12 +87,12 @@ const ratings = {
 ratings.load()
 ratings.takeCarried()
 
-// Tabs and newlines in a value of a table are written as \t and \n.
-const TSV_ESCAPES = { '\\': '\\\\', '\t': '\\t', '\n': '\\n', '\r': '\\r' }
-const toField = text => (text ?? '').replace(/[\\\t\n\r]/g, c => TSV_ESCAPES[c]) || 'n/a'
-const fromField = text => text === 'n/a'
-  ? ''
-  : text.replace(/\\([\\tnr])/g, (_, c) => ({ '\\': '\\', t: '\t', n: '\n', r: '\r' })[c])
+/** A value of a table: absent ones are n/a, control characters become \x and two digits. */
+const toField = text => text
+  ? text.replace(/[\x00-\x1f\x7f]/g, c => `\\x${c.charCodeAt(0).toString(16).padStart(2, '0')}`)
+  : 'n/a'
+const fromField = text => text === 'n/a' ? '' : text
+const oneLine = text => text.trim().replace(/\s+/g, ' ')
 
 const RATING_COLUMNS = ['participant_id', 'session_id', 'scan', 'rating', 'comment']
 
