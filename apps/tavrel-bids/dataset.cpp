@@ -43,10 +43,13 @@ class Walk {
   Walk(const fs::path& dataset, const Selection& wanted) : dataset_(dataset), wanted_(wanted) {}
 
   void participant(const std::string& name) {
-    if (wanted_.sessions.empty()) folder(name + "/anat");
-    for (const std::string& session : namesAt(name))
-      if (session.starts_with("ses-") && isWanted(withoutPrefix(session, "ses-")))
-        folder(text(name, "/", session, "/anat"));
+    for (const std::string& below : namesAt(name)) {
+      const bool session = below.starts_with("ses-");
+      if (session && isWanted(withoutPrefix(below, "ses-")))
+        folder(scan::text(name, "/", below, "/anat"));
+      else if (below == "anat" && wanted_.sessions.empty())
+        folder(name + "/anat");
+    }
   }
 
   std::vector<std::string> namesAt(const std::string& path) {

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -114,7 +115,13 @@ Row failedRow(const Source& source, const std::string& reason) {
   Row row;
   row.participant = source.participant;
   row.session = source.session;
-  row.scan = source.stem.empty() ? source.path.substr(source.path.rfind('/') + 1) : source.stem;
+  row.scan = source.stem;
+  if (row.scan.empty() && source.path.ends_with('/')) {  // a folder
+    row.scan = source.path.substr(0, source.path.size() - 1);
+    std::replace(row.scan.begin(), row.scan.end(), '/', '_');
+  } else if (row.scan.empty()) {
+    row.scan = source.path.substr(source.path.rfind('/') + 1);
+  }
   row.status = "failed";
   row.reason = reason;
   return row;

@@ -182,7 +182,7 @@ class CommandLine {
   }
 
   void readMethod() {
-    if (w5_ != strip::kDefaultW5) {
+    if (w5_ != strip::kAuto) {
       double value = 0;
       if (!CLI::detail::lexical_cast(w5_, value))
         throw CLI::ValidationError("--w5", "\"" + w5_ + "\" is not a number");
@@ -207,7 +207,7 @@ class CommandLine {
   std::vector<std::string> participants_, sessions_;
   int jobs_ = 0;
   double memoryMb_ = 0, timeout_ = 0, resampleMm_ = 0;
-  std::string w5_ = strip::kDefaultW5, finish_ = "brain";
+  std::string w5_ = strip::kAuto, finish_ = "brain";
   std::vector<const CLI::Option*> passedOn_;
 };
 

@@ -9,6 +9,7 @@
 #include "ledger.h"
 #include "oddities.h"
 #include "record.h"
+#include "report/preview.h"
 #include "scan/checksum.h"
 #include "scan/format.h"
 #include "scan/interrupt.h"
@@ -86,12 +87,12 @@ Judgement judge(const Study& study, const Source& source, const ScanFiles& files
     if (recorded) result.record.givenSha256 = old->givenSha256;
   }
   result.record.manual = !result.fromMask.empty();
-  result.finished = !study.force && !note && recorded && old->version == scan::kVersion &&
-                    old->inputSha256 == result.record.inputSha256 &&
-                    old->manual == result.record.manual &&
-                    old->givenSha256 == result.record.givenSha256 &&
-                    (old->manual || old->settings == result.record.settings) &&
-                    isThere(files.brain) && isThere(files.brainInfo) && isThere(files.mosaic);
+  result.finished =
+      !study.force && !note && recorded && old->version == scan::kVersion &&
+      old->inputSha256 == result.record.inputSha256 && old->manual == result.record.manual &&
+      old->givenSha256 == result.record.givenSha256 &&
+      (old->manual || old->settings == result.record.settings) && isThere(files.brain) &&
+      isThere(files.brainInfo) && isThere(files.mosaic) && isThere(files.preview);
   return result;
 }
 
@@ -149,7 +150,7 @@ class Work {
                 scan::print(", %.1f s", result.seconds));
   }
 
-  /// The sidecars, to be put in place with the volumes.
+  /// The preview and the sidecars, to be put in place with the volumes.
   void addInfo(const scan::Scan& scan, scan::ScanResult result, std::vector<PendingFile>& files) {
     Record& record = judgement_.record;
     for (const PendingFile& file : files)
@@ -161,8 +162,12 @@ class Work {
     for (const scan::Flag& flag : result.flags) notices_.push_back(flag.text);
     record.row.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
     record.row.peakMemoryMb = peakMemoryMb();
-    add(files_.brainInfo, brainInfo(source_), scan.permissions, files);
-    add(files_.maskInfo, maskInfo(study_, source_, result, record), scan.permissions, files);
+    std::vector<double> values(scan::voxelCount(scan.header.size));
+    scan::intensities(scan, values);
+    add(files_.preview, report::previewFile(values, scan.header), scan.permissions, files);
+    add(files_.brainInfo, bytesOf(brainInfo(source_)), scan.permissions, files);
+    add(files_.maskInfo, bytesOf(maskInfo(study_, source_, result, record)), scan.permissions,
+        files);
   }
 
   /// Remembers a mask of ours before it is in place: should the process be killed before its record
@@ -175,10 +180,14 @@ class Work {
     claim_.write(source_, {kInterrupted, masks_});
   }
 
-  static void add(const fs::path& target, const std::string& content, mode_t mode,
+  static std::span<const std::byte> bytesOf(const std::string& text) {
+    return std::as_bytes(std::span(text));
+  }
+
+  static void add(const fs::path& target, std::span<const std::byte> content, mode_t mode,
                   std::vector<PendingFile>& files) {
     scan::checkTarget(target, true);
-    files.push_back(scan::writePending(target, std::as_bytes(std::span(content)), mode));
+    files.push_back(scan::writePending(target, content, mode));
   }
 
   using Clock = std::chrono::steady_clock;
