@@ -194,14 +194,19 @@ Stripped stripExactly(std::unique_ptr<Image> image, const Grid& grid, const Stri
                                  : chooseExactWeight(evolution, work, settings, observer);
   Stripped result;
   result.w5 = chosen.w5;
-  if (chosen.leaks)
-    result.judgement = {{{"leak", "the mask seems to leak out of the skull"}}, 0.2};
   result.levels = std::move(chosen.result.levels);
   result.mask = std::move(chosen.result.mask);
   std::vector<double>& phi = chosen.result.phi;
   if (settings.resampleMm) {
     result.mask = resampleMask(result.mask, work, grid);
     if (settings.phi) phi = resample(phi, work, grid);
+  }
+  result.judgement = judgeVolume(
+      millilitres(double(std::count(result.mask.begin(), result.mask.end(), 1)), grid.spacing),
+      settings.volumes);
+  if (chosen.leaks) {
+    result.judgement.flags.push_back({"leak", "the mask seems to leak out of the skull"});
+    result.judgement.confidence *= 0.4;
   }
   result.phi.assign(phi.begin(), phi.end());
   return result;

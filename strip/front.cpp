@@ -66,17 +66,17 @@ struct Rows {
 
 Front::Front(const LevelImage& image)
     : image_(image),
-      phi_(image.values().size()),
-      distance_(image.values().size()),
-      speed_(image.values().size(), 0.0f),
+      phi_(std::make_unique_for_overwrite<float[]>(image.values().size())),
+      distance_(std::make_unique_for_overwrite<float[]>(image.values().size())),
+      speed_(std::make_unique<float[]>(image.values().size())),
       meanInside_(voxelCount(image.blocks())),
       meanOutside_(voxelCount(image.blocks())),
       edgeBits_(image.size()) {}
 
 /// Phi is half a voxel on either side of the surface.
 void Front::begin(const BitVolume& inside) {
-  std::fill(phi_.begin(), phi_.end(), 0.5f);
-  std::fill(distance_.begin(), distance_.end(), kFar);
+  std::fill_n(phi_.get(), image_.values().size(), 0.5f);
+  std::fill_n(distance_.get(), image_.values().size(), kFar);
   const auto words = inside.words();
   for (std::size_t w = 0; w < words.size(); ++w)
     if (words[w])
@@ -182,7 +182,7 @@ long Front::step(BitVolume& inside, const FrontSettings& settings) {
                        b.voxels.data(), b.blocks.data(), b.intensity.data(),
                        b.nearestX.data(), b.nearestY.data(), b.nearestZ.data(),
                        b.distance.data(), b.speed.data(), b.source.data(),
-                       phi_.data(), distance_.data(), speed_.data(),
+                       phi_.get(), distance_.get(), speed_.get(),
                        meanInside_.data(), meanOutside_.data(),
                        float(settings.w3), float(settings.w5)};
   const auto inParts = [&](std::size_t first, std::size_t end, auto&& loop) {
@@ -201,19 +201,19 @@ long Front::step(BitVolume& inside, const FrontSettings& settings) {
     });
   };
   const auto scatter = [&](std::size_t first, std::size_t end, const std::vector<float>& values,
-                           std::vector<float>& volume) {
+                           float* volume) {
     inParts(first, end, [&](std::size_t from, std::size_t to) {
       for (std::size_t k = from; k < to; ++k) volume[b.voxels[k]] = values[k];
     });
   };
   run(FrontLoop::crossings, 0, edges_);
-  scatter(0, edges_, b.distance, distance_);
+  scatter(0, edges_, b.distance, distance_.get());
   run(FrontLoop::layer, edges_, all);
-  scatter(edges_, all, b.distance, distance_);
+  scatter(edges_, all, b.distance, distance_.get());
   run(FrontLoop::speeds, 0, edges_);
-  scatter(0, edges_, b.speed, speed_);
+  scatter(0, edges_, b.speed, speed_.get());
   run(FrontLoop::extension, 0, edges_);
-  scatter(0, edges_, b.speed, speed_);
+  scatter(0, edges_, b.speed, speed_.get());
   inParts(edges_, all, [&](std::size_t from, std::size_t to) {
     for (std::size_t k = from; k < to; ++k) b.speed[k] = speed_[b.source[k]];
   });
@@ -230,12 +230,10 @@ long Front::takeOver(BitVolume& inside) {
   for (std::size_t k = 0; k < band_.voxels.size(); ++k) {
     const int v = band_.voxels[k];
     const float moved = band_.distance[k];
-    phi_[v] = moved;
+    const float before = std::exchange(phi_[v], moved);
     distance_[v] = moved < 0 ? -kFar : kFar;
-    Word& word = words[v / BitVolume::kBits];
-    const Word bit = Word{1} << (v % BitVolume::kBits);
-    if ((moved < 0) == ((word & bit) != 0)) continue;
-    word ^= bit;
+    if ((moved < 0) == (before < 0)) continue;
+    words[v / BitVolume::kBits] ^= Word{1} << (v % BitVolume::kBits);
     const int x = v % X, y = v / X % size[1], z = v / X / size[1], B = image_.block();
     CountedSum& sum =
         inBlocks_[(std::size_t(z / B) * image_.blocks()[1] + y / B) * image_.blocks()[0] + x / B];

@@ -24,6 +24,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -73,7 +74,7 @@ class Front {
   long takeOver(BitVolume& inside);
 
   const LevelImage& image_;
-  std::vector<float> phi_, distance_, speed_;  // per voxel of the level; see kernels
+  std::unique_ptr<float[]> phi_, distance_, speed_;  // per voxel of the level; see kernels
   std::vector<CountedSum> inBlocks_, inWindows_;
   std::vector<float> meanInside_, meanOutside_;  // per block
   WindowSums windowSums_;

@@ -174,6 +174,14 @@ std::vector<float> samplesInside(const ScanView& scan, BitVolume inner, const Bl
 
 }  // namespace
 
+Box largestWorkBox(const ScanView& scan) {
+  const Grid whole = Axes(scan).anatomical();
+  const double most = (kDepth + kMargin + 2 * kBlockMm) / whole.spacing[2] + 1;
+  Box box{{0, 0, 0}, whole.size};
+  box.first[2] = std::max(0, whole.size[2] - int(std::min(most, double(whole.size[2]))));
+  return box;
+}
+
 std::optional<Head> findHead(const ScanView& scan) {
   BlockMeans means = blockMeans(scan);
   const float low = percentile(means.values, 0.001), high = percentile(means.values, 0.995);

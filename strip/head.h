@@ -25,6 +25,9 @@ struct Head {
   float air = 0;            ///< median intensity of what is not the head
 };
 
+/// The largest box in which findHead() may find work, in voxels of the scan in anatomical order.
+Box largestWorkBox(const ScanView& scan);
+
 /// Finds the head, or nothing where there is none.
 std::optional<Head> findHead(const ScanView& scan);
 

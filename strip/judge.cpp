@@ -117,18 +117,38 @@ void examine(const Trial& trial, Evidence& e) {
   e.heightMm = size[2] * mm[2];
 }
 
-Judgement judge(const Evidence& e, const VolumeRange& volumes) {
-  Judgement result;
-  const auto rule = [&](double value, double sound, double limit, const char* code,
-                        const std::string& text) {
+namespace {
+
+/// Rules applied one after the other.
+class Rules {
+ public:
+  void operator()(double value, double sound, double limit, const char* code,
+                  const std::string& text) {
     const double rating = rate(value, sound, limit);
-    result.confidence *= rating;
-    if (rating < 0.5) result.flags.push_back({code, text});
-  };
-  const std::string volume = print("volume %.0f mL is outside %g to %g", e.volumeMl, volumes.least,
-                                   volumes.most);
-  rule(e.volumeMl, 1.1 * volumes.least, volumes.least, "volume", volume);
-  rule(e.volumeMl, 0.95 * volumes.most, volumes.most, "volume", volume);
+    judgement.confidence *= rating;
+    if (rating < 0.5) judgement.flags.push_back({code, text});
+  }
+  void volume(double ml, const VolumeRange& range) {
+    const std::string text =
+        print("volume %.0f mL is outside %g to %g", ml, range.least, range.most);
+    (*this)(ml, 1.1 * range.least, range.least, "volume", text);
+    (*this)(ml, 0.95 * range.most, range.most, "volume", text);
+  }
+
+  Judgement judgement;
+};
+
+}  // namespace
+
+Judgement judgeVolume(double volumeMl, const VolumeRange& volumes) {
+  Rules rule;
+  rule.volume(volumeMl, volumes);
+  return rule.judgement;
+}
+
+Judgement judge(const Evidence& e, const VolumeRange& volumes) {
+  Rules rule;
+  rule.volume(e.volumeMl, volumes);
   // Limits between what was seen of sound masks (the worst of them in brackets) and of others; see
   // docs/accuracy.md.
   rule(e.agreement, 0.95, 0.92, "unstable",  // 0.937
@@ -154,7 +174,7 @@ Judgement judge(const Evidence& e, const VolumeRange& volumes) {
   rule(e.otherPiece, 0.15, 0.3, "head",
        print("another bright object of %.0f %% of the head's size", 100 * e.otherPiece));
   rule(e.voxelMm3, 27, 43, "resolution", print("voxels of %.0f mm3 are too large", e.voxelMm3));
-  return result;
+  return rule.judgement;
 }
 
 }  // namespace tavrel::strip

@@ -58,6 +58,9 @@ struct Trial {
 /// Fills the figures that come from intensities and shape.
 void examine(const Trial& trial, Evidence& evidence);
 
+/// Rates a mask of which nothing but the volume is known.
+Judgement judgeVolume(double volumeMl, const VolumeRange& volumes);
+
 /// Rates the evidence.
 Judgement judge(const Evidence& evidence, const VolumeRange& volumes);
 

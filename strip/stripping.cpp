@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <mutex>
 
 #include "parallel.h"
 #include "front.h"
@@ -124,9 +125,11 @@ class Chain {
       addTrials({{*settings_.w5}});
     else
       addTrials(kWeights);
-    // Where the largest weight is the best one, larger ones may be better.
-    while (!settings_.w5 && choice_.chosen + 1 == trials_.size() && trials_.back().w5 < kLargestWeight)
-      addTrials({{trials_.back().w5 + kWeightStep}});
+    const auto goOn = [&] {
+      return choice_.best + 1 == trials_.size() && choice_.ratings.back() < kStable &&
+             trials_.back().w5 < kLargestWeight;
+    };
+    while (!settings_.w5 && goOn()) addTrials({{trials_.back().w5 + kWeightStep}});
   }
 
   /// The mask on the working grid.
@@ -142,8 +145,12 @@ class Chain {
     BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
     domain = cropped(domain, box);
     inside &= domain;
-    inside = evolve(level, inside, level.withBorder(domain), settings_.w5.value_or(kFinestW5),
-                    kSteps, settings_.threads);
+    idle_.clear();
+    Front front(level);
+    inside = evolve(level, front, inside, level.withBorder(domain),
+                    {.w5 = settings_.w5.value_or(kFinestW5),
+                     .mostSteps = kSteps,
+                     .threads = settings_.threads});
     return uncropped(finished(std::move(inside)), box, image.grid.size);
   }
 
@@ -160,27 +167,51 @@ class Chain {
     return e;
   }
 
+  std::vector<TrialRecord> records() const {
+    std::vector<TrialRecord> records;
+    for (std::size_t i = 0; i < trials_.size(); ++i)
+      records.push_back({trials_[i].w5, trials_[i].ml, choice_.ratings[i]});
+    return records;
+  }
+
   double w5() const { return trials_[choice_.chosen].w5; }
 
  private:
-  BitVolume evolve(const LevelImage& image, const BitVolume& from, const BitVolume& domain,
-                   double w5, int steps, int threads) const {
+  BitVolume evolve(const LevelImage& image, Front& front, const BitVolume& from,
+                   const BitVolume& domain, const FrontSettings& settings) const {
     BitVolume inside = image.withBorder(from);
-    Front(image).evolve(inside, domain, {.w5 = w5, .mostSteps = steps, .threads = threads},
-                        observer_.checkpoint);
+    front.evolve(inside, domain, settings, observer_.checkpoint);
     return image.withoutBorder(inside);
   }
+
+  using Fronts = std::vector<std::unique_ptr<Front>>;  // one a level of images_
 
   void addTrials(std::span<const double> weights) {
     const std::size_t before = trials_.size();
     trials_.resize(before + weights.size());
     parallelFor(settings_.threads, int(weights.size()), [&](int i) {
-      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)]);
+      auto fronts = borrowFronts();
+      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)], *fronts);
+      const std::lock_guard guard(idleLock_);
+      idle_.push_back(std::move(fronts));
     });
     choice_ = chooseWeight(trials_, kTrialShare * settings_.volumes.most);
   }
 
-  WeightTrial trial(double w5) const {
+  /// Fronts of another trial, whose memory is used again, or new ones.
+  std::unique_ptr<Fronts> borrowFronts() {
+    const std::lock_guard guard(idleLock_);
+    if (!idle_.empty()) {
+      auto fronts = std::move(idle_.back());
+      idle_.pop_back();
+      return fronts;
+    }
+    auto fronts = std::make_unique<Fronts>();
+    for (const LevelImage& image : images_) fronts->push_back(std::make_unique<Front>(image));
+    return fronts;
+  }
+
+  WeightTrial trial(double w5, Fronts& fronts) const {
     WeightTrial result;
     result.w5 = w5;
     result.raw = seed_;
@@ -188,7 +219,8 @@ class Chain {
     for (std::size_t l = images_.size(); l-- > 0; steps = kSteps) {
       const LevelImage& image = images_[l];
       if (l + 1 < images_.size()) result.raw = doubled(result.raw, image.grid().size);
-      result.raw = evolve(image, result.raw, image.domain(), w5, steps, 1);
+      result.raw = evolve(image, *fronts[l], result.raw, image.domain(),
+                          {.w5 = w5, .mostSteps = steps});
     }
     const Grid& grid = images_.front().grid();
     result.finished = result.raw;
@@ -212,25 +244,36 @@ class Chain {
   std::vector<Intensities> levels_;  // finest first
   std::vector<LevelImage> images_;   // of the trials' level and coarser ones
   BitVolume seed_;
+  std::mutex idleLock_;
+  std::vector<std::unique_ptr<Fronts>> idle_;
   std::vector<WeightTrial> trials_;
   WeightChoice choice_;
 };
 
 }  // namespace
 
+Grid largestWorkGrid(const ScanView& scan, const StripSettings& settings) {
+  return WorkGrid(scan, largestWorkBox(scan), settings.resampleMm).grid();
+}
+
 Stripped stripScan(const ScanView& scan, const StripSettings& settings,
                    const StripObserver& observer) {
+  const auto stage = [&](const char* name, double done) {
+    pass(observer.checkpoint);
+    if (observer.onStage) observer.onStage(name, done);
+  };
+  stage("finding the head", 0);
   const auto head = findHead(scan);
   if (!head) throw NoHead("holds no head");
-  pass(observer.checkpoint);
   const WorkGrid work(scan, head->box, settings.resampleMm);
   constexpr double kHeadroom = 1.3;  // above the bright tissue's intensity
   Intensities image =
       work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low));
   minimumFilter(image);
-  pass(observer.checkpoint);
+  stage("trying weights", 0.2);
   Chain chain(std::move(image), work.fromScan(head->centre), settings, observer);
   chain.runTrials();
+  stage("finest level", 0.7);
   const BitVolume mask = chain.finest();
   Evidence evidence = chain.evidence();
   const FieldOfViewCut cut = work.cut(mask);
@@ -243,6 +286,7 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   Stripped result;
   result.mask = work.toScan(scan, mask);
   result.w5 = chain.w5();
+  result.trials = chain.records();
   result.judgement = judge(evidence, settings.volumes);
   return result;
 }

@@ -49,9 +49,18 @@ struct LevelRecord {
   double seconds = 0;
 };
 
+/// One weight that the evolution for scans has tried.
+struct TrialRecord {
+  double w5 = 0;
+  double ml = 0;         ///< of the finished mask of the trial
+  double agreement = 1;  ///< with the masks of its neighbours, 0 to 1
+};
+
 /// Told about the work while it goes on; empty functions are skipped, and they may throw.
 struct StripObserver {
   Checkpoint checkpoint;  ///< may be called by several threads at once
+  /// What begins now, and which share of the work is done (evolution for scans).
+  std::function<void(const char* stage, double done)> onStage;
   /// Before each run of the exact evolution, whose choice of W5 may abandon a run for another.
   std::function<void(double w5)> onRun;
   std::function<void(const StepReport&)> onStep;
@@ -63,7 +72,8 @@ struct Stripped {
   std::vector<char> mask;
   std::vector<float> phi;  ///< empty unless asked for
   double w5 = 0;           ///< the weight used
-  std::vector<LevelRecord> levels;
+  std::vector<LevelRecord> levels;  ///< of the exact evolution
+  std::vector<TrialRecord> trials;  ///< of the evolution for scans
   Judgement judgement;
 };
 
@@ -83,6 +93,10 @@ Grid exactGrid(const Grid& grid, const StripSettings& settings);
 /// @throws whatever the observer throws
 Stripped stripExactly(std::unique_ptr<Image> image, const Grid& grid, const StripSettings& settings,
                       const StripObserver& observer = {});
+
+/// The largest working grid that a scan of this grid and orientation may need.
+/// @throws std::length_error if it has too many voxels
+Grid largestWorkGrid(const ScanView& scan, const StripSettings& settings);
 
 /// Runs the method with the evolution for scans.
 /// @throws NoHead, and whatever the observer throws

@@ -15,9 +15,10 @@
 
 namespace tavrel::strip {
 
-/// The weights that are tried, and how they go on where the last one is the best.
+/// The weights that are tried, and how they go on while the last one is the best and not yet stable.
 inline constexpr double kWeights[] = {0.75, 1.0, 1.25, 1.5, 1.75, 2.0};
 inline constexpr double kWeightStep = 0.5, kLargestWeight = 4;
+inline constexpr double kStable = 0.98;
 
 /// What came of one weight on the coarse levels.
 struct WeightTrial {
@@ -29,9 +30,9 @@ struct WeightTrial {
 
 /// How the trials compare.
 struct WeightChoice {
-  std::size_t chosen = 0;
+  std::size_t chosen = 0, best = 0; ///< the least weight that is good enough, the best rated one
   double agreement = 1;             ///< of the chosen mask with its neighbours', 0 to 1
-  std::vector<double> agreements;   ///< of each mask with the next (Dice)
+  std::vector<double> ratings;      ///< the same of all masks
 };
 
 /// Rates trials of rising weight.

@@ -8,7 +8,8 @@
 namespace tavrel::strip {
 namespace {
 
-constexpr double kUsualMm = 1, kFinestMm = 0.65, kCoarsestMm = 2.3, kMostAnisotropic = 1.6;
+constexpr double kUsualMm = 1, kLargestMm = 2;  // of grids that are interpolated
+constexpr double kFinestMm = 0.65, kCoarsestMm = 2.3, kMostAnisotropic = 1.6;
 
 bool nearIsotropic(const Spacing& spacing) {
   const auto [least, most] = std::minmax_element(spacing.begin(), spacing.end());
@@ -63,9 +64,10 @@ void interpolateRows(const std::vector<T>& values, const Size& from,
 
 WorkGrid::WorkGrid(const ScanView& scan, const Box& box, std::optional<double> mm)
     : box_(box), scan_(Axes(scan).anatomical()) {
-  const double target = mm.value_or(kUsualMm);
+  const double finest = *std::min_element(scan_.spacing.begin(), scan_.spacing.end());
+  const double target = mm.value_or(std::clamp(finest, kUsualMm, kLargestMm));
   for (int d = 0; d < 3; ++d) {
-    factor_[d] = std::max(1, int(1.25 * target / scan_.spacing[d]));
+    factor_[d] = std::max(1, int(1.25 * mm.value_or(kUsualMm) / scan_.spacing[d]));
     joined_.size[d] = (box.end[d] - box.first[d] + factor_[d] - 1) / factor_[d];
     joined_.spacing[d] = scan_.spacing[d] * factor_[d];
   }

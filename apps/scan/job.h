@@ -51,7 +51,8 @@ struct ScanResult {
   double volumeMl = 0;               ///< of the mask
   Box box;                           ///< around the mask
   double w5 = std::numeric_limits<double>::quiet_NaN();  ///< the weight used; NaN for a given mask
-  std::vector<LevelRecord> levels;                       ///< of the evolution, coarsest first
+  std::vector<LevelRecord> levels;                       ///< of the exact evolution
+  std::vector<TrialRecord> trials;                       ///< of the evolution for scans
   std::string sha256;         ///< of the file with the header, hexadecimal
   std::string imageSha256;    ///< of the second file of a pair, otherwise empty
   mode_t permissions = 0666;  ///< of the scan's files
