@@ -17,8 +17,6 @@ using scan::Header;
 
 constexpr double kObliqueDegrees = 5;
 constexpr double kApartMm = 1;
-// A head in its field of view has air, with noise, and 3 litres or more of tissue.
-constexpr double kLeastEmpty = 0.4, kLeastBrainMl = 400, kLargestBrainMl = 2300;
 
 using Image = std::unique_ptr<nifti_image, void (*)(nifti_image*)>;
 
@@ -59,19 +57,6 @@ double distance(const nifti_dmat44& a, const nifti_dmat44& b, const scan::Size& 
   return largest;
 }
 
-/// Millilitres of voxels that are not exactly 0, or nothing where there is too little of 0.
-double tissueMl(const scan::Scan& scan) {
-  const auto zero = scan::storedZero(scan.header);
-  std::size_t empty = 0;
-  const std::size_t voxels = scan.stored.size() / zero.size();
-  for (std::size_t v = 0; v < voxels; ++v)
-    empty +=
-        std::equal(zero.begin(), zero.end(), scan.stored.begin() + std::ptrdiff_t(v * zero.size()));
-  const auto& mm = scan.header.spacing;
-  if (double(empty) < kLeastEmpty * double(voxels)) return 0;
-  return double(voxels - empty) * mm[0] * mm[1] * mm[2] / 1000;
-}
-
 }  // namespace
 
 void noteOddities(const scan::Scan& scan, scan::ScanResult& result) {
@@ -90,9 +75,6 @@ void noteOddities(const scan::Scan& scan, scan::ScanResult& result) {
   }
   if (!scan.header.orientation)
     result.flags.push_back({"no-affine", "the scan has no affine: left and right are unknown"});
-  const double tissue = tissueMl(scan);
-  if (tissue > kLeastBrainMl && tissue < kLargestBrainMl)
-    result.flags.push_back({"stripped-already", "the scan seems to be stripped already"});
 }
 
 }  // namespace tavrel::cohort

@@ -7,7 +7,7 @@
 namespace tavrel::cohort {
 
 /// Adds to the notices of a result: an oblique scan, transforms that disagree; and to its flags: no
-/// transform at all, a scan that seems to be stripped already.
+/// transform at all.
 void noteOddities(const scan::Scan& scan, scan::ScanResult& result);
 
 }  // namespace tavrel::cohort
