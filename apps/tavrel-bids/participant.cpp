@@ -56,7 +56,9 @@ class Run {
         startScans();
         for (const Ended& ended : pool_.collect()) take(ended);
         progress_.show(pool_.running());
-        if (!pool_.running()) std::this_thread::sleep_for(waiting_.empty() ? kIdle * 0 : kIdle);
+        // All that is left is in the hands of other calls.
+        if (!pool_.running() && !waiting_.empty() && waiting_.front().notBefore > Clock::now())
+          std::this_thread::sleep_for(kIdle);
       }
     } catch (...) {
       pool_.stop();

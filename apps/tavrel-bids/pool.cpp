@@ -1,5 +1,7 @@
 #include "pool.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -8,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +28,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPause = 5ms;      // between two looks at the children
+constexpr int kPause = 50;        // ms until signals and time limits are looked at again
 constexpr auto kPatience = 5s;    // until what was asked to end is killed
 constexpr int kUnanswered = 125;  // exit status of a child that has no answer
 
@@ -79,12 +82,15 @@ bool Pool::hasRoom(std::uint64_t memory) const {
 void Pool::start(std::size_t index, std::uint64_t memory,
                  const std::function<std::string()>& work) {
   scan::Descriptor answer(memfd_create("answer", MFD_CLOEXEC));
-  if (!answer) throw std::system_error(errno, std::generic_category(), "no memory file");
+  std::array<int, 2> ends = {-1, -1};
+  if (!answer || pipe2(ends.data(), O_CLOEXEC) != 0)
+    throw std::system_error(errno, std::generic_category(), "no further process");
+  scan::Descriptor life(ends[0]), childsEnd(ends[1]);
   std::cout << std::flush;
   const pid_t parent = getpid(), child = fork();
   if (child < 0) throw std::system_error(errno, std::generic_category(), "no further process");
   if (child == 0) live(work, answer.get(), parent);
-  children_.push_back({child, index, memory, std::move(answer), Clock::now()});
+  children_.push_back({child, index, memory, std::move(answer), std::move(life), Clock::now()});
 }
 
 void Pool::killLate() {
@@ -112,6 +118,12 @@ Ended Pool::end(Child& child, int status) const {
   return ended;
 }
 
+void Pool::waitForAnEnd() const {
+  std::vector<pollfd> ends;
+  for (const Child& child : children_) ends.push_back({child.life.get(), POLLIN, 0});
+  if (!ends.empty()) poll(ends.data(), ends.size(), kPause);
+}
+
 std::vector<Ended> Pool::collect() {
   killLate();
   std::vector<Ended> result;
@@ -121,7 +133,7 @@ std::vector<Ended> Pool::collect() {
     result.push_back(end(child, status));
     return true;
   });
-  if (result.empty() && !children_.empty()) std::this_thread::sleep_for(kPause);
+  if (result.empty()) waitForAnEnd();
   return result;
 }
 

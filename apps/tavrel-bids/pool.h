@@ -57,11 +57,13 @@ class Pool {
     std::size_t index;
     std::uint64_t memory;
     scan::Descriptor answer;
+    scan::Descriptor life;  // a pipe whose other end the child holds as long as it lives
     Clock::time_point start;
     bool late = false;
   };
 
   void killLate();
+  void waitForAnEnd() const;
   Ended end(Child& child, int status) const;
 
   Limits limits_;
