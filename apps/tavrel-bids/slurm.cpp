@@ -31,8 +31,8 @@ namespace fs = std::filesystem;
 using scan::text;
 
 // A task should take minutes: less, and the cluster works for itself; more, and a task that is
-// killed loses much. A voxel takes some microseconds on one core.
-constexpr double kTaskSeconds = 600, kScanSeconds = 2, kVoxelSeconds = 4e-6;
+// killed loses much. A head of 1 mm takes 1 to 4 s on one core.
+constexpr double kTaskSeconds = 600, kScanSeconds = 1, kVoxelSeconds = 5e-7;
 constexpr double kTimeFactor = 4, kSpareMinutes = 10;  // of the limit: machines differ
 constexpr double kMemoryFactor = 1.25, kSpareMb = 128;
 constexpr int kGroupMb = 1000;

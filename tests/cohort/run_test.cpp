@@ -71,8 +71,14 @@ TEST_F(CohortRun, MemoryLimitsHowManyScansRunAtOnce) {
     fs::remove_all(out_);
     return most;
   };
-  EXPECT_EQ(most({"--jobs", "3", "--mem", "1000"}), 3u);
-  EXPECT_EQ(most({"--jobs", "3", "--mem", "120"}), 2u);  // one takes 50 MB
+  std::smatch need;
+  const std::string list = bids({"--dry-run"}).out;
+  ASSERT_TRUE(std::regex_search(list, need, std::regex(", (\\d+) MB")));
+  const auto times = [&](double n) {
+    return std::to_string(n * std::stod(need[1]) * 1e6 / (1 << 20));
+  };
+  EXPECT_EQ(most({"--jobs", "3", "--mem", times(4)}), 3u);
+  EXPECT_EQ(most({"--jobs", "3", "--mem", times(2.5)}), 2u);
 }
 
 TEST_F(CohortRun, KilledAtAnyMomentItEndsWithTheSameBytes) {
