@@ -219,6 +219,7 @@ class Run {
     if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
     if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_, stripped_.phi));
     if (!paths.qc.empty()) files.push_back(writePending(paths.qc, png, scan_.permissions));
+    if (observer_.onWritten) observer_.onWritten(scan_, result_, files);
     checkInterrupted();
     commitTogether(files, job_.force);
   }

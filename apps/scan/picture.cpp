@@ -18,6 +18,7 @@ namespace {
 constexpr int kCuts = 7;
 constexpr int kPanel = 230;          // pixels of the longest side of a cut
 constexpr int kGap = 6;              // pixels between cuts
+constexpr int kThumbnailPanel = 96, kThumbnailGap = 2;
 constexpr int kHeading = 52;         // pixels for the two lines of text
 constexpr char kFont[] = "@cairo:";  // cairo's own stroke font: the same on every machine
 
@@ -232,6 +233,15 @@ std::array<int, kCuts> cutPositions(const PictureInput& input, const Walk& walk)
   return positions;
 }
 
+/// The scale at which the longest side of the volume takes this many pixels.
+double pixelsPerMm(const PictureInput& input, int pixels) {
+  double longest = 0;
+  for (int d = 0; d < 3; ++d) longest = std::max(longest, input.size[d] * input.spacing[d]);
+  return pixels / longest;
+}
+
+constexpr double kDark = 0.02, kBright = 0.98;  // fractions of voxels beyond black and white
+
 }  // namespace
 
 Window intensityWindow(std::span<const double> values, double low, double high) {
@@ -251,9 +261,7 @@ Window intensityWindow(std::span<const double> values, double low, double high) 
 }
 
 std::vector<std::byte> drawPicture(const PictureInput& input) {
-  double longest = 0;
-  for (int d = 0; d < 3; ++d) longest = std::max(longest, input.size[d] * input.spacing[d]);
-  const double scale = kPanel / longest;
+  const double scale = pixelsPerMm(input, kPanel);
   const auto views = planes(input);
 
   int width = 0, height = kHeading;
@@ -265,7 +273,7 @@ std::vector<std::byte> drawPicture(const PictureInput& input) {
   canvas.write(kGap, 20, 17, input.title);
   canvas.write(kGap, 43, 15, input.caption);
 
-  const Window window = intensityWindow(input.values, 0.02, 0.98);
+  const Window window = intensityWindow(input.values, kDark, kBright);
   int top = kHeading;
   for (const Plane& plane : views) {
     const int column = (width - kGap) / kCuts;
@@ -277,6 +285,26 @@ std::vector<std::byte> drawPicture(const PictureInput& input) {
       left += column;
     }
     top += tallest + kGap;
+  }
+  return canvas.png();
+}
+
+std::vector<std::byte> drawThumbnail(const PictureInput& input) {
+  const double scale = pixelsPerMm(input, kThumbnailPanel);
+  auto views = planes(input);
+  int width = 0, height = 0;
+  for (Plane& plane : views) {
+    plane.left = plane.right = "";
+    width += Cut::pixels(plane.across, scale);
+    height = std::max(height, Cut::pixels(plane.down, scale));
+  }
+  Canvas canvas(width + kThumbnailGap * (int(views.size()) - 1), height);
+  const Window window = intensityWindow(input.values, kDark, kBright);
+  int left = 0;
+  for (const Plane& plane : views) {
+    const Cut cut(input, plane, cutPositions(input, plane.through)[kCuts / 2], scale);
+    cut.draw(canvas, left, (height - cut.height) / 2, window);
+    left += cut.width + kThumbnailGap;
   }
   return canvas.png();
 }

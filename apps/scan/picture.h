@@ -28,6 +28,9 @@ struct PictureInput {
 /// The picture as the bytes of a PNG file.
 std::vector<std::byte> drawPicture(const PictureInput& input);
 
+/// The middle cut of each row beside one another, small and without text, as a PNG file.
+std::vector<std::byte> drawThumbnail(const PictureInput& input);
+
 /// The intensities between which a fraction of the finite voxels lies, from `low` to `high`
 /// (0 to 1). Equal bounds for images without contrast.
 struct Window {
