@@ -1,6 +1,7 @@
 // The raw-volume command: arguments, echo lines, files. The work is in the stages of voxPipeline.h.
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <fstream>
 #include <iostream>
@@ -15,6 +16,7 @@
 #include "voxPara.h"
 #include "voxPipeline.h"
 #include "voxRawVolumeData.h"
+#include "threads.h"
 
 namespace {
 
@@ -61,6 +63,13 @@ void requireMemory(const voxPara& P) {
   if (!memoryFits(P)) throw std::bad_alloc();
 }
 
+/// Small volumes are done before more threads are of use.
+int threadsFor(const voxPara& P) {
+  constexpr double kVoxelsAThread = 500000;
+  const double voxels = double(P.sizeX) * P.sizeY * P.sizeZ;
+  return std::max(1, std::min(tavrel::usualThreads(), static_cast<int>(voxels / kVoxelsAThread)));
+}
+
 /// Reads, strips and writes a volume whose file holds values of type T, which is also how it is
 /// kept: as doubles it would take several times the memory.
 template <class T>
@@ -75,7 +84,7 @@ void strip(const voxPara& P, const std::string& phiPath) {
   observer.onLevel = [&](int, vox3DMat<double, char>& Phi) {
     writeVolume(Phi, phiPath, floatFormat);
   };
-  tavrel::evolve(volumes, P, observer);
+  tavrel::evolve(volumes, P, observer, threadsFor(P));
   volumes.image.reset();
   tavrel::finish(*volumes.mask, P);
 
@@ -127,6 +136,9 @@ bool Tavrel(int nImgWidth, int nImgHeight, int nImgSlices, char* sImgFilePath, i
 }
 
 int main(int argc, char** argv) {
+#ifdef SIGXFSZ
+  std::signal(SIGXFSZ, SIG_IGN);  // a limit on the size of files fails the write, as a full disk
+#endif
   if (argc <= 9) {
     std::cout << "Usuage:Tavrel [W5] [ImgWidth] [ImgHeight] [ImgSlices] [RawImageFileName] "
                  "[ImageDataFormat: byte, word or float]"

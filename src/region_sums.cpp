@@ -5,7 +5,7 @@
 #include <numeric>
 #include <utility>
 
-#include "exact/parallel.h"
+#include "parallel.h"
 #include "exact/region_sums/kernels.h"
 
 namespace tavrel::exact {

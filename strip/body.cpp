@@ -17,13 +17,15 @@ constexpr double kLeastBody = 0.85;  // of the largest piece
 }  // namespace
 
 MaskBody::MaskBody(std::vector<char> mask, const Grid& grid) : grid_(grid) {
-  auto body = mask;
-  openMask(body, grid.size, grid.spacing, kBallMm, true);
-  keepLargest(mask, grid.size);
-  const auto bodyVoxels = std::count(body.begin(), body.end(), 1);
-  const auto voxels = std::count(mask.begin(), mask.end(), 1);
+  BitVolume body(mask, grid.size), piece = body;
+  openMask(body, grid.spacing, kBallMm, true);
+  keepLargest(piece);
+  const std::size_t bodyVoxels = body.count(), voxels = piece.count();
   if (bodyVoxels == 0) return;
-  squaredDistance_ = squaredDistances(body, grid.size, grid.spacing, 1);
+  piece.unpack(mask);
+  auto bodyMask = mask;
+  body.unpack(bodyMask);
+  squaredDistance_ = squaredDistances(bodyMask, grid.size, grid.spacing, 1);
   std::ptrdiff_t stray = 0;
   for (std::size_t v = 0; v < mask.size(); ++v)
     stray += mask[v] && squaredDistance_[v] > kPieceReachMm * kPieceReachMm;

@@ -91,7 +91,7 @@ std::vector<double> squaredDistances(std::span<const char> mask, const Size& siz
 
 void setWithin(std::span<char> mask, std::span<const double> squaredDistances, double radius,
                char value) {
-  const double limit = radius * radius * (1 + 1e-6);
+  const double limit = squaredReach(radius);
   for (std::size_t v = 0; v < mask.size(); ++v)
     if (squaredDistances[v] <= limit) mask[v] = value;
 }

@@ -19,9 +19,14 @@ namespace tavrel::strip {
 std::vector<double> squaredDistances(std::span<const char> mask, const Size& size,
                                      const Spacing& spacing, char target);
 
-/// Sets the voxels of `mask` whose squared distance (mm^2) is that of `radius` mm at most to
-/// `value`. A distance equal to the radius counts, whatever the rounding of its square and of the
-/// spacing, which headers hold in 32 bits (1.0000001 mm).
+constexpr double square(double x) { return x * x; }
+
+/// The largest squared distance (mm^2) that is still within `radius` mm. A distance equal to the
+/// radius counts, whatever the rounding of its square and of the spacing, which headers hold in 32
+/// bits (1.0000001 mm).
+constexpr double squaredReach(double radius) { return square(radius) * (1 + 1e-6); }
+
+/// Sets the voxels of `mask` that are within `radius` mm to `value`.
 void setWithin(std::span<char> mask, std::span<const double> squaredDistances, double radius,
                char value);
 

@@ -3,13 +3,11 @@
 // Opening with a ball (erosion, then dilation) cuts bridges to the optic nerves, the dura, the
 // face; the largest piece of what is left between the two is the brain. Closing with a ball takes
 // in the sulci, and filling takes in the ventricles. Radii are in millimetres between voxel
-// centres. Masks hold 1 inside and 0 outside, x fastest; what lies beyond the volume counts as
-// neither, so that a brain cut off by the field of view keeps its cut.
+// centres. What lies beyond the volume counts as neither inside nor outside, so that a brain cut
+// off by the field of view keeps its cut.
 #pragma once
 
-#include <span>
-
-#include "geometry.h"
+#include "morphology.h"
 
 namespace tavrel::strip {
 
@@ -23,25 +21,12 @@ struct FinishSettings {
 
 /// Removes what a ball of this radius cannot reach from within, and if `largest` is set all pieces
 /// but the largest that its centre can roam without a break over faces. In place.
-void openMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius,
-              bool largest);
+void openMask(BitVolume& mask, const Spacing& spacing, double radius, bool largest);
 /// Adds what a ball of this radius cannot reach from without. In place.
-void closeMask(std::span<char> mask, const Size& size, const Spacing& spacing, double radius);
-/// Keeps the largest face-connected piece, the first one of equals. In place.
-void keepLargest(std::span<char> mask, const Size& size);
-/// Fills background that faces do not connect to the border of the volume. In place.
-void fillHoles(std::span<char> mask, const Size& size);
+void closeMask(BitVolume& mask, const Spacing& spacing, double radius);
 
 /// All steps of the settings.
-void finishMask(std::span<char> mask, const Size& size, const Spacing& spacing,
-                const FinishSettings& settings, const Checkpoint& checkpoint = {});
-
-/// Box around the voxels at 1: first voxel and one past the last along each axis; empty masks give
-/// equal bounds.
-struct Box {
-  Size first = {}, end = {};
-  bool empty() const { return first[0] >= end[0]; }
-};
-Box boundingBox(std::span<const char> mask, const Size& size);
+void finishMask(BitVolume& mask, const Spacing& spacing, const FinishSettings& settings,
+                const Checkpoint& checkpoint = {});
 
 }  // namespace tavrel::strip

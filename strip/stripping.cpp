@@ -3,199 +3,291 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <mutex>
 
-#include "body.h"
+#include "parallel.h"
+#include "front.h"
+#include "head.h"
+#include "weight_choice.h"
+#include "work_image.h"
 
 namespace tavrel::strip {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::span<const double> voxels(const Image& image) {
-  return {image.p, std::size_t(image.mxn) * std::size_t(image.sizeZ)};
-}
+// Lengths in mm.
+constexpr double kCoarsestMm = 2.5;  // the coarsest level's voxels are larger
+constexpr std::array<double, 3> kSeedHalf = {36, 43, 32};
+constexpr double kTrialOpen = 2, kTrialClose = 6;  // finishing on the level of the trials
+constexpr double kHold = 6;    // from the trial's finished mask to where the surface may go
+constexpr int kCoarsestSteps = 200, kSteps = 12, kFinestSteps = 5;
+constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials' masks are tighter
+// The finest level only has to find the border near the chosen mask: there the brain's own mean
+// counts more, so that the darker voxels of the gap stay out.
+constexpr double kFinestW5 = 0.8;
 
-std::unique_ptr<Image> imageOnGrid(std::unique_ptr<Image> image, const Grid& from, const Grid& to) {
-  if (from.size == to.size && from.spacing == to.spacing) return image;
-  // What is not a finite number must not spread to its neighbours.
-  for (double& value : std::span(image->p, voxelCount(from.size)))
-    if (!std::isfinite(value)) value = 0;
-  const auto values = resample(voxels(*image), from, to);
-  auto result = std::make_unique<Image>(to.size[0], to.size[1], to.size[2]);
-  std::copy(values.begin(), values.end(), result->p);
-  return result;
-}
-
-/// The level-set function of the last level without the padding.
-std::vector<double> withoutPadding(const Image& padded, const voxPara& P) {
-  std::vector<double> result;
-  result.reserve(std::size_t(P.sizeX) * std::size_t(P.sizeY) * std::size_t(P.sizeZ));
-  for (int z = 0; z < P.sizeZ; ++z)
-    for (int y = 0; y < P.sizeY; ++y) {
-      const double* row = padded.p + std::ptrdiff_t(z + P.Zn) * padded.mxn +
-                          std::ptrdiff_t(y + P.Yn) * padded.sizeX + P.Xn;
-      result.insert(result.end(), row, row + P.sizeX);
+/// A mask on the grid of twice the resolution, of which it is at least half.
+BitVolume doubled(const BitVolume& mask, const Size& size) {
+  BitVolume result(size);
+  for (int z = 0; z < size[2]; ++z)
+    for (int y = 0; y < size[1]; ++y) {
+      const auto from = mask.row(y / 2, z / 2);
+      const auto to = result.row(y, z);
+      for (std::size_t w = 0; w < to.size(); ++w) {
+        // Every bit of half a word twice.
+        BitVolume::Word bits = from[w / 2] >> (w % 2 * 32) & 0xffffffff;
+        bits = (bits | bits << 16) & 0x0000ffff0000ffff;
+        bits = (bits | bits << 8) & 0x00ff00ff00ff00ff;
+        bits = (bits | bits << 4) & 0x0f0f0f0f0f0f0f0f;
+        bits = (bits | bits << 2) & 0x3333333333333333;
+        bits = (bits | bits << 1) & 0x5555555555555555;
+        to[w] = bits | bits << 1;
+      }
+      to.back() &= result.lastWord();
     }
   return result;
 }
 
-/// The mask that a level-set function stands for.
-std::vector<char> insideOf(const Image& phi) {
-  const auto values = voxels(phi);
-  std::vector<char> mask(values.size());
-  std::transform(values.begin(), values.end(), mask.begin(),
-                 [](double v) { return char(isInside(v)); });
+BitVolume cropped(const BitVolume& mask, const Box& box) {
+  BitVolume part(box.size());
+  const int shift = box.first[0] % BitVolume::kBits, skip = box.first[0] / BitVolume::kBits;
+  for (int z = 0; z < part.size()[2]; ++z)
+    for (int y = 0; y < part.size()[1]; ++y) {
+      const auto from = mask.row(y + box.first[1], z + box.first[2]);
+      const auto to = part.row(y, z);
+      for (std::size_t w = 0; w < to.size(); ++w) {
+        const std::size_t i = w + std::size_t(skip);
+        to[w] = from[i] >> shift;
+        if (shift > 0 && i + 1 < from.size()) to[w] |= from[i + 1] << (BitVolume::kBits - shift);
+      }
+      to.back() &= part.lastWord();
+    }
+  return part;
+}
+
+/// Puts the part back into an empty volume.
+BitVolume uncropped(const BitVolume& part, const Box& box, const Size& size) {
+  BitVolume mask(size);
+  const int shift = box.first[0] % BitVolume::kBits, skip = box.first[0] / BitVolume::kBits;
+  for (int z = 0; z < part.size()[2]; ++z)
+    for (int y = 0; y < part.size()[1]; ++y) {
+      const auto from = part.row(y, z);
+      const auto to = mask.row(y + box.first[1], z + box.first[2]);
+      for (std::size_t w = 0; w < from.size(); ++w) {
+        const std::size_t i = w + std::size_t(skip);
+        to[i] |= from[w] << shift;
+        if (shift > 0 && i + 1 < to.size()) to[i + 1] |= from[w] >> (BitVolume::kBits - shift);
+      }
+    }
   return mask;
 }
 
-/// The grid of a level of half the resolution.
-Grid halfGrid(const Image& phi, const Spacing& spacing) {
-  return {{phi.sizeX, phi.sizeY, phi.sizeZ}, {2 * spacing[0], 2 * spacing[1], 2 * spacing[2]}};
+/// The image at falling resolutions, finest first.
+std::vector<Intensities> pyramid(Intensities finest) {
+  std::vector<Intensities> levels;
+  levels.push_back(std::move(finest));
+  while (levels.back().grid.spacing[0] < kCoarsestMm) levels.push_back(halved(levels.back()));
+  return levels;
 }
 
-/// A prepared image that can be evolved several times.
-class Evolution {
+/// A box of the seed's size around a point.
+BitVolume seedBox(const Grid& grid, const std::array<double, 3>& centre) {
+  Box box;
+  for (int d = 0; d < 3; ++d) {
+    const auto index = [&](double mm) {  // of the first voxel whose centre is not before mm
+      return std::clamp(int(std::ceil(mm / grid.spacing[d] - 0.5)), 0, grid.size[d]);
+    };
+    box.first[d] = index(centre[d] - kSeedHalf[d]);
+    box.end[d] = index(centre[d] + kSeedHalf[d]);
+  }
+  BitVolume seed(grid.size);
+  for (int z = box.first[2]; z < box.end[2]; ++z)
+    for (int y = box.first[1]; y < box.end[1]; ++y) seed.setRange(y, z, box.first[0], box.end[0]);
+  return seed;
+}
+
+/// A scan on its way from the working image to a mask.
+class Chain {
  public:
-  Evolution(std::unique_ptr<Image> image, const Grid& grid, int threads)
-      : grid_(grid), threads_(threads) {
-    const Size& size = grid.size;
-    char none[] = "";
-    setupPipeline(P_, none, none, none, 3, size[0], size[1], size[2], 0);
-    volumes_ = prepare(*image, P_);
-    seed_.reset(volumes_.mask->duplicate());
+  Chain(Intensities image, const std::array<double, 3>& centre, const StripSettings& settings,
+        const StripObserver& observer)
+      : settings_(settings), observer_(observer), levels_(pyramid(std::move(image))) {
+    seed_ = seedBox(levels_.back().grid, centre);
   }
 
-  struct Result {
-    std::vector<char> mask;
-    std::vector<double> phi;
-    std::vector<LevelRecord> levels;
-    std::optional<MaskBody> body;  // of the level before the last
-  };
+  /// The level on which weights are compared: the second coarsest.
+  std::size_t trialLevel() const { return levels_.size() - std::min<std::size_t>(2, levels_.size()); }
 
-  /// Evolves and finishes, or gives up before the last level where `goOn` says so.
-  template <class GoOn>
-  std::optional<Result> run(double w5, const StripSettings& settings, const StripObserver& observer,
-                            GoOn&& goOn) {
-    if (observer.onRun) observer.onRun(w5);
-    Result result;
-    P_.w5 = w5;
-    volumes_.mask.reset(seed_->duplicate());
-    auto start = Clock::now();
-    LevelRecord record;
-    EvolutionObserver watch;
-    watch.onStep = [&](const StepReport& step) {
-      pass(observer.checkpoint);
-      record.iterations = step.iteration + 1;
-      if (observer.onStep) observer.onStep(step);
+  void runTrials() {
+    for (std::size_t l = trialLevel(); l < levels_.size(); ++l) images_.emplace_back(levels_[l], 2);
+    if (settings_.w5)
+      addTrials({{*settings_.w5}});
+    else
+      addTrials(kWeights);
+    const auto goOn = [&] {
+      return choice_.best + 1 == trials_.size() && choice_.ratings.back() < kStable &&
+             trials_.back().w5 < kLargestWeight;
     };
-    watch.onLevel = [&](int level, Image& phi) {
-      record.size = {phi.sizeX, phi.sizeY, phi.sizeZ};
-      record.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-      start = Clock::now();
-      result.levels.push_back(std::exchange(record, {}));
-      if (observer.onLevel) observer.onLevel(level, result.levels.back());
-      if (level == P_.seg_dn && settings.phi) result.phi = withoutPadding(phi, P_);
-      if (level != P_.seg_dn - 1) return;
-      result.body.emplace(insideOf(phi), halfGrid(phi, grid_.spacing));
-      if (!goOn(*result.body)) throw GivenUp();
-    };
-    try {
-      evolve(volumes_, P_, watch, threads_);
-    } catch (const GivenUp&) {
-      return std::nullopt;
+    while (!settings_.w5 && goOn()) addTrials({{trials_.back().w5 + kWeightStep}});
+  }
+
+  /// The mask on the working grid.
+  BitVolume finest() {
+    const WeightTrial& best = trials_[choice_.chosen];
+    if (trialLevel() == 0) return finished(best.raw);
+    const Intensities& image = levels_[trialLevel() - 1];
+    BitVolume domain = best.finished;
+    dilate(domain, levels_[trialLevel()].grid.spacing, kHold);
+    domain = doubled(domain, image.grid.size);
+    const Box box = grown(boundingBox(domain), {1, 1, 1}, image.grid.size);
+    const LevelImage level(strip::cropped(image, box), 4);
+    BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
+    domain = cropped(domain, box);
+    inside &= domain;
+    idle_.clear();
+    Front front(level);
+    inside = evolve(level, front, inside, level.withBorder(domain),
+                    {.w5 = settings_.w5.value_or(kFinestW5),
+                     .mostSteps = kFinestSteps,
+                     .threads = settings_.threads});
+    return uncropped(finished(std::move(inside)), box, image.grid.size);
+  }
+
+  /// What speaks for and against the chosen mask, as far as the trials tell.
+  Evidence evidence() const {
+    Evidence e;
+    e.agreement = choice_.agreement;
+    for (std::size_t i = 0; i + 1 < trials_.size(); ++i)
+      e.shrinking = std::max(e.shrinking, 1 - trials_[i + 1].ml / std::max(1.0, trials_[i].ml));
+    const Intensities& image = levels_[trialLevel()];
+    BitVolume seed = seed_;
+    if (seed.size() != image.grid.size) seed = doubled(seed, image.grid.size);
+    examine({image, trials_[choice_.chosen].finished, seed}, e);
+    return e;
+  }
+
+  std::vector<TrialRecord> records() const {
+    std::vector<TrialRecord> records;
+    for (std::size_t i = 0; i < trials_.size(); ++i)
+      records.push_back({trials_[i].w5, trials_[i].ml, choice_.ratings[i]});
+    return records;
+  }
+
+  double w5() const { return trials_[choice_.chosen].w5; }
+
+ private:
+  BitVolume evolve(const LevelImage& image, Front& front, const BitVolume& from,
+                   const BitVolume& domain, const FrontSettings& settings) const {
+    BitVolume inside = image.withBorder(from);
+    front.evolve(inside, domain, settings, observer_.checkpoint);
+    return image.withoutBorder(inside);
+  }
+
+  using Fronts = std::vector<std::unique_ptr<Front>>;  // one a level of images_
+
+  void addTrials(std::span<const double> weights) {
+    const std::size_t before = trials_.size();
+    trials_.resize(before + weights.size());
+    parallelFor(settings_.threads, int(weights.size()), [&](int i) {
+      auto fronts = borrowFronts();
+      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)], *fronts);
+      const std::lock_guard guard(idleLock_);
+      idle_.push_back(std::move(fronts));
+    });
+    choice_ = chooseWeight(trials_, kTrialShare * settings_.volumes.most);
+  }
+
+  /// Fronts of another trial, whose memory is used again, or new ones.
+  std::unique_ptr<Fronts> borrowFronts() {
+    const std::lock_guard guard(idleLock_);
+    if (!idle_.empty()) {
+      auto fronts = std::move(idle_.back());
+      idle_.pop_back();
+      return fronts;
     }
-    finish(*volumes_.mask, P_);
-    result.mask.assign(volumes_.mask->p, volumes_.mask->p + voxelCount(grid_.size));
+    auto fronts = std::make_unique<Fronts>();
+    for (const LevelImage& image : images_) fronts->push_back(std::make_unique<Front>(image));
+    return fronts;
+  }
+
+  WeightTrial trial(double w5, Fronts& fronts) const {
+    WeightTrial result;
+    result.w5 = w5;
+    result.raw = seed_;
+    int steps = kCoarsestSteps;
+    for (std::size_t l = images_.size(); l-- > 0; steps = kSteps) {
+      const LevelImage& image = images_[l];
+      if (l + 1 < images_.size()) result.raw = doubled(result.raw, image.grid().size);
+      result.raw = evolve(image, *fronts[l], result.raw, image.domain(),
+                          {.w5 = w5, .mostSteps = steps});
+    }
+    const Grid& grid = images_.front().grid();
+    result.finished = result.raw;
+    finishMask(result.finished, grid.spacing,
+               {.openMm = kTrialOpen, .largest = true, .closeMm = kTrialClose, .fillHoles = true});
+    result.ml = millilitres(double(result.finished.count()), grid.spacing);
     return result;
   }
 
-  /// Whether a mask goes far beyond the body of its run.
-  bool leaks(const MaskBody& body, std::span<const char> mask) const {
-    return body.leaks(mask, grid_.size, {P_.Xn, P_.Yn, P_.Zn});
+  /// The minimum filter has made the brain a voxel smaller all around.
+  BitVolume finished(BitVolume mask) const {
+    constexpr double kCube = 1.75;  // reaches the 26 neighbours
+    dilate(mask, {1, 1, 1}, kCube);
+    if (settings_.finish)
+      finishMask(mask, levels_.front().grid.spacing, *settings_.finish, observer_.checkpoint);
+    return mask;
   }
 
- private:
-  struct GivenUp {};
-
-  voxPara P_;
-  PreparedVolumes volumes_;
-  std::unique_ptr<vox3DMat<char, double>> seed_;
-  Grid grid_;
-  int threads_;
+  const StripSettings& settings_;
+  const StripObserver& observer_;
+  std::vector<Intensities> levels_;  // finest first
+  std::vector<LevelImage> images_;   // of the trials' level and coarser ones
+  BitVolume seed_;
+  std::mutex idleLock_;
+  std::vector<std::unique_ptr<Fronts>> idle_;
+  std::vector<WeightTrial> trials_;
+  WeightChoice choice_;
 };
-
-/// What a run is worth once its mask is finished.
-struct Candidate {
-  double w5;
-  Evolution::Result result;
-  bool leaks;
-};
-
-/// Runs the evolution with one weight and finishes the mask; nothing if `goOn` gave it up.
-template <class GoOn>
-std::optional<Candidate> tryWeight(Evolution& evolution, double w5, const Grid& grid,
-                                   const StripSettings& settings, const StripObserver& observer,
-                                   GoOn&& goOn) {
-  auto result = evolution.run(w5, settings, observer, goOn);
-  if (!result) return std::nullopt;
-  if (settings.finish)
-    finishMask(result->mask, grid.size, grid.spacing, *settings.finish, observer.checkpoint);
-  const bool leaks = result->body && evolution.leaks(*result->body, result->mask);
-  return Candidate{w5, std::move(*result), leaks};
-}
-
-/// Looks for a weight with which the mask neither leaks nor is thin.
-Candidate chooseWeight(Evolution& evolution, const Grid& grid, const StripSettings& settings,
-                       const StripObserver& observer) {
-  const auto attempt = [&](double w5, auto&& goOn) {
-    return tryWeight(evolution, w5, grid, settings, observer, goOn);
-  };
-  const auto tight = [](const MaskBody& body) { return !body.leaks(); };
-  bool thin = false;
-  auto usual = attempt(kUsualW5, [&](const MaskBody& body) {
-    thin = body.thin() && !body.leaks();
-    return tight(body) && !thin;
-  });
-  if (usual && !usual->leaks) return std::move(*usual);
-  if (thin) {
-    auto larger = attempt(kThinW5, tight);
-    if (larger && !larger->leaks) return std::move(*larger);
-    usual = attempt(kUsualW5, tight);
-    if (usual && !usual->leaks) return std::move(*usual);
-  }
-  for (int step = 1;; ++step) {
-    const double w5 = kUsualW5 - step * kW5Step;
-    const bool last = w5 < kLeastW5 + kW5Step / 2;
-    auto smaller = attempt(w5, [&](const MaskBody& body) { return last || tight(body); });
-    if (smaller && (last || !smaller->leaks)) return std::move(*smaller);
-  }
-}
 
 }  // namespace
 
-Grid strippingGrid(const Grid& grid, const StripSettings& settings) {
-  return settings.resampleMm ? isotropicGrid(grid, *settings.resampleMm) : grid;
+Grid largestWorkGrid(const ScanView& scan, const StripSettings& settings) {
+  return WorkGrid(scan, largestWorkBox(scan), settings.resampleMm).grid();
 }
 
-Stripped stripScan(std::unique_ptr<Image> image, const Grid& grid, const StripSettings& settings,
+Stripped stripScan(const ScanView& scan, const StripSettings& settings,
                    const StripObserver& observer) {
-  const Grid work = strippingGrid(grid, settings);
-  Evolution evolution(imageOnGrid(std::move(image), grid, work), work, settings.threads);
-  pass(observer.checkpoint);
-  Candidate chosen = settings.w5 ? *tryWeight(evolution, *settings.w5, work, settings, observer,
-                                              [](const MaskBody&) { return true; })
-                                 : chooseWeight(evolution, work, settings, observer);
+  const auto stage = [&](const char* name, double done) {
+    pass(observer.checkpoint);
+    if (observer.onStage) observer.onStage(name, done);
+  };
+  stage("finding the head", 0);
+  const auto head = findHead(scan);
+  if (!head) throw NoHead("holds no head");
+  const WorkGrid work(scan, head->box, settings.resampleMm);
+  constexpr double kHeadroom = 1.3;  // above the bright tissue's intensity
+  Intensities image =
+      work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low));
+  minimumFilter(image);
+  stage("trying weights", 0.2);
+  Chain chain(std::move(image), work.fromScan(head->centre), settings, observer);
+  chain.runTrials();
+  stage("finest level", 0.7);
+  const BitVolume mask = chain.finest();
+  Evidence evidence = chain.evidence();
+  const FieldOfViewCut cut = work.cut(mask);
+  evidence.cutCm2 = cut.elsewhere;
+  evidence.cutBelowCm2 = cut.below;
+  evidence.volumeMl = millilitres(double(mask.count()), work.grid().spacing);
+  evidence.otherPiece = head->otherPiece;
+  evidence.voxelMm3 = 1000 * millilitres(1, scan.grid.spacing);
+  evidence.headWidthMm = boundingBox(head->mask).size()[0] * head->blocks.spacing[0];
   Stripped result;
-  result.w5 = chosen.w5;
-  result.leaks = chosen.leaks;
-  result.levels = std::move(chosen.result.levels);
-  result.mask = std::move(chosen.result.mask);
-  std::vector<double>& phi = chosen.result.phi;
-  if (settings.resampleMm) {
-    result.mask = resampleMask(result.mask, work, grid);
-    if (settings.phi) phi = resample(phi, work, grid);
-  }
-  result.phi.assign(phi.begin(), phi.end());
+  result.mask = work.toScan(scan, mask);
+  result.w5 = chain.w5();
+  result.trials = chain.records();
+  result.judgement = judge(evidence, settings.volumes);
   return result;
 }
 

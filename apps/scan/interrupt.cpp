@@ -25,8 +25,9 @@ void setAlarm() {
 }
 
 void note(int signal) {
+  const bool isFirst = !arrived;
   arrived = signal;
-  setAlarm();
+  if (isFirst) setAlarm();  // that an impatient user does not put off
 }
 
 void say(int stream, const char* words) {

@@ -6,7 +6,6 @@
 #include <memory>
 #include <new>
 #include <set>
-#include <system_error>
 
 #include "checksum.h"
 #include "format.h"
@@ -24,7 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // The region that the method looks at round each voxel is 21 voxels wide.
-constexpr double kFinestMm = 0.7, kCoarsestMm = 2.1, kMostAnisotropic = 2;
+constexpr double kFinestMm = 0.7, kCoarsestMm = 2.1, kMostAnisotropic = 2;  // exact evolution
 // Limits of what --resample takes for a head.
 constexpr double kLargestHeadMm = 1000, kLargestVoxelMm = 20;
 
@@ -71,6 +70,12 @@ std::unique_ptr<Image> imageOf(const Scan& scan) {
   return image;
 }
 
+/// A view of the scan; its voxels can be read as long as the scan lives.
+ScanView viewOf(const Scan& scan) {
+  return {gridOf(scan.header), scan.header.orientation,
+          [&scan](std::size_t first, std::span<float> voxels) { intensities(scan, first, voxels); }};
+}
+
 /// The reason why a job failed, from the exception being handled.
 std::string reason() {
   try {
@@ -79,8 +84,6 @@ std::string reason() {
     return "needs more memory than there is";
   } catch (const fs::filesystem_error& error) {
     return error.what();
-  } catch (const std::system_error& error) {
-    return text("cannot start its threads (", error.code().message(), "); try fewer");
   } catch (const std::exception& error) {
     return error.what();
   }
@@ -135,19 +138,21 @@ class Run {
     if (!scan_.imagePath.empty()) result_.imageSha256 = sha256(scan_.imagePath);
     for (const std::string& line : header.notices) notice(line);
     const std::string line = spacingNotice(header);
-    if (job_.fromMask.empty() && !job_.strip.resampleMm && !line.empty()) notice(line);
+    const bool asStored = job_.strip.evolution == Evolution::exact && !job_.strip.resampleMm;
+    if (job_.fromMask.empty() && asStored && !line.empty()) notice(line);
   }
 
   Stripped strip() {
     const StripSettings settings = this->settings();
-    const Grid grid = gridOf(scan_.header);
-    tell(observer_.onGrid, strippingGrid(grid, settings));
     StripObserver observer = observer_.strip;
     observer.checkpoint = [this] {
       checkInterrupted();
       pass(observer_.strip.checkpoint);
     };
-    return stripScan(imageOf(scan_), grid, settings, observer);
+    if (settings.evolution == Evolution::scan) return stripScan(viewOf(scan_), settings, observer);
+    const Grid grid = gridOf(scan_.header);
+    tell(observer_.onGrid, exactGrid(grid, settings));
+    return stripExactly(imageOf(scan_), grid, settings, observer);
   }
 
   Scan readMask() const {
@@ -177,11 +182,12 @@ class Run {
     const auto& mask = stripped_.mask;
     result_.voxels = std::size_t(std::count(mask.begin(), mask.end(), 1));
     result_.volumeMl = millilitres(double(result_.voxels), result_.spacing);
-    result_.box = boundingBox(mask, result_.size);
+    result_.box = boundingBox(BitVolume(mask, result_.size));
     result_.w5 = stripped_.w5;
     result_.levels = stripped_.levels;
-    if (stripped_.leaks)
-      result_.flags.push_back({"leak", "the mask seems to leak out of the skull"});
+    result_.trials = stripped_.trials;
+    result_.flags = stripped_.judgement.flags;
+    result_.confidence = stripped_.judgement.confidence;
     if (result_.voxels > 0) return;
     if (job_.fromMask.empty() && job_.strip.finish)
       throw ScanError("shows no brain to the method (the mask is empty)");
@@ -213,6 +219,7 @@ class Run {
     if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
     if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_, stripped_.phi));
     if (!paths.qc.empty()) files.push_back(writePending(paths.qc, png, scan_.permissions));
+    if (observer_.onWritten) observer_.onWritten(scan_, result_, files);
     checkInterrupted();
     commitTogether(files, job_.force);
   }
@@ -250,14 +257,18 @@ ScanResult stripFile(const ScanJob& job, const JobObserver& observer) {
 
 std::uint64_t memoryNeed(const Header& header, const StripSettings& settings) {
   // Bytes a voxel, measured over heads of 0.9 to 17 million voxels and rounded up: reading and
-  // drawing; the evolution and the distances of the finishing; what comes on top.
-  constexpr std::uint64_t kScan = 12, kWork = 48, kResampling = 16, kPhi = 12;
-  constexpr std::uint64_t kProgram = 32 << 20;
-  const std::uint64_t scan = voxelCount(header.size);
-  const std::uint64_t work = voxelCount(strippingGrid(gridOf(header), settings).size);
-  return kProgram + scan * (kScan + 2 * std::uint64_t(header.bytesPerVoxel)) + work * kWork +
-         (settings.resampleMm ? scan * kResampling : 0) +
-         (settings.phi ? std::max(scan, work) * kPhi : 0);
+  // drawing; the working grid of the evolution for scans; the exact evolution with the distances of
+  // the finishing; what comes on top.
+  constexpr std::uint64_t kScan = 8, kWork = 26, kExact = 48, kResampling = 16, kPhi = 12;
+  constexpr std::uint64_t kProgram = 48 << 20;
+  const std::uint64_t voxels = voxelCount(header.size);
+  const std::uint64_t scan = voxels * (kScan + 2 * std::uint64_t(header.bytesPerVoxel));
+  if (settings.evolution == Evolution::scan)
+    return kProgram + scan +
+           kWork * voxelCount(largestWorkGrid({gridOf(header), header.orientation, {}}, settings).size);
+  const std::uint64_t work = voxelCount(exactGrid(gridOf(header), settings).size);
+  return kProgram + scan + work * kExact + (settings.resampleMm ? voxels * kResampling : 0) +
+         (settings.phi ? std::max(voxels, work) * kPhi : 0);
 }
 
 }  // namespace tavrel::scan

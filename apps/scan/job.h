@@ -17,6 +17,9 @@
 
 namespace tavrel::scan {
 
+struct Scan;
+class PendingFile;
+
 /// Where the outputs of one scan go. Empty paths are not written.
 struct OutputPaths {
   std::filesystem::path brain, mask, phi, qc;
@@ -34,12 +37,6 @@ struct ScanJob {
   bool force = false;    ///< replace outputs that exist
 };
 
-/// Something that makes a mask doubtful.
-struct Flag {
-  std::string code;  ///< one word, for programs: "leak"
-  std::string text;  ///< for people: "the mask seems to leak out of the skull"
-};
-
 /// What came of a job. Where it is not done, the fields after `notices` hold what was known when it
 /// failed.
 struct ScanResult {
@@ -54,7 +51,8 @@ struct ScanResult {
   double volumeMl = 0;               ///< of the mask
   Box box;                           ///< around the mask
   double w5 = std::numeric_limits<double>::quiet_NaN();  ///< the weight used; NaN for a given mask
-  std::vector<LevelRecord> levels;                       ///< of the evolution, coarsest first
+  std::vector<LevelRecord> levels;                       ///< of the exact evolution
+  std::vector<TrialRecord> trials;                       ///< of the evolution for scans
   std::string sha256;         ///< of the file with the header, hexadecimal
   std::string imageSha256;    ///< of the second file of a pair, otherwise empty
   mode_t permissions = 0666;  ///< of the scan's files
@@ -67,6 +65,10 @@ struct JobObserver {
   std::function<void(const std::string& stage)> onStage;    ///< "reading", "writing"
   std::function<void(const std::string& notice)> onNotice;  ///< as ScanResult::notices
   std::function<void(const Grid& grid)> onGrid;             ///< what the scan is stripped on
+  /// When all outputs are written and none is in place yet: may add files that belong with them,
+  /// and throw an exception to have none of them.
+  std::function<void(const Scan& scan, const ScanResult& result, std::vector<PendingFile>& files)>
+      onWritten;
   StripObserver strip;
 };
 

@@ -1,5 +1,6 @@
 #include "memory.h"
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -85,6 +86,14 @@ Bytes freeAddresses(const fs::path& root) {
 
 std::uint64_t availableMemory(const fs::path& root) {
   return std::min({freeOnMachine(root), freeInControlGroups(root), freeAddresses(root)});
+}
+
+void keepFreedMemory() {
+#if defined(__GLIBC__)
+  constexpr int kNever = std::numeric_limits<int>::max();
+  mallopt(M_MMAP_THRESHOLD, kNever);
+  mallopt(M_TRIM_THRESHOLD, kNever);
+#endif
 }
 
 }  // namespace tavrel::scan

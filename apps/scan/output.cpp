@@ -69,6 +69,12 @@ bool isAbsent(const fs::path& path) {
   return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
 }
 
+/// Whether a link such as /dev/stdout stands for what a process has open, even if that is a file.
+bool leadsToProcess(const fs::path& link) {
+  std::error_code failure;
+  return fs::read_symlink(link, failure).string().starts_with("/proc/");
+}
+
 /// rename() that never replaces a file. Sets errno to EEXIST if there is one.
 bool renameToFree(const std::string& from, const fs::path& to) {
   if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
@@ -259,7 +265,7 @@ void checkTarget(const fs::path& target, bool force) {
   const bool isLink = S_ISLNK(status.st_mode);
   const bool dangles = isLink && stat(target.c_str(), &status) != 0;
   if (S_ISDIR(status.st_mode)) throw OutputError(text(target.string(), " is a folder"));
-  if (!S_ISREG(status.st_mode) && !dangles)
+  if ((!S_ISREG(status.st_mode) && !dangles) || (isLink && leadsToProcess(target)))
     throw OutputError(text(target.string(), " is not a regular file"));
   if (!force) throw OutputError(text(target.string(), " exists; --force overwrites it"));
 }

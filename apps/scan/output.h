@@ -46,6 +46,8 @@ class PendingFile {
   void close();
 
   const std::filesystem::path& target() const { return target_; }
+  /// Where the content is until it is in place.
+  const std::string& temporary() const { return temporary_; }
 
  private:
   friend void commitTogether(std::vector<PendingFile>& files, bool replace);

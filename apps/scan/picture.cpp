@@ -220,7 +220,7 @@ class Cut {
 
 /// Positions along a plane's walk, evenly spread over the mask (over the volume without one).
 std::array<int, kCuts> cutPositions(const PictureInput& input, const Walk& walk) {
-  const Box box = boundingBox(input.mask, input.size);
+  const Box box = boundingBox(BitVolume(input.mask, input.size));
   int first = 0, end = walk.count;
   if (!box.empty()) {
     first = walk.reversed ? walk.count - box.end[walk.axis] : box.first[walk.axis];

@@ -11,8 +11,10 @@ using json = nlohmann::ordered_json;
 json settingsEntry(const StripSettings& settings, std::optional<std::int64_t> volume) {
   json entry;
   entry["volume"] = volume ? json(*volume) : json();
+  entry["evolution"] = settings.evolution == Evolution::exact ? "exact" : "scan";
   entry["w5"] = settings.w5 ? json(*settings.w5) : json("auto");
-  entry["resample_mm"] = settings.resampleMm ? json(*settings.resampleMm) : json();
+  entry["resample_mm"] = settings.resampleMm ? json(*settings.resampleMm) : json("auto");
+  entry["volume_range_ml"] = {settings.volumes.least, settings.volumes.most};
   entry["threads"] = settings.threads;
   if (settings.finish)
     entry["finish"] = {{"open_mm", settings.finish->openMm},
@@ -63,6 +65,9 @@ json reportEntry(const ScanJob& job, const ScanResult& result) {
   for (const LevelRecord& level : result.levels)
     entry["levels"].push_back(
         {{"size", level.size}, {"iterations", level.iterations}, {"seconds", level.seconds}});
+  for (const TrialRecord& trial : result.trials)
+    entry["trials"].push_back(
+        {{"w5", trial.w5}, {"volume_ml", trial.ml}, {"agreement", trial.agreement}});
   for (const auto& [name, path] : {std::pair{"brain", job.outputs.brain},
                                    {"mask", job.outputs.mask},
                                    {"phi", job.outputs.phi},

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <map>
 
 #include "format.h"
@@ -47,15 +48,19 @@ class Files {
   std::map<std::pair<dev_t, ino_t>, std::string> identities_;
 };
 
+/// The names up to the one that will be opened: a file that came to be under an earlier name would
+/// be opened instead.
+std::vector<std::string> namesTried(std::vector<std::string> names) {
+  const auto opened = std::find(names.begin(), names.end(), firstThatExists(names));
+  if (opened != names.end()) names.erase(opened + 1, names.end());
+  return names;
+}
+
 /// Adds all files that may be opened for a scan.
 void addScan(Files& files, const std::string& name) {
-  auto headers = headerNames(name);
-  const std::string header = firstThatExists(headers);
-  if (!header.empty()) headers = {header};
-  for (const std::string& path : headers) {
-    files.add(path, name);
-    const std::string image = firstThatExists(imageNames(path));
-    if (!image.empty()) files.add(image, name);
+  for (const std::string& header : namesTried(headerNames(name))) {
+    files.add(header, name);
+    for (const std::string& image : namesTried(imageNames(header))) files.add(image, name);
   }
   files.add(name, name);
 }
@@ -72,7 +77,7 @@ void checkOutputs(std::span<const ScanJob> jobs,
   std::map<std::string, std::string> written;
   const auto check = [&](const fs::path& target, const std::string& by) {
     if (const std::string* input = read.owner(target))
-      throw OutputError(text(target.string(), " would replace the scan ", *input));
+      throw OutputError(text(target.string(), " would take the place of the scan ", *input));
     const auto [other, isNew] = written.emplace(place(target), by);
     if (!isNew)
       throw OutputError(

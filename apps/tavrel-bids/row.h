@@ -20,8 +20,8 @@ struct Row {
   std::optional<double> w5;          ///< the weight used; absent for a given mask
   std::optional<double> confidence;  ///< in the mask, 0 to 1
   std::vector<std::pair<std::string, std::string>> flags;  ///< code and text of each doubt
-  std::optional<double> zVolume;     ///< standard deviations from the cohort's mean volume
-  std::optional<double> seconds;     ///< that the scan took
+  std::optional<double> zVolume;  ///< standard deviations from the cohort's mean volume
+  std::optional<double> seconds;  ///< that the scan took
   std::optional<double> peakMemoryMb;
   std::string rating;   ///< "pass", "fail" or "maybe", or ""
   std::string comment;  ///< of whoever rated it

@@ -66,12 +66,14 @@ ScanResult stripShowing(const ScanJob& job, bool quiet) {
 int stripAll(const Options& options) {
   nlohmann::ordered_json report = newReport("tavrel-nifti", options.strip, options.volume);
   std::vector<std::string> failed;
+  bool doubtful = false;
   mode_t permissions = kOpenToAll;  // of the report: what all scans grant
   if (!options.outDir.empty()) makeFolder(options.outDir);
   if (!options.json.empty()) checkTarget(options.json, options.force);
   for (const ScanJob& job : scanJobs(options)) {
     const ScanResult result = stripShowing(job, options.quiet);
     if (!result.done) failed.push_back(job.input);
+    doubtful |= !result.flags.empty();
     permissions &= result.permissions;
     report["scans"].push_back(reportEntry(job, result));
   }
@@ -82,7 +84,7 @@ int stripAll(const Options& options) {
     files.push_back(writePending(options.json, std::as_bytes(std::span(content)), permissions));
     commitTogether(files, options.force);
   }
-  if (failed.empty()) return 0;
+  if (failed.empty()) return options.strict && doubtful ? 3 : 0;
   std::string line = text(failed.size(), " of ", options.inputs.size(), " failed:");
   for (const std::string& input : failed) line += " " + input;
   complain(line);

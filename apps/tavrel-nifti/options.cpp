@@ -3,13 +3,13 @@
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <iostream>
-#include <sstream>
 
 #include "scan/format.h"
 #include "scan/nifti/files.h"
 #include "scan/output.h"
 #include "scan/report.h"
 #include "scan/targets.h"
+#include "threads.h"
 
 namespace tavrel::scan {
 namespace {
@@ -23,9 +23,10 @@ Examples:
   tavrel-nifti --w5 1.0 --finish none --phi phi.nii.gz head.nii
       the evolved mask as it is, and its level-set function
 
-Exit status: 0 all done, 1 wrong usage, 2 some input failed (the others are done).)";
+Exit status: 0 all done, 1 wrong usage, 2 some input failed (the others are done), 3 with --strict:
+all done, but some mask is doubtful.)";
 
-constexpr char kNone[] = "none";
+constexpr char kNone[] = "none", kExact[] = "exact";
 
 double parseNumber(const std::string& option, const std::string& value) {
   std::size_t used = 0;
@@ -98,6 +99,7 @@ class CommandLine {
     addOutputs();
     addMethod();
     addFinishing();
+    app_.add_flag("--strict", o_.strict, "Exit with status 3 if any mask is doubtful (flagged)");
     app_.add_flag("--quiet", o_.quiet, "Print nothing but errors");
   }
 
@@ -108,12 +110,12 @@ class CommandLine {
       readMethod();
       checkOutputNames();
       checkTogether(o_);
+    } catch (const CLI::Success& helpOrVersion) {
+      app_.exit(helpOrVersion);
+      throw ExitNow{0};
     } catch (const CLI::ParseError& error) {
-      std::ostringstream complaint;
-      const int status = app_.exit(error, std::cout, complaint);
-      std::istringstream lines(complaint.str());
-      for (std::string line; std::getline(lines, line);) std::cerr << printable(line) << '\n';
-      throw ExitNow{status == 0 ? 0 : 1};
+      std::cerr << printable(error.what()) << "\nRun with --help for more information.\n";
+      throw ExitNow{1};
     }
     return o_;
   }
@@ -136,7 +138,8 @@ class CommandLine {
         output("--qc", o_.qc, "Name of the picture (PNG), or \"none\""),
         output("--phi", o_.phi,
                "Also write the level-set function (float32, negative inside, in voxels)")};
-    method_ = {singles_.back()};
+    phi_ = singles_.back();
+    method_ = {phi_};
     output("--json", o_.json, "Also write a report: volumes in mL, levels, settings, checksums");
     app_.add_flag("--force", o_.force, "Overwrite outputs that exist")->group("Outputs");
   }
@@ -153,18 +156,34 @@ class CommandLine {
     method_.push_back(
         method("--w5", w5_,
                "Weight of the comparison with the surroundings; larger values give larger brains. "
-               "auto: 1.0, but 1.1 where the mask is thin, and less, down to 0.7, while it leaks",
+               "auto: the one whose mask depends on it least",
                "X|auto")
             ->capture_default_str());
-    method_.push_back(method("--resample", resampleMm_,
-                             "Strip on an isotropic grid of this spacing in mm and bring the mask "
-                             "back (default: the scan's own grid)",
-                             "MM")
-                          ->check(CLI::Range(0.1, 20.0).description("")));
-    method_.push_back(method("--threads", o_.strip.threads,
-                             "Threads a scan; the result does not depend on it", "N")
-                          ->check(CLI::Range(1, 1024).description(""))
+    method_.push_back(method("--evolution", evolution_,
+                             "\"scan\": the fast one, which finds the head first; \"exact\": that of "
+                             "Tavrel, on the scan's own grid, from the middle of the volume",
+                             "scan|exact")
+                          ->check(CLI::IsMember({"scan", kExact}).description(""))
                           ->capture_default_str());
+    method_.push_back(method("--resample", resample_,
+                             "Strip on an isotropic grid of this spacing in mm and bring the mask "
+                             "back. auto: the scan's own grid if it is near 1 mm (scan) or in any "
+                             "case (exact)",
+                             "MM|auto")
+                          ->capture_default_str());
+    method_.push_back(method("--volume-range", volumes_,
+                             "Volumes in mL that a brain may have, for children or animals; what is "
+                             "outside is flagged",
+                             "LEAST MOST")
+                          ->default_str("700 2200"));
+    // As many as the process may use; the variable is for schedulers and scripts.
+    o_.strip.threads = usableProcessors();
+    method_.push_back(method("--threads", o_.strip.threads,
+                             "Threads a scan; the result does not depend on it (default: the "
+                             "processors that may be used)",
+                             "N")
+                          ->envname(kThreadsVariable)
+                          ->check(CLI::Range(1, kMostThreads).description("")));
   }
 
   void addFinishing() {
@@ -194,13 +213,24 @@ class CommandLine {
   }
 
   void readMethod() {
-    if (w5_ != kDefaultW5) o_.strip.w5 = parseNumber("--w5", w5_);
+    if (w5_ != kAuto) o_.strip.w5 = parseNumber("--w5", w5_);
     if (fromMask_->count()) refuse(method_, "has no use with --from-mask");
     if (finishName_ == kNone)
       refuse(parts_, "has no use with --finish none");
     else
       o_.strip.finish = finish_;
-    if (resampleMm_ > 0) o_.strip.resampleMm = resampleMm_;
+    if (resample_ != kAuto) {
+      constexpr double kLeastMm = 0.1, kMostMm = 20;
+      const double mm = parseNumber("--resample", resample_);
+      if (mm < kLeastMm || mm > kMostMm)
+        throw CLI::ValidationError("--resample", "\"" + resample_ + "\" is not in [0.1 - 20]");
+      o_.strip.resampleMm = mm;
+    }
+    if (evolution_ == kExact) o_.strip.evolution = Evolution::exact;
+    else refuse({phi_}, "goes with --evolution exact");
+    o_.strip.volumes = {volumes_.first, volumes_.second};
+    if (!(volumes_.first < volumes_.second))
+      throw CLI::ValidationError("--volume-range", "has to be a smaller number and a larger one");
   }
 
   void checkOutputNames() {
@@ -215,6 +245,9 @@ class CommandLine {
          {std::pair{"--brain", o_.brain}, {"--mask", o_.mask}, {"--phi", o_.phi}})
       checkEnding(option, name, {".nii", ".nii.gz"});
     checkEnding("--qc", o_.qc, {".png"});
+    // As in "--json *.nii", where the report's name was forgotten.
+    if (withoutEnding(o_.json) != o_.json)
+      throw CLI::ValidationError("--json", "\"" + o_.json + "\" is the name of a scan");
   }
 
   using OptionList = std::vector<const CLI::Option*>;
@@ -222,11 +255,11 @@ class CommandLine {
   CLI::App app_{"Strips the skull and all other non-brain tissue from 3-D head images (NIfTI).",
                 "tavrel-nifti"};
   Options o_;
-  std::string w5_ = kDefaultW5, finishName_ = "brain";
-  double resampleMm_ = 0;
+  std::string w5_ = kAuto, finishName_ = "brain", evolution_ = "scan", resample_ = kAuto;
+  std::pair<double, double> volumes_ = {VolumeRange().least, VolumeRange().most};
   FinishSettings finish_ = kDefaultFinish;
   OptionList singles_, method_, parts_;  // single outputs; what sets the stripping, the finishing
-  const CLI::Option* fromMask_ = nullptr;
+  const CLI::Option *fromMask_ = nullptr, *phi_ = nullptr;
 };
 
 }  // namespace

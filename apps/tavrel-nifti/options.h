@@ -21,6 +21,7 @@ struct Options {
   std::optional<std::int64_t> volume;  ///< of 4-D files, from 0
   StripSettings strip;
   bool force = false;
+  bool strict = false;                 ///< doubtful masks are a status of their own
   bool quiet = false;
 };
 

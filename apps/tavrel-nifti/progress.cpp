@@ -79,6 +79,10 @@ JobObserver Progress::observer() {
   JobObserver observer;
   observer.onStage = [this](const std::string& what) { live(what); };
   observer.onGrid = [this](const Grid& grid) { grid_ = grid; };
+  observer.strip.onStage = [this](const char* stage, double done) {
+    fraction_ = done;
+    live(stage);
+  };
   observer.strip.onRun = [this](double w5) {
     run_ = weight(w5);
     fraction_ = 0;

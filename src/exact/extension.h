@@ -17,7 +17,7 @@
 
 #include "band.h"
 #include "crossings.h"
-#include "parallel.h"
+#include "../parallel.h"
 
 namespace tavrel::exact {
 

@@ -10,7 +10,7 @@
 
 #include "detail/voxValues.h"
 #include "grid.h"
-#include "parallel.h"
+#include "../parallel.h"
 
 namespace tavrel::exact {
 

@@ -27,7 +27,7 @@
 #include "extension.h"
 #include "grid.h"
 #include "memory.h"
-#include "parallel.h"
+#include "../parallel.h"
 #include "region_sums.h"
 #include "signs.h"
 #include "sweeps.h"

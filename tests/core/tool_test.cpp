@@ -1,4 +1,6 @@
 // The raw-volume command from end to end: messages, statuses, files, and a whole run on a phantom.
+#include <sys/resource.h>
+
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -215,6 +217,13 @@ TEST_F(ToolTest, UnwritableOutputEndsTheRunAndKeepsEarlierFiles) {
   const Finished finished = tavrel(args);
   EXPECT_EQ(finished.err, "  Error writing file /dev/full \n");
   EXPECT_EQ(finished.status, 1);
+  const Finished limited = Process(TAVREL_COMMAND, arguments("1", sizes), [] {
+                             const rlimit fileSize = {4096, 4096};
+                             setrlimit(RLIMIT_FSIZE, &fileSize);
+                           }).wait();
+  EXPECT_EQ(limited.err, "  Error writing file " + path("phi") + " \n");
+  EXPECT_EQ(limited.status, 1);
+  EXPECT_EQ(files(), (std::set<std::string>{"image", "mask"}));
 }
 
 TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {

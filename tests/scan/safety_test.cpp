@@ -23,17 +23,27 @@ mode_t modeOf(const fs::path& path) {
   return status.st_mode;
 }
 
+constexpr uid_t kNobody = 65534;
+
+void becomeNobody() {
+  if (setuid(kNobody) != 0) _exit(98);
+}
+
 std::vector<std::int16_t> smallHead() { return phantom<std::int16_t>({.size = kSmall}, 200); }
 
 TEST_F(Safety, NoOutputReplacesAScanOfTheRun) {
   const std::vector<std::int16_t> voxels(120);
   writeNifti(name("p.hdr"), {.fileType = NIFTI_FTYPE_NIFTI1_2}, voxels);
-  for (const char* one : {"sub.nii.gz", "sub_brain.nii.gz", "sub_brain_mask.nii", "BIG.NII"})
+  // Would be read as two_brain.nii.gz once that is there.
+  writeNifti(name("two_brain.hdr"), {.fileType = NIFTI_FTYPE_NIFTI1_2}, voxels);
+  for (const char* one :
+       {"two.nii.gz", "sub.nii.gz", "sub_brain.nii.gz", "sub_brain_mask.nii", "BIG.NII"})
     writeNifti(name(one) == name("BIG.NII") ? name("big.nii") : name(one), {}, voxels);
   fs::rename(name("big.nii"), name("BIG.NII"));
   fs::create_symlink("scan.nii.gz", name("link.nii.gz"));
   fs::create_symlink("link.nii.gz", name("links.nii.gz"));
   fs::create_hard_link(name("sub.nii.gz"), name("hard.nii.gz"));
+  fs::create_hard_link(name("sub.nii.gz"), name("unlike"));
   fs::create_directory(name("d"));
   fs::create_directory_symlink(".", name("here"));
   std::map<std::string, Bytes> before;
@@ -44,9 +54,13 @@ TEST_F(Safety, NoOutputReplacesAScanOfTheRun) {
       {name("p.img"), "--json", name("p.hdr")},
       {name("p"), "--json", name("d/../p.img")},
       {name("scan"), "--json", name("scan.nii.gz")},
+      {name("sub"), "--json", name("unlike")},
+      {name("sub"), "--json", name("two_brain.img")},
       {name("scan"), "--brain", name("scan.nii.gz")},
       {name("BIG"), "--json", name("BIG.NII")},
       {name("sub"), name("sub_brain")},
+      {name("two"), name("two_brain")},
+      {name("two"), "--from-mask", name("two_brain"), "--brain", name("two_brain.nii")},
       {name("sub"), name("here/sub_brain")},
       {name("sub.nii.gz"), folder_.path().string() + "//.//sub_brain"},
       {name("links.nii.gz"), "--brain", name("link.nii.gz")},
@@ -92,6 +106,11 @@ TEST_F(Safety, ForceReplacesFilesAndLinksAlone) {
   EXPECT_EQ(modeOf(target) & S_IFMT, mode_t(S_IFLNK));
   EXPECT_EQ(report(true).status, 0);
   EXPECT_EQ(modeOf(target) & S_IFMT, mode_t(S_IFREG));
+  fs::remove(target);
+
+  fs::create_symlink("/proc/self/fd/1", target);  // as /dev/stdout, here a file
+  EXPECT_EQ(report(true).status, 2);
+  EXPECT_EQ(modeOf(target) & S_IFMT, mode_t(S_IFLNK));
 }
 
 TEST_F(Safety, WhatAppearsDuringTheRunIsNotReplaced) {
@@ -113,14 +132,11 @@ TEST_F(Safety, AFailedReplacementPutsTheOldFilesBack) {
   if (geteuid() != 0) GTEST_SKIP() << "needs two users";
   // In a sticky folder a user may replace his own files alone.
   const std::string brain = name("scan_brain.nii.gz"), mask = name("scan_brain_mask.nii.gz");
-  constexpr uid_t kNobody = 65534;
   writeBytes(brain, {'o', 'l', 'd'});
   writeBytes(mask, {'o', 'l', 'd'});
   ASSERT_EQ(chown(brain.c_str(), kNobody, kNobody), 0);
   fs::permissions(folder_.path(), fs::perms(01777));
-  const Result result = run({name("scan.nii.gz"), "--w5", "1", "--force"}, [] {
-    if (setuid(kNobody) != 0) _exit(98);
-  });
+  const Result result = run({name("scan.nii.gz"), "--w5", "1", "--force"}, becomeNobody);
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find(mask + " cannot be written"), std::string::npos) << result.err;
   EXPECT_EQ(readText(brain), "old");
@@ -150,6 +166,17 @@ TEST_F(Safety, PipesAndFoldersForScansAreRefusedAtOnce) {
   }
 }
 
+TEST_F(Safety, AnImageThatMayNotBeReadIsNotCalledMissing) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs two users";
+  writeNifti(name("p.hdr"), {.fileType = NIFTI_FTYPE_NIFTI1_2}, std::vector<std::int16_t>(120));
+  fs::permissions(name("p.img"), fs::perms::none);
+  fs::permissions(folder_.path(), fs::perms::all);
+  const Result result = run({name("p")}, becomeNobody);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("p.img cannot be opened: Permission denied"), std::string::npos)
+      << result.err;
+}
+
 TEST_F(Safety, AnInterruptEndsAnyWait) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
@@ -160,8 +187,11 @@ TEST_F(Safety, AnInterruptEndsAnyWait) {
   Process process(TAVREL_NIFTI_COMMAND, {name("scan.nii.gz"), "--w5", "1"},
                   [&] { dup2(ends[1], 1); });
   std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-  kill(process.id(), SIGINT);
-  const Result result = process.wait(5);
+  for (int impatience = 0; impatience < 10; ++impatience) {
+    kill(process.id(), SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+  }
+  const Result result = process.wait(0.2);
   EXPECT_EQ(result.status, 130);
   EXPECT_EQ(result.err, "tavrel-nifti: interrupted\n");
   close(ends[0]);
@@ -245,7 +275,8 @@ TEST_F(Safety, NamesAndNumbersDoNotSteerTheTerminal) {
   for (const std::string& words : {result.out, result.err, usage.err, report})
     for (const char c : words)
       EXPECT_TRUE(c == '\n' || (c >= ' ' && c != '\x7f')) << int(c) << " in " << words;
-  EXPECT_NE(result.err.find("o\\x1b[31m\\x0a\\x7f\\xc2\\x9b\\xff.nii"), std::string::npos);
+  for (const std::string& words : {result.err, usage.err})
+    EXPECT_NE(words.find("o\\x1b[31m\\x0a\\x7f\\xc2\\x9b\\xff.nii"), std::string::npos) << words;
   EXPECT_NE(result.out.find("W5 1e+300"), std::string::npos) << result.out;
   EXPECT_EQ(nlohmann::json::parse(report)["scans"].size(), 2u);
 }

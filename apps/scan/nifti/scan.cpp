@@ -160,6 +160,23 @@ double lowestOf() {
   return static_cast<double>(std::numeric_limits<T>::lowest());
 }
 
+template <class Number>
+void intensitiesAs(const Scan& scan, std::size_t first, std::span<Number> values) {
+  const Header& header = scan.header;
+  const bool scaled = header.slope < 0 || header.inter != 0;
+  const double slope = scaled ? header.slope : 1, inter = scaled ? header.inter : 0;
+  withVoxelType(header.datatype, [&]<class T>(std::type_identity<T>) {
+    const std::byte* p = scan.stored.data() + first * sizeof(T);
+    const bool swapped = header.swapped;
+    for (Number& value : values) {
+      const T stored = loadVoxel<T>(p, swapped);
+      value = scaled ? static_cast<Number>(slope * static_cast<double>(stored) + inter)
+                     : static_cast<Number>(stored);
+      p += sizeof(T);
+    }
+  });
+}
+
 }  // namespace
 
 Scan readScan(const std::string& name, std::optional<std::int64_t> volume,
@@ -215,18 +232,12 @@ Scan readScan(ByteSource source, const std::function<ByteSource()>& openImage,
   return scan;
 }
 
-void intensities(const Scan& scan, std::span<double> values) {
-  const Header& header = scan.header;
-  const bool scaled = header.slope < 0 || header.inter != 0;
-  const double slope = scaled ? header.slope : 1, inter = scaled ? header.inter : 0;
-  withVoxelType(header.datatype, [&]<class T>(std::type_identity<T>) {
-    const std::byte* p = scan.stored.data();
-    for (double& value : values) {
-      value = static_cast<double>(loadVoxel<T>(p, header.swapped));
-      if (scaled) value = slope * value + inter;
-      p += sizeof(T);
-    }
-  });
+void intensities(const Scan& scan, std::size_t first, std::span<double> values) {
+  intensitiesAs(scan, first, values);
+}
+
+void intensities(const Scan& scan, std::size_t first, std::span<float> values) {
+  intensitiesAs(scan, first, values);
 }
 
 std::vector<std::byte> storedZero(const Header& header) {

@@ -55,8 +55,13 @@ Scan readScan(ByteSource header, const std::function<ByteSource()>& openImage,
 /// them round (an intercept, a negative slope) these are the real values slope * stored + inter; a
 /// positive slope alone changes no comparison, so that the stored values themselves are given, free
 /// of rounding.
+/// @param first   index of the first voxel wanted
 /// @param values  receives one number a voxel
-void intensities(const Scan& scan, std::span<double> values);
+void intensities(const Scan& scan, std::size_t first, std::span<double> values);
+void intensities(const Scan& scan, std::size_t first, std::span<float> values);
+inline void intensities(const Scan& scan, std::span<double> values) {
+  intensities(scan, 0, values);
+}
 
 /// One voxel, in the file's bytes, of the stored value that stands for the real value nearest 0.
 std::vector<std::byte> storedZero(const Header& header);

@@ -9,13 +9,15 @@
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 namespace tavrel {
 
 /// Calls task(i) once for every i in [0, count), on up to `threads` threads (the caller's is one of
-/// them). Pieces are handed out in increasing order. The first exception is rethrown at the end.
+/// them, and the only one where no other can be made). Pieces are handed out in increasing order.
+/// The first exception is rethrown at the end.
 template <typename Task>
 void parallelFor(int threads, int count, Task&& task) {
   threads = std::min(threads, count);
@@ -36,7 +38,10 @@ void parallelFor(int threads, int count, Task&& task) {
   };
   {
     std::vector<std::jthread> helpers;
-    for (int t = 1; t < threads; ++t) helpers.emplace_back(work);
+    try {
+      for (int t = 1; t < threads; ++t) helpers.emplace_back(work);
+    } catch (const std::system_error&) {
+    }
     work();
   }
   if (error) std::rethrow_exception(error);

@@ -1,0 +1,88 @@
+// One resolution of a scan as the evolution reads it: intensities as 12-bit integers, and their sums
+// over the surroundings of every block of voxels.
+//
+// The volume has a border of one voxel on all sides that the surface never enters, and rows of whole
+// words of a BitVolume: voxel (x, y, z) of the image has the index
+// ((z + 1) * rows + y + 1) * rowLength + x + 1 here, the same as its bit in a mask of `size`.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "bit_volume.h"
+
+namespace tavrel::strip {
+
+/// A 16-bit volume, x fastest.
+struct Intensities {
+  Grid grid;
+  std::vector<std::uint16_t> values;  ///< 0 to kFullScale
+};
+inline constexpr int kFullScale = 4096;
+
+/// Every voxel becomes the least of its six face neighbours; those on the border stay.
+void minimumFilter(Intensities& image);
+/// Half the resolution: the least of 2 x 2 x 2 voxels; a last odd voxel stands alone.
+Intensities halved(const Intensities& image);
+/// The part of a volume.
+Intensities cropped(const Intensities& image, const Box& box);
+
+/// Number and sum of the intensities of some voxels in one integer, so that both are added at once:
+/// sum * 2^kCountBits + number.
+using CountedSum = std::int64_t;
+inline constexpr int kCountBits = 24;
+constexpr CountedSum counted(int intensity) {
+  return (CountedSum{intensity} << kCountBits) + 1;
+}
+
+/// Intensities with the border, and the sums over windows of blocks.
+class LevelImage {
+ public:
+  /// Edge of a block and half-width of a window, in voxels: a window is some 21 voxels wide.
+  static constexpr int kReach = 10;
+
+  LevelImage(const Intensities& image, int block);
+
+  const Grid& grid() const { return grid_; }             ///< without the border
+  const Size& size() const { return size_; }             ///< with the border
+  int rowLength() const { return rowLength_; }           ///< voxels from row to row
+  std::span<const std::uint16_t> values() const { return values_; }
+  int block() const { return block_; }
+  const Size& blocks() const { return blocks_; }         ///< blocks along x, y, z
+  int reach() const { return kReach / block_; }          ///< of a window, in blocks
+  /// Over the window around each block, all voxels of the image.
+  std::span<const CountedSum> windows() const { return windows_; }
+  /// The voxels without the border.
+  const BitVolume& domain() const { return domain_; }
+
+  /// A mask of the image with the border, and back.
+  BitVolume withBorder(const BitVolume& mask) const;
+  BitVolume withoutBorder(const BitVolume& mask) const;
+  /// Sums of every block over the voxels of a mask with the border.
+  std::vector<CountedSum> blockSums(const BitVolume& mask) const;
+
+ private:
+  Grid grid_;
+  Size size_;
+  int rowLength_, block_;
+  Size blocks_;
+  std::vector<std::uint16_t> values_;
+  BitVolume domain_;
+  std::vector<CountedSum> windows_;
+};
+
+/// Sums over windows of 2 * reach + 1 blocks along each axis around the blocks of `box`, by running
+/// sums along one axis after the other. Blocks outside the volume count nothing.
+class WindowSums {
+ public:
+  /// @param sums    one a block, x fastest
+  /// @param result  receives the sums of the blocks in `box`; what it holds for others means nothing
+  void operator()(std::span<const CountedSum> sums, const Size& blocks, int reach, const Box& box,
+                  std::vector<CountedSum>& result);
+
+ private:
+  std::vector<CountedSum> alongX_, alongY_, plane_;
+};
+
+}  // namespace tavrel::strip
