@@ -21,7 +21,7 @@ constexpr double kCoarsestMm = 2.5;  // the coarsest level's voxels are larger
 constexpr std::array<double, 3> kSeedHalf = {36, 43, 32};
 constexpr double kTrialOpen = 2, kTrialClose = 6;  // finishing on the level of the trials
 constexpr double kHold = 6;    // from the trial's finished mask to where the surface may go
-constexpr int kCoarsestSteps = 200, kSteps = 12;
+constexpr int kCoarsestSteps = 200, kSteps = 12, kFinestSteps = 5;
 constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials' masks are tighter
 // The finest level only has to find the border near the chosen mask: there the brain's own mean
 // counts more, so that the darker voxels of the gap stay out.
@@ -149,7 +149,7 @@ class Chain {
     Front front(level);
     inside = evolve(level, front, inside, level.withBorder(domain),
                     {.w5 = settings_.w5.value_or(kFinestW5),
-                     .mostSteps = kSteps,
+                     .mostSteps = kFinestSteps,
                      .threads = settings_.threads});
     return uncropped(finished(std::move(inside)), box, image.grid.size);
   }

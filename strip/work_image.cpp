@@ -8,12 +8,14 @@
 namespace tavrel::strip {
 namespace {
 
-constexpr double kUsualMm = 1, kLargestMm = 2;  // of grids that are interpolated
-constexpr double kFinestMm = 0.65, kCoarsestMm = 2.3, kMostAnisotropic = 1.6;
+// Grids that are interpolated have cubes of 1 mm, or of 2 mm where no axis is finer than kCoarseMm.
+constexpr double kUsualMm = 1, kLargeMm = 2, kCoarseMm = 1.75;
+// Voxels that are taken as they are differ from that by these factors at most.
+constexpr double kFiner = 0.65, kCoarser = 1.15, kMostAnisotropic = 1.6;
 
-bool nearIsotropic(const Spacing& spacing) {
+bool near(const Spacing& spacing, double mm) {
   const auto [least, most] = std::minmax_element(spacing.begin(), spacing.end());
-  return *least >= kFinestMm && *most <= kCoarsestMm && *most <= kMostAnisotropic * *least;
+  return *least >= kFiner * mm && *most <= kCoarser * mm && *most <= kMostAnisotropic * *least;
 }
 
 /// Where an index of one grid lies between two of another.
@@ -65,13 +67,13 @@ void interpolateRows(const std::vector<T>& values, const Size& from,
 WorkGrid::WorkGrid(const ScanView& scan, const Box& box, std::optional<double> mm)
     : box_(box), scan_(Axes(scan).anatomical()) {
   const double finest = *std::min_element(scan_.spacing.begin(), scan_.spacing.end());
-  const double target = mm.value_or(std::clamp(finest, kUsualMm, kLargestMm));
+  const double target = mm.value_or(finest < kCoarseMm ? kUsualMm : kLargeMm);
   for (int d = 0; d < 3; ++d) {
-    factor_[d] = std::max(1, int(1.25 * mm.value_or(kUsualMm) / scan_.spacing[d]));
+    factor_[d] = std::max(1, int(kCoarser * target / scan_.spacing[d]));
     joined_.size[d] = (box.end[d] - box.first[d] + factor_[d] - 1) / factor_[d];
     joined_.spacing[d] = scan_.spacing[d] * factor_[d];
   }
-  work_ = !mm && nearIsotropic(joined_.spacing) ? joined_ : isotropicGrid(joined_, target);
+  work_ = !mm && near(joined_.spacing, target) ? joined_ : isotropicGrid(joined_, target);
 }
 
 std::array<double, 3> WorkGrid::fromScan(const std::array<double, 3>& mm) const {

@@ -167,14 +167,9 @@ class Run {
 
   /// The mask that the job names, instead of a stripped one.
   Stripped givenMask() {
-    const Scan file = readMask();
-    std::vector<double> values(voxelCount(file.header.size));
-    intensities(file, values);
     Stripped given;
     given.w5 = result_.w5;
-    given.mask.resize(values.size());
-    std::transform(values.begin(), values.end(), given.mask.begin(),
-                   [](double value) { return char(value > 0); });
+    given.mask = maskOf(readMask());
     return given;
   }
 
@@ -217,6 +212,7 @@ class Run {
     if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
     if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_, stripped_.phi));
     if (!paths.qc.empty()) files.push_back(writePending(paths.qc, png, scan_.permissions));
+    if (observer_.onWritten) observer_.onWritten(scan_, result_, files);
     checkInterrupted();
     commitTogether(files, job_.force);
   }

@@ -17,9 +17,11 @@ namespace tavrel::scan {
 namespace {
 
 constexpr int kCuts = 7;
-constexpr int kPanel = 230;               // pixels of the longest side of a cut
-constexpr int kGap = 6;                   // pixels between cuts
-constexpr int kHeading = 52;              // pixels for the two lines of text
+constexpr int kPanel = 230;  // pixels of the longest side of a cut
+constexpr int kGap = 6;      // pixels between cuts
+constexpr int kThumbnailPanel = 96, kThumbnailGap = 2;
+constexpr int kHeading = 52;                    // pixels for the two lines of text
+constexpr double kDark = 0.02, kBright = 0.98;  // fractions of voxels beyond black and white
 constexpr std::size_t kSample = 200'003;  // voxels that place the percentiles as well as all do
 constexpr std::uint32_t kGolden = 2'654'435'769;  // multiples of the golden ratio, times 2^32
 constexpr char kFont[] = "@cairo:";  // cairo's own stroke font: the same on every machine
@@ -159,6 +161,8 @@ class CutPainter {
         columns_(interpolation(plane.across.count, width)),
         rows_(interpolation(plane.down.count, height)) {}
 
+  const Plane& plane() const { return plane_; }
+
   /// Both arrays hold the values of a cut as readCut() gives them; `greys` go from 0 to 255.
   void draw(Canvas& canvas, int left, int top, std::span<const float> greys,
             std::span<const float> inside) const {
@@ -250,6 +254,44 @@ void toGreys(std::span<float> values, const Window& window) {
                       : 255.0f * (value > window.low);
 }
 
+/// The scale at which the longest side of the volume takes this many pixels.
+double pixelsPerMm(const PictureInput& input, int pixels) {
+  double longest = 0;
+  for (int d = 0; d < 3; ++d) longest = std::max(longest, input.size[d] * input.spacing[d]);
+  return pixels / longest;
+}
+
+/// What all cuts of a picture have in common.
+class Cuts {
+ public:
+  explicit Cuts(const PictureInput& input)
+      : input_(input),
+        window_(intensityWindow(input.read, voxelCount(input.size), kDark, kBright)),
+        box_(boundingBox(BitVolume(input.mask, input.size))) {}
+
+  std::array<int, kCuts> positions(const Plane& plane) const {
+    return cutPositions(box_, plane.through);
+  }
+
+  void draw(Canvas& canvas, int left, int top, const CutPainter& painter, int through) const {
+    const Plane& plane = painter.plane();
+    auto greys = readCut(input_.read, input_.size, plane, through);
+    toGreys(greys, window_);
+    painter.draw(canvas, left, top, greys, readCut(maskReader(), input_.size, plane, through));
+  }
+
+ private:
+  IntensityReader maskReader() const {
+    return [mask = input_.mask](std::size_t first, std::span<float> values) {
+      std::copy_n(mask.begin() + std::ptrdiff_t(first), values.size(), values.begin());
+    };
+  }
+
+  const PictureInput& input_;
+  Window window_;
+  Box box_;
+};
+
 }  // namespace
 
 IntensityReader readerOf(std::span<const double> volume) {
@@ -282,9 +324,7 @@ Window intensityWindow(const IntensityReader& read, std::size_t voxels, double l
 }
 
 std::vector<std::byte> drawPicture(const PictureInput& input) {
-  double longest = 0;
-  for (int d = 0; d < 3; ++d) longest = std::max(longest, input.size[d] * input.spacing[d]);
-  const double scale = kPanel / longest;
+  const double scale = pixelsPerMm(input, kPanel);
   const auto views = planes(input);
 
   int width = 0, height = kHeading;
@@ -296,23 +336,38 @@ std::vector<std::byte> drawPicture(const PictureInput& input) {
   canvas.write(kGap, 20, 17, input.title);
   canvas.write(kGap, 43, 15, input.caption);
 
-  const IntensityReader readMask = [&](std::size_t first, std::span<float> values) {
-    std::copy_n(input.mask.begin() + std::ptrdiff_t(first), values.size(), values.begin());
-  };
-  const Window window = intensityWindow(input.read, voxelCount(input.size), 0.02, 0.98);
-  const Box box = boundingBox(BitVolume(input.mask, input.size));
+  const Cuts cuts(input);
+  const int column = (width - kGap) / kCuts;
   int top = kHeading;
   for (const Plane& plane : views) {
     const CutPainter painter(plane, scale);
-    const int column = (width - kGap) / kCuts;
     int left = kGap + (column - kGap - painter.width) / 2;
-    for (const int through : cutPositions(box, plane.through)) {
-      auto greys = readCut(input.read, input.size, plane, through);
-      toGreys(greys, window);
-      painter.draw(canvas, left, top, greys, readCut(readMask, input.size, plane, through));
+    for (const int through : cuts.positions(plane)) {
+      cuts.draw(canvas, left, top, painter, through);
       left += column;
     }
     top += painter.height + kGap;
+  }
+  return canvas.png();
+}
+
+std::vector<std::byte> drawThumbnail(const PictureInput& input) {
+  const double scale = pixelsPerMm(input, kThumbnailPanel);
+  auto views = planes(input);
+  int width = 0, height = 0;
+  for (Plane& plane : views) {
+    plane.left = plane.right = "";
+    width += pixels(plane.across, scale);
+    height = std::max(height, pixels(plane.down, scale));
+  }
+  Canvas canvas(width + kThumbnailGap * (int(views.size()) - 1), height);
+  const Cuts cuts(input);
+  int left = 0;
+  for (const Plane& plane : views) {
+    const CutPainter painter(plane, scale);
+    cuts.draw(canvas, left, (height - painter.height) / 2, painter,
+              cuts.positions(plane)[kCuts / 2]);
+    left += painter.width + kThumbnailGap;
   }
   return canvas.png();
 }

@@ -35,6 +35,9 @@ struct PictureInput {
 /// The picture as the bytes of a PNG file.
 std::vector<std::byte> drawPicture(const PictureInput& input);
 
+/// The middle cut of each row beside one another, small and without text, as a PNG file.
+std::vector<std::byte> drawThumbnail(const PictureInput& input);
+
 /// Intensities between which a picture's greys lie; equal for images without contrast.
 struct Window {
   double low, high;
