@@ -8,6 +8,9 @@
 
 #include <sys/stat.h>
 
+#include "detail/voxCxx20.h"
+
+// Nothing below compiles without it.
 #include <cstddef>
 #include <filesystem>
 #include <span>

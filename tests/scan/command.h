@@ -85,14 +85,17 @@ std::vector<T> phantom(const FileLayout& layout, double white) {
   return voxels;
 }
 
+/// Sizes and voxels of a small phantom, which is as large as a head.
 inline constexpr std::array<std::int64_t, 3> kSmall = {37, 42, 40};
+inline constexpr std::array<double, 3> kSmallMm = {4.75, 4.75, 4.75};
+inline const FileLayout kHead = {.size = kSmall, .mm = kSmallMm};
 
 /// A folder with one scan, scan.nii.gz.
 class Command : public testing::Test {
  protected:
   void SetUp() override {
-    writeNifti(folder_ / "scan.nii.gz", {.size = kSmall},
-               phantom<std::int16_t>({.size = kSmall}, 200));
+    writeNifti(folder_ / "scan.nii.gz", kHead,
+               phantom<std::int16_t>(kHead, 200));
   }
   std::string name(const std::string& file) const { return folder_ / file; }
   TemporaryFolder folder_;

@@ -72,7 +72,7 @@ Bytes rawMask(const TemporaryFolder& folder, const char* format, const void* vox
 TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
   const auto compare = [&]<class T>(const char* format, int datatype, std::type_identity<T>,
                                     bool swapped) {
-    const FileLayout layout{.size = kSmall, .datatype = datatype, .slope = 3};
+    const FileLayout layout{.size = kSmall, .datatype = datatype, .slope = 3, .mm = kSmallMm};
     auto voxels = phantom<T>(layout, 180);
     if constexpr (std::is_floating_point_v<T>) voxels[77] = NAN;
     writeNifti(folder_ / "a.nii", layout, voxels);
@@ -93,7 +93,7 @@ TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
 TEST_F(Command, KeepsVersionByteOrderScalingAndBackground) {
   // A scaled, shifted NIfTI-2 pair in which air is stored as -32000 and stands for about 0.
   const FileLayout layout{
-      .size = kSmall, .fileType = NIFTI_FTYPE_NIFTI2_2, .slope = 0.01, .inter = 320};
+      .size = kSmall, .fileType = NIFTI_FTYPE_NIFTI2_2, .slope = 0.01, .inter = 320, .mm = kSmallMm};
   auto voxels = phantom<std::int16_t>(layout, 20000);
   for (auto& v : voxels) v = std::int16_t(v - 32000);
   writeNifti(folder_ / "pair.hdr", layout, voxels);
@@ -113,7 +113,7 @@ TEST_F(Command, KeepsVersionByteOrderScalingAndBackground) {
   std::memcpy(&corner, &brain[std::size_t(out.vox_offset)], 2);
   EXPECT_EQ(corner, -32000);
 
-  writeNifti(folder_ / "big.nii", {.size = kSmall}, phantom<std::int16_t>({.size = kSmall}, 200));
+  writeNifti(folder_ / "big.nii", kHead, phantom<std::int16_t>(kHead, 200));
   swapByteOrder(folder_ / "big.nii", 2);
   ASSERT_EQ(run({name("big.nii"), "--w5", "1.0"}).status, 0);
   ASSERT_EQ(run({name("scan.nii.gz"), "--w5", "1.0"}).status, 0);
@@ -125,8 +125,8 @@ TEST_F(Command, KeepsVersionByteOrderScalingAndBackground) {
 
 TEST_F(Command, ReportsEveryScanAndGoesOnAfterAFailure) {
   writeBytes(folder_ / "bad.nii.gz", {'n', 'o', 't', ' ', 'a', ' ', 's', 'c', 'a', 'n'});
-  writeNifti(folder_ / "four.nii", {.size = kSmall, .volumes = 1},
-             phantom<std::int16_t>({.size = kSmall}, 200));
+  writeNifti(folder_ / "four.nii", {.size = kSmall, .volumes = 1, .mm = kSmallMm},
+             phantom<std::int16_t>(kHead, 200));
   const Result result =
       run({name("bad.nii.gz"), name("scan.nii.gz"), name("missing.nii"), name("four.nii"),
            "--out-dir", name("out"), "--json", name("report.json"), "--w5", "1.0", "--quiet"});

@@ -72,6 +72,7 @@ struct FileLayout {
   int datatype = NIFTI_TYPE_INT16;
   int fileType = NIFTI_FTYPE_NIFTI1_1;
   double slope = 0, inter = 0;
+  std::array<double, 3> mm = {1.25, 0.9, 1.5};  ///< of a voxel
 };
 
 /// Writes an image as plain NIfTI-2, which the library converts headers to but does not write
@@ -107,9 +108,8 @@ inline void writeNifti(const fs::path& path, const FileLayout& layout, const voi
   std::memcpy(image->data, voxels, std::size_t(image->nvox) * std::size_t(image->nbyper));
   nifti_set_filenames(image, path.c_str(), 0, 0);
   image->nifti_type = layout.fileType;  // which the names have set to NIfTI-1
-  const double spacing[3] = {1.25, 0.9, 1.5};
-  for (int d = 0; d < 3; ++d) image->pixdim[d + 1] = spacing[d];
-  image->dx = spacing[0], image->dy = spacing[1], image->dz = spacing[2];
+  for (int d = 0; d < 3; ++d) image->pixdim[d + 1] = layout.mm[d];
+  image->dx = layout.mm[0], image->dy = layout.mm[1], image->dz = layout.mm[2];
   image->xyz_units = NIFTI_UNITS_MM;
   image->time_units = NIFTI_UNITS_SEC;
   image->scl_slope = layout.slope;
@@ -121,6 +121,9 @@ inline void writeNifti(const fs::path& path, const FileLayout& layout, const voi
   image->sform_code = NIFTI_XFORM_ALIGNED_ANAT;
   image->sto_xyz = {
       {{-1.2, 0.05, 0.1, 90}, {0.06, 0.89, -0.2, -126}, {0.1, 0.2, 1.4, -72}, {0, 0, 0, 1}}};
+  const FileLayout usual;
+  for (auto& row : image->sto_xyz.m)
+    for (int d = 0; d < 3; ++d) row[d] *= layout.mm[d] / usual.mm[d];
   nifti_add_extension(image, "a comment", 9, NIFTI_ECODE_COMMENT);
   if (layout.fileType == NIFTI_FTYPE_NIFTI2_1 || layout.fileType == NIFTI_FTYPE_NIFTI2_2)
     writeNifti2(path, image);

@@ -29,7 +29,7 @@ void becomeNobody() {
   if (setuid(kNobody) != 0) _exit(98);
 }
 
-std::vector<std::int16_t> smallHead() { return phantom<std::int16_t>({.size = kSmall}, 200); }
+std::vector<std::int16_t> smallHead() { return phantom<std::int16_t>(kHead, 200); }
 
 TEST_F(Safety, NoOutputReplacesAScanOfTheRun) {
   const std::vector<std::int16_t> voxels(120);
@@ -247,7 +247,7 @@ TEST_F(Safety, NamesOfAnyLengthThatFitAreWritten) {
 
 TEST_F(Safety, VoxelsStayInTheirPlacesBehindLongExtensions) {
   // A header file of a length that 32-bit floats do not hold.
-  writeNifti(name("p.hdr"), {.size = kSmall, .fileType = NIFTI_FTYPE_NIFTI1_2}, smallHead());
+  writeNifti(name("p.hdr"), {.size = kSmall, .fileType = NIFTI_FTYPE_NIFTI1_2, .mm = kSmallMm}, smallHead());
   Bytes header = readBytes(name("p.hdr"));
   header.resize((1 << 24) + 1);
   writeBytes(name("p.hdr"), header);
@@ -263,7 +263,7 @@ TEST_F(Safety, VoxelsStayInTheirPlacesBehindLongExtensions) {
 
 TEST_F(Safety, NamesAndNumbersDoNotSteerTheTerminal) {
   const std::string odd = "o\x1b[31m\n\x7f\xc2\x9b\xff.nii";
-  writeNifti(name("odd.nii"), {.size = kSmall}, smallHead());
+  writeNifti(name("odd.nii"), kHead, smallHead());
   fs::rename(name("odd.nii"), name(odd));
   const Result result = run({name(odd), name("no" + odd), "--w5", "1e300", "--finish", "none",
                              "--json", name("report.json")}),

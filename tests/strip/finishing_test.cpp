@@ -1,3 +1,4 @@
+// Distances, dilation, erosion and pieces against plain loops over all voxels.
 #include "strip/finishing.h"
 
 #include <gtest/gtest.h>
@@ -5,37 +6,21 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <random>
 
 #include "strip/distance.h"
+#include "volumes.h"
 
 namespace {
 
-using namespace tavrel::strip;
-
-std::vector<char> randomMask(const Size& size, double density, std::mt19937& random) {
-  std::vector<char> mask(voxelCount(size));
-  std::bernoulli_distribution inside(density);
-  for (char& voxel : mask) voxel = inside(random);
-  return mask;
-}
-
-/// Calls f(x, y, z, index) for every voxel.
-template <class F>
-void forVoxels(const Size& size, F&& f) {
-  std::size_t v = 0;
-  for (int z = 0; z < size[2]; ++z)
-    for (int y = 0; y < size[1]; ++y)
-      for (int x = 0; x < size[0]; ++x, ++v) f(x, y, z, v);
-}
+using namespace test_volumes;
 
 /// Squared distances by comparing every voxel with every other.
 std::vector<double> plainDistances(const std::vector<char>& mask, const Size& size,
                                    const Spacing& mm, char target) {
   std::vector<double> result(mask.size(), std::numeric_limits<double>::infinity());
-  forVoxels(size, [&](int x, int y, int z, std::size_t v) {
-    forVoxels(size, [&](int a, int b, int c, std::size_t w) {
-      if (mask[w] != target) return;
+  forVoxels(size, [&](int a, int b, int c, std::size_t w) {
+    if (mask[w] != target) return;
+    forVoxels(size, [&](int x, int y, int z, std::size_t v) {
       const double dx = (x - a) * mm[0], dy = (y - b) * mm[1], dz = (z - c) * mm[2];
       result[v] = std::min(result[v], dx * dx + dy * dy + dz * dz);
     });
@@ -48,16 +33,14 @@ std::vector<char> plainGrow(const std::vector<char>& mask, const Size& size, con
   auto result = mask;
   const auto distances = plainDistances(mask, size, mm, value);
   for (std::size_t v = 0; v < mask.size(); ++v)
-    if (std::sqrt(distances[v]) <= radius * (1 + 1e-9)) result[v] = value;
+    if (radius > 0 && std::sqrt(distances[v]) <= radius * (1 + 1e-9)) result[v] = value;
   return result;
 }
 
 TEST(Distance, EqualsTheNearestOfAllVoxelsOnAnyGrid) {
   std::mt19937 random(1);
-  const Spacing spacings[] = {{1, 1, 1}, {0.9, 2.5, 1.2}, {0.3, 0.3, 4}};
-  const Size sizes[] = {{9, 8, 7}, {1, 13, 5}, {17, 1, 1}, {3, 4, 11}};
-  for (const Size& size : sizes)
-    for (const Spacing& spacing : spacings)
+  for (const Size& size : {Size{9, 8, 7}, {1, 13, 5}, {17, 1, 1}, {3, 4, 11}})
+    for (const Spacing& spacing : {Spacing{1, 1, 1}, {0.9, 2.5, 1.2}, {0.3, 0.3, 4}})
       for (const double density : {0.0, 0.02, 0.3, 1.0})
         for (const char target : {0, 1}) {
           const auto mask = randomMask(size, density, random);
@@ -72,108 +55,107 @@ TEST(Distance, EqualsTheNearestOfAllVoxelsOnAnyGrid) {
 }
 
 TEST(Finishing, OpeningAndClosingAreThoseOfABall) {
+  struct Case {
+    Size size;
+    Spacing mm;
+    std::vector<double> radii;
+  };
   std::mt19937 random(2);
-  const Size size = {10, 9, 8};
-  for (const Spacing& mm : {Spacing{1, 1, 1}, Spacing{0.8, 1.1, 2}})
-    for (const double radius : {0.5, 1.0, 2.0, 2.5, 40.0})
-      for (const double density : {0.1, 0.5, 0.9}) {
-        const auto mask = randomMask(size, density, random);
-        auto opened = mask, closed = mask;
-        openMask(opened, size, mm, radius, false);
-        closeMask(closed, size, mm, radius);
-        EXPECT_EQ(opened, plainGrow(plainGrow(mask, size, mm, radius, 0), size, mm, radius, 1));
-        EXPECT_EQ(closed, plainGrow(plainGrow(mask, size, mm, radius, 1), size, mm, radius, 0));
+  for (const Case& c : {Case{{10, 9, 8}, {1, 1, 1}, {0, 0.5, 1, 2, 2.5, 40}},
+                        {{10, 9, 8}, {0.8, 1.1, 2}, {1, 2, 2.5, 40}},
+                        {{133, 4, 3}, {1, 1, 1}, {1, 3, 70}},  // rows of several words
+                        {{65, 1, 1}, {0.9, 1, 1}, {0.9, 5}},
+                        {{1, 1, 7}, {1, 1, 1.5}, {1.5, 3}}})
+    for (const double radius : c.radii)
+      for (const double density : {0.02, 0.5, 0.98}) {
+        const auto mask = randomMask(c.size, density, random);
+        const auto grow = [&](const std::vector<char>& m, char value) {
+          return plainGrow(m, c.size, c.mm, radius, value);
+        };
+        BitVolume opened(mask, c.size), closed = opened, rounded = opened;
+        openMask(opened, c.mm, radius, false);
+        closeMask(closed, c.mm, radius);
+        EXPECT_EQ(bytes(opened), grow(grow(mask, 0), 1)) << c.size[0] << " radius " << radius;
+        EXPECT_EQ(bytes(closed), grow(grow(mask, 1), 0)) << c.size[0] << " radius " << radius;
         // 1 mm as some converters write it, in 32 bits.
-        if (mm[0] != 1) continue;
-        closed = mask;
-        closeMask(closed, size, {1.0000001f, 1.0000001f, 1}, radius);
-        EXPECT_EQ(closed, plainGrow(plainGrow(mask, size, mm, radius, 1), size, mm, radius, 0));
+        if (c.mm != Spacing{1, 1, 1}) continue;
+        closeMask(rounded, {1.0000001f, 1.0000001f, 1}, radius);
+        EXPECT_EQ(rounded, closed);
       }
-}
-
-/// Two boxes in a volume of 20^3, joined by a bridge one voxel thick.
-std::vector<char> twoBoxes(const Size& size) {
-  std::vector<char> mask(voxelCount(size));
-  forVoxels(size, [&](int x, int y, int z, std::size_t v) {
-    const bool middle = y >= 6 && y < 14 && z >= 6 && z < 14;
-    mask[v] = (middle && (x < 9 || (x >= 12 && x < 18))) || (y == 10 && z == 10 && x < 18);
-  });
-  return mask;
 }
 
 TEST(Finishing, CutsTheBridgeKeepsTheLargerBoxAndLeavesTheFieldOfViewAlone) {
   const Size size = {20, 20, 20};
-  auto mask = twoBoxes(size);
-  finishMask(mask, size, {1, 1, 1},
-             {.openMm = 1.5, .largest = true, .closeMm = 0, .fillHoles = false});
-  // The corners of a box do not survive a ball, but its face at the border of the volume does.
-  EXPECT_EQ(boundingBox(mask, size).first, (Size{0, 6, 6}));
-  EXPECT_EQ(boundingBox(mask, size).end, (Size{9, 14, 14}));
-  EXPECT_TRUE(mask[0 + 20 * 10 + 400 * 10]);
-
-  auto whole = std::vector<char>(voxelCount(size), 1);
-  finishMask(whole, size, {1, 1, 1}, {.openMm = 5, .closeMm = 5});
-  EXPECT_EQ(whole, std::vector<char>(voxelCount(size), 1));
-  auto nothing = std::vector<char>(voxelCount(size), 0);
-  finishMask(nothing, size, {1, 1, 1}, {.openMm = 5, .closeMm = 5});
-  EXPECT_EQ(nothing, std::vector<char>(voxelCount(size), 0));
-  EXPECT_TRUE(boundingBox(nothing, size).empty());
-}
-
-TEST(Finishing, FillsOnlyWhatIsEnclosed) {
-  const Size size = {12, 11, 10};
-  std::vector<char> shell(voxelCount(size)), solid(voxelCount(size));
-  forVoxels(size, [&](int x, int y, int z, std::size_t v) {
-    const auto within = [&](int m) {
-      return x >= m && x < 12 - m && y >= m && y < 11 - m && z >= m && z < 10 - m;
-    };
-    solid[v] = within(2);
-    shell[v] = within(2) && !within(3);
+  BitVolume mask = maskOf(size, [](int x, int y, int z) {  // two boxes and a thin bridge
+    const bool middle = y >= 6 && y < 14 && z >= 6 && z < 14;
+    return (middle && (x < 9 || (x >= 12 && x < 18))) || (y == 10 && z == 10 && x < 18);
   });
-  auto filled = shell;
-  fillHoles(filled, size);
-  EXPECT_EQ(filled, solid);
-  shell[5 + 12 * 5 + 132 * 2] = 0;  // a leak to the outside
-  auto open = shell;
-  fillHoles(open, size);
-  EXPECT_EQ(open, shell);
+  finishMask(mask, {1, 1, 1}, {.openMm = 1.5, .largest = true, .closeMm = 0, .fillHoles = false});
+  // The corners of a box do not survive a ball, but its face at the border of the volume does.
+  EXPECT_EQ(boundingBox(mask).first, (Size{0, 6, 6}));
+  EXPECT_EQ(boundingBox(mask).end, (Size{9, 14, 14}));
+  EXPECT_TRUE(mask(0, 10, 10));
+  for (const bool full : {false, true}) {
+    const BitVolume all = maskOf(size, [&](auto...) { return full; });
+    BitVolume finished = all;
+    finishMask(finished, {1, 1, 1}, {.openMm = 5, .closeMm = 5});
+    EXPECT_EQ(finished, all);
+  }
 }
 
-TEST(Finishing, KeepsTheLargestOfRandomPieces) {
-  std::mt19937 random(3);
-  const Size size = {9, 10, 11};
-  for (int round = 0; round < 20; ++round) {
-    const auto mask = randomMask(size, 0.25, random);
-    auto kept = mask;
-    keepLargest(kept, size);
-    // Flood from the first kept voxel: it must reach all kept voxels, and no neighbour was dropped.
-    const auto neighbours = [&](std::size_t v, auto&& f) {
-      const int x = int(v % 9), y = int(v / 9 % 10), z = int(v / 90);
-      if (x > 0) f(v - 1);
-      if (x < 8) f(v + 1);
-      if (y > 0) f(v - 9);
-      if (y < 9) f(v + 9);
-      if (z > 0) f(v - 90);
-      if (z < 10) f(v + 90);
-    };
-    const auto flood = [&](std::size_t seed) {
-      std::vector<char> seen(mask.size(), 0);
-      std::vector<std::size_t> queue = {seed};
-      seen[seed] = 1;
-      for (std::size_t at = 0; at < queue.size(); ++at)
-        neighbours(queue[at], [&](std::size_t n) {
-          if (mask[n] && !seen[n]) seen[n] = 1, queue.push_back(n);
-        });
-      return seen;
-    };
-    std::vector<char> best(mask.size(), 0);
-    std::ptrdiff_t most = 0;
-    for (std::size_t v = 0; v < mask.size(); ++v)
-      if (mask[v])
-        if (const auto piece = flood(v); std::count(piece.begin(), piece.end(), 1) > most)
-          most = std::count(piece.begin(), piece.end(), 1), best = piece;
-    EXPECT_EQ(kept, best);
+/// Face-connected pieces of equal voxels by flooding, each as a list of voxels; the first voxels
+/// are in order.
+std::vector<std::vector<std::size_t>> plainPieces(const std::vector<char>& mask, const Size& size,
+                                                  char value) {
+  const std::size_t strides[3] = {1, std::size_t(size[0]), std::size_t(size[0]) * size[1]};
+  std::vector<char> seen(mask.size(), 0);
+  std::vector<std::vector<std::size_t>> pieces;
+  for (std::size_t first = 0; first < mask.size(); ++first) {
+    if (mask[first] != value || seen[first]) continue;
+    auto& piece = pieces.emplace_back(1, first);
+    seen[first] = 1;
+    for (std::size_t k = 0; k < piece.size(); ++k)
+      for (int d = 0; d < 3; ++d)
+        for (const bool up : {false, true}) {
+          const std::size_t v = piece[k], i = v / strides[d] % std::size_t(size[d]);
+          if (up ? i + 1 == std::size_t(size[d]) : i == 0) continue;
+          const std::size_t n = up ? v + strides[d] : v - strides[d];
+          if (mask[n] == value && !seen[n]) seen[n] = 1, piece.push_back(n);
+        }
   }
+  return pieces;
+}
+
+TEST(Finishing, KeepsTheLargestPieceAndFillsHolesLikeAFlood) {
+  std::mt19937 random(3);
+  for (const Size& size : {Size{9, 10, 11}, {70, 6, 5}, {128, 3, 4}, {30, 30, 1}, {5, 1, 1}})
+    for (const double density : {0.0, 0.25, 0.35, 0.75, 1.0})
+      for (int round = 0; round < 5; ++round) {
+        const auto mask = randomMask(size, density, random);
+        BitVolume kept(mask, size), filled = kept;
+        auto pieces = plainPieces(mask, size, 1);
+        std::stable_sort(pieces.begin(), pieces.end(),
+                         [](const auto& a, const auto& b) { return a.size() > b.size(); });
+        EXPECT_EQ(keepLargest(kept), pieces.size() > 1 ? pieces[1].size() : 0);
+        std::vector<char> expected(mask.size(), 0);
+        if (!pieces.empty())
+          for (const std::size_t v : pieces[0]) expected[v] = 1;
+        EXPECT_EQ(bytes(kept), expected);
+
+        expected = mask;
+        for (const auto& piece : plainPieces(mask, size, 0)) {
+          const bool open = std::any_of(piece.begin(), piece.end(), [&](std::size_t v) {
+            const int x = int(v) % size[0], y = int(v) / size[0] % size[1],
+                      z = int(v) / size[0] / size[1];
+            return x == 0 || y == 0 || z == 0 || x == size[0] - 1 || y == size[1] - 1 ||
+                   z == size[2] - 1;
+          });
+          if (!open)
+            for (const std::size_t v : piece) expected[v] = 1;
+        }
+        fillHoles(filled);
+        EXPECT_EQ(bytes(filled), expected);
+      }
 }
 
 }  // namespace

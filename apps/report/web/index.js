@@ -123,7 +123,7 @@ function refresh () {
   showCounts()
   drawPlots()
   try {
-    localStorage.setItem(`${ratings.key} order`, JSON.stringify(visible.map(row => decodeURIComponent(row.page))))
+    localStorage.setItem(`${ratings.key} order`, JSON.stringify(visible.map(row => row.page)))
   } catch { /* Pages then follow the order of the table. */ }
 }
 

@@ -21,7 +21,8 @@ function rate (rating) {
 function neighbours () {
   try {
     const order = JSON.parse(localStorage.getItem(`${ratings.key} order`))
-    const place = order.indexOf(decodeURIComponent(location.pathname.replace(/.*\//, '')))
+    const here = decodeURIComponent(location.pathname.replace(/.*\//, ''))
+    const place = order.findIndex(page => decodeURIComponent(page) === here)
     if (place >= 0) return { previous: order[place - 1], next: order[place + 1] }
   } catch { /* No index has been opened. */ }
   return data
