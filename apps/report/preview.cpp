@@ -48,10 +48,11 @@ std::vector<std::uint8_t> eightBits(std::span<const double> means) {
   std::vector<std::uint8_t> result;
   result.reserve(means.size());
   for (const double mean : means) {
-    const double scaled = window.high > window.low ? (mean - window.low) / (window.high - window.low)
-                                                   : double(mean > window.low);
-    result.push_back(std::isfinite(mean) ? std::uint8_t(std::lround(255 * std::clamp(scaled, 0.0, 1.0)))
-                                         : 0);
+    const double scaled = window.high > window.low
+                              ? (mean - window.low) / (window.high - window.low)
+                              : double(mean > window.low);
+    result.push_back(
+        std::isfinite(mean) ? std::uint8_t(std::lround(255 * std::clamp(scaled, 0.0, 1.0))) : 0);
   }
   return result;
 }
@@ -130,7 +131,8 @@ std::vector<char> reducedMask(std::span<const char> mask, const Size& size) {
       balance[block] += inside ? 1 : -1;
   });
   std::vector<char> result(balance.size());
-  std::transform(balance.begin(), balance.end(), result.begin(), [](int b) { return char(b >= 0); });
+  std::transform(balance.begin(), balance.end(), result.begin(),
+                 [](int b) { return char(b >= 0); });
   return result;
 }
 
