@@ -68,7 +68,8 @@ std::string base64(std::span<const std::byte> bytes) {
   for (std::size_t i = 0; i < bytes.size(); i += 3) {
     const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
     unsigned group = 0;
-    for (std::size_t k = 0; k < 3; ++k) group = group << 8 | (k < count ? unsigned(bytes[i + k]) : 0);
+    for (std::size_t k = 0; k < 3; ++k)
+      group = group << 8 | (k < count ? unsigned(bytes[i + k]) : 0);
     for (std::size_t k = 0; k < 4; ++k)
       result += k <= count ? kDigits[group >> (18 - 6 * k) & 63] : '=';
   }

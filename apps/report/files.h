@@ -16,9 +16,9 @@ namespace tavrel::report {
 
 /// Where the files of a scan are, relative to the output folder.
 struct ScanFiles {
-  std::filesystem::path mask, record;       ///< derivatives; the record is the mask's sidecar
-  std::filesystem::path mosaic, preview;    ///< figures
-  std::filesystem::path page, thumbnail;    ///< what the report adds
+  std::filesystem::path mask, record;     ///< derivatives; the record is the mask's sidecar
+  std::filesystem::path mosaic, preview;  ///< figures
+  std::filesystem::path page, thumbnail;  ///< what the report adds
 };
 ScanFiles filesOf(const cohort::Row& row);
 

@@ -47,7 +47,8 @@ struct Material {
 
 std::string figures(const Material& m) {
   std::string rows;
-  const auto number = [&](const char* name, const std::optional<double>& value, const char* format) {
+  const auto number = [&](const char* name, const std::optional<double>& value,
+                          const char* format) {
     if (value) rows += tableRow(name, print(format, *value));
   };
   const auto recorded = [&](const char* name, const char* key, const char* between,
@@ -63,7 +64,8 @@ std::string figures(const Material& m) {
   recorded("Voxel size", "VoxelMm", " \u00d7 ", " mm");
   number("Time", m.row.seconds, "%.1f s");
   number("Peak memory", m.row.peakMemoryMb, "%.0f MB");
-  rows += tableRow("Mask", m.row.manual ? "changed by hand" : "as computed");
+  if (m.row.status != "failed")
+    rows += tableRow("Mask", m.row.manual ? "changed by hand" : "as computed");
   return rows;
 }
 
@@ -100,19 +102,28 @@ std::string settings(const json& value, const std::string& name = "") {
 }
 
 std::string provenance(const Material& m) {
-  std::string rows = tableRow("Version", m.of("Version").is_null() ? m.input.version
-                                                                    : plain(m.of("Version")));
+  std::string rows =
+      tableRow("Version", m.of("Version").is_null() ? m.input.version : plain(m.of("Version")));
   rows += settings(m.of("Settings"));
-  for (const auto& [name, key] : {std::pair{"Input SHA-256", "InputSha256"},
-                                  {"Mask SHA-256", "MaskSha256"}})
+  for (const auto& [name, key] :
+       {std::pair{"Input SHA-256", "InputSha256"}, {"Mask SHA-256", "MaskSha256"}})
     if (const json value = m.of(key); !value.is_null()) rows += tableRow(name, plain(value));
   return rows;
+}
+
+std::string literature(const Methods& methods) {
+  std::string items;
+  for (const std::string& reference : methods.literature)
+    items += text("<li>", html(reference), "</li>\n");
+  return items;
 }
 
 std::string mosaic(const Material& m) {
   const auto png = readFile(m.input.output / m.files.mosaic);
   if (!png)
-    return m.row.status == "failed" ? "" : "<p class=\"absent\">The picture of the mask is not there.</p>";
+    return m.row.status == "failed"
+               ? ""
+               : "<p class=\"absent\">The picture of the mask is not there.</p>";
   const std::string alt =
       text("Axial, coronal and sagittal cuts of ", m.row.scan, " with the contour of the mask",
            m.row.volumeMl ? print(", %.0f mL", *m.row.volumeMl) : "");
@@ -147,7 +158,7 @@ Viewer viewer(const Material& m) try {
   return {"", text("The mask ", error.what(), "."), {}};
 }
 
-std::string pageOf(const ReportInput& input, std::size_t place) {
+std::string neighbour(const ReportInput& input, std::size_t place) {
   return place < input.rows.size() ? url(filesOf(input.rows[place]).page) : "";
 }
 
@@ -158,36 +169,49 @@ json pageData(const Material& m, const json& mask) {
           {"session", m.row.session},
           {"rating", m.row.rating},
           {"comment", m.row.comment},
-          {"previous", pageOf(m.input, m.place - 1)},
-          {"next", pageOf(m.input, m.place + 1)},
+          {"previous", neighbour(m.input, m.place - 1)},
+          {"next", neighbour(m.input, m.place + 1)},
           {"mask", mask}};
+}
+
+std::string pageOf(const Material& m) {
+  const Viewer shown = viewer(m);
+  const bool failed = m.row.status == "failed";
+  const Methods methods = failed ? Methods() : methodsOf(m.record, m.row, m.input.version);
+  const json command = m.of("CommandLine");
+  return filled(scanTemplate(), [&](const std::string& name) -> std::string {
+    if (name == "style") return std::string(styleSheet());
+    if (name == "script") return text(sharedScript(), scanScript());
+    if (name == "scan") return html(m.row.scan);
+    if (name == "status") return html(m.row.status);
+    if (name == "dataset") return html(m.input.datasetName);
+    if (name == "version") return html(m.input.version);
+    if (name == "mosaic") return mosaic(m);
+    if (name == "remarks") return remarks(m);
+    if (name == "figures") return figures(m);
+    if (name == "provenance") return provenance(m);
+    if (name == "command") return command.is_null() ? "" : html(plain(command, " "));
+    if (name == "methods") return html(methods.text);
+    if (name == "literature") return literature(methods);
+    if (name == "viewer-absence") return html(shown.absence);
+    if (name == "viewer-elements") return shown.elements;
+    if (name == "data") return scriptJson(pageData(m, shown.mask));
+    throw std::out_of_range(name);
+  });
 }
 
 }  // namespace
 
 std::string scanPage(const ReportInput& input, std::size_t place) {
   const cohort::Row& row = input.rows[place];
-  Material m{input, row, place, filesOf(row), {}};
-  m.record = readRecord(input.output / m.files.record);
-  const Viewer shown = viewer(m);
-  return filled(scanTemplate(), [&](const std::string& name) -> std::string {
-    if (name == "style") return std::string(styleSheet());
-    if (name == "script") return text(sharedScript(), scanScript());
-    if (name == "scan") return html(row.scan);
-    if (name == "dataset") return html(input.datasetName);
-    if (name == "version") return html(input.version);
-    if (name == "mosaic") return mosaic(m);
-    if (name == "remarks") return remarks(m);
-    if (name == "figures") return figures(m);
-    if (name == "provenance") return provenance(m);
-    if (name == "command") return html(m.of("CommandLine").is_null() ? "" : plain(m.of("CommandLine"), " "));
-    if (name == "methods") return html(methodsText(m.record, row, input.version));
-    if (name == "literature") return literatureItems();
-    if (name == "viewer-absence") return html(shown.absence);
-    if (name == "viewer-elements") return shown.elements;
-    if (name == "data") return scriptJson(pageData(m, shown.mask));
-    throw std::out_of_range(name);
-  });
+  const Material bare{input, row, place, filesOf(row), {}};
+  Material complete = bare;
+  complete.record = readRecord(input.output / bare.files.record);
+  try {
+    return pageOf(complete);
+  } catch (const json::exception&) {  // somebody has changed the record beyond understanding
+    return pageOf(bare);
+  }
 }
 
 }  // namespace tavrel::report

@@ -1,13 +1,13 @@
 // Output folders as the participant level leaves them, made of small phantoms.
 #pragma once
 
+#include <nifti/nifti2_io.h>
+
 #include <cmath>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nifti/nifti2_io.h>
 
 #include "phantom.h"
 #include "report/preview.h"
@@ -38,9 +38,9 @@ inline scan::Scan makeScan(const scan::Size& size, const std::vector<double>& va
   fields.qform_code = fields.sform_code = NIFTI_XFORM_SCANNER_ANAT;
   fields.quatern_b = 0.1f, fields.quatern_c = -0.05f, fields.quatern_d = 0.02f;
   fields.qoffset_x = -60, fields.qoffset_y = -80, fields.qoffset_z = 70;
-  const auto q = nifti_quatern_to_dmat44(fields.quatern_b, fields.quatern_c, fields.quatern_d,
-                                         fields.qoffset_x, fields.qoffset_y, fields.qoffset_z,
-                                         2, 2.5, 2, -1);
+  const auto q =
+      nifti_quatern_to_dmat44(fields.quatern_b, fields.quatern_c, fields.quatern_d,
+                              fields.qoffset_x, fields.qoffset_y, fields.qoffset_z, 2, 2.5, 2, -1);
   for (int c = 0; c < 4; ++c) {
     fields.srow_x[c] = float(q.m[0][c]);
     fields.srow_y[c] = float(q.m[1][c]);
@@ -94,10 +94,9 @@ inline void writeScan(const fs::path& output, const Row& row, const scan::Size& 
   std::vector<scan::PendingFile> file;
   file.push_back(scan::writeMask(anat + "_desc-brain_mask.nii.gz", scan, mask));
   commitTogether(file, true);
-  writeBytes(figures + "_desc-preview_T1w.nii.gz",
-             report::previewFile(scan::readerOf(phantom.image), scan.header));
+  writeBytes(figures + "_desc-preview_T1w.nii.gz", report::previewFile(phantom.image, scan.header));
   writeBytes(figures + "_desc-brain_mosaic.png",
-             scan::drawPicture({scan::readerOf(phantom.image), mask, size, scan.header.spacing,
+             scan::drawPicture({phantom.image, mask, size, scan.header.spacing,
                                 scan.header.orientation, row.scan, "phantom"}));
   const nlohmann::ordered_json sidecar = {
       {"Type", "Brain"},
