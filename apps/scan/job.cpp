@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 // The region that the method looks at round each voxel is 21 voxels wide.
 constexpr double kFinestMm = 0.7, kCoarsestMm = 2.1, kMostAnisotropic = 2;  // exact evolution
-// Limits of what --resample takes for a head.
+// Limits of what is taken for a head where a grid is made for it.
 constexpr double kLargestHeadMm = 1000, kLargestVoxelMm = 20;
 
 template <class... Args>
@@ -55,12 +55,12 @@ std::string spacingNotice(const Header& header) {
 std::string gigabytes(std::uint64_t bytes) { return print("%.1f GB", double(bytes) / 1e9); }
 
 /// A wrong voxel size in the header would make a grid out of all proportion.
-void checkResampling(const Header& header) {
+void checkHeadSize(const Header& header) {
   for (int d = 0; d < 3; ++d)
     if (header.size[d] * header.spacing[d] > kLargestHeadMm || header.spacing[d] > kLargestVoxelMm)
       throw ScanError(text("is no head by its voxels of ", header.spacing[0], " x ",
                            header.spacing[1], " x ", header.spacing[2],
-                           " mm, which --resample has to rely on"));
+                           " mm"));
 }
 
 std::unique_ptr<Image> imageOf(const Scan& scan) {
@@ -116,7 +116,8 @@ class Run {
   /// Refuses what could not be stripped before anything is allocated for it.
   void check(const Header& header) const {
     const StripSettings settings = this->settings();
-    if (settings.resampleMm) checkResampling(header);
+    const bool gridMade = settings.resampleMm || settings.evolution == Evolution::scan;
+    if (job_.fromMask.empty() && gridMade) checkHeadSize(header);
     const std::uint64_t need = memoryNeed(header, settings), available = availableMemory();
     if (need > available)
       throw ScanError(text("needs about ", gigabytes(need), " of memory, and there are ",
