@@ -106,7 +106,7 @@ TEST_F(Slurm, ATaskKilledForMemoryIsTold) {
   for (const auto& [scan, row] : table())
     interrupted += row.at("reason").find("was interrupted") != std::string::npos;
   EXPECT_EQ(interrupted, 1u) << output("cat " + log("slurm-001/*.log"));
-  EXPECT_EQ(submit({}).status, 0);
+  EXPECT_EQ(submit({"--mem", "1500"}).status, 0);
 }
 
 TEST_F(Slurm, CancelledAndRequeuedTasksAreDoneInTheEnd) {

@@ -74,7 +74,7 @@ TEST_F(Trees, TenThousandEmptySubjectsTakeNoTime) {
   const Result result = bids();
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(table().size(), 1u);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
 }
 
 /// A disk of its own for the outputs.
