@@ -5,7 +5,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # What building and testing needs; every front end lists the packages of its libraries.
 build_packages=(g++ cmake ninja-build)
 mapfile -t -O ${#build_packages[@]} build_packages < <(cat "$root"/apps/*/packages.txt 2>/dev/null)
-test_packages=(libgtest-dev)
+test_packages=(libgtest-dev slurmctld slurmd slurm-client munge python3-nibabel snakemake datalad)
 
 # as_root COMMAND...: runs it as root, through sudo if need be.
 as_root() {
@@ -24,6 +24,15 @@ install_missing() {
   as_root apt-get update -qq
   as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# install_validator: the validator of BIDS datasets, from npm, where that can be had.
+install_validator() {
+  local npm=$root/build/npm
+  [[ -e $npm/node_modules/.bin/bids-validator ]] && return
+  mkdir -p "$npm"
+  npm install --no-audit --no-fund --prefix "$npm" bids-validator@1.15.0 >"$npm/log" 2>&1 ||
+    echo "bids-validator is not there: its test is skipped"
 }
 
 # build NAME [CMAKE OPTION...]: configures and builds everything in build/NAME.

@@ -83,8 +83,8 @@ Sizes paddedSizes(const voxPara& P) {
                    std::int64_t{P.sizeZ} + P.Zn + P.Zp};
   if (std::min({P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp}) < 0)
     throw std::invalid_argument("a padding is negative");
-  long double voxels = 1;
-  for (const std::int64_t s : size) voxels *= static_cast<long double>(s);
+  long double voxels = 1;  // a size of 0 does not make room for the others
+  for (const std::int64_t s : size) voxels *= static_cast<long double>(std::max<std::int64_t>(s, 1));
   if (voxels > Pyramid::mostVoxels)
     throw std::length_error("a padded volume of " + text(size) + " voxels is too large");
   return size;
@@ -182,9 +182,9 @@ PreparedVolumes prepare(const vox3DMat<T, char>& input, const voxPara& P, std::o
   if (!allFinite(input)) finite = finiteCopy(input);
   auto work = filteredAndPadded(finite ? *finite : input, P);
   finite.reset();
-  if (P.dnX != 0 || P.dnY != 0 || P.dnZ != 0) {
-    work.reset(work->downsampleby2(P.dnX, P.dnY, P.dnZ, "min"));
-  }
+  // The matrix would refuse counts so far below 0 that the power of two vanishes.
+  const int dnX = std::max(P.dnX, 0), dnY = std::max(P.dnY, 0), dnZ = std::max(P.dnZ, 0);
+  if (dnX > 0 || dnY > 0 || dnZ > 0) work.reset(work->downsampleby2(dnX, dnY, dnZ, "min"));
   work->Normalize(report);
   work->GammaAdjust(P.gamma);
   volumes.image = std::move(work);
@@ -242,6 +242,7 @@ void refineSlices(vox3DMat<char, double>& mask, const vox3DMat<double, char>& in
                   const voxPara& P) {
   requireSizes("the input", sizesOf(input), inputSizes(P));
   restoreGrid(mask, P);
+  if (mask.mxn == 0) return;
   for (int j = 0; j < mask.sizeZ; ++j) {
     const std::unique_ptr<vox2DMat<char, double>> VeC2(mask.getslice(j));
     const std::unique_ptr<vox2DMat<double, char>> VeI2(input.getslice(j));

@@ -151,19 +151,19 @@ Judgement judge(const Evidence& e, const VolumeRange& volumes) {
   rule.volume(e.volumeMl, volumes);
   // Limits between what was seen of sound masks (the worst of them in brackets) and of others; see
   // docs/accuracy.md.
-  rule(e.agreement, 0.95, 0.92, "unstable",  // 0.937
+  rule(e.agreement, 0.95, 0.92, "unstable",  // 0.939
        print("mask depends on W5 (agreement %.2f)", e.agreement));
   rule(e.shrinking, 0.5, 0.6, "unstable",  // 0.47
        print("mask loses %.0f %% of its volume when W5 grows", 100 * e.shrinking));
-  rule(e.gapless, 0.1, 0.2, "gap",  // 0.05
+  rule(e.gapless, 0.1, 0.2, "gap",  // 0.01
        print("no dark gap behind %.0f %% of the surface", 100 * e.gapless));
-  rule(e.whiteOverGrey, 1.2, 1.12, "contrast",  // 1.20
+  rule(e.whiteOverGrey, 1.2, 1.12, "contrast",  // 1.32
        print("contrast is not T1-like (core %.2f times as bright as the surface)",
              e.whiteOverGrey));
-  rule(e.emptyAround, 0.8, 0.9, "stripped", "already stripped: nothing around the brain");  // 0.62
+  rule(e.emptyAround, 0.8, 0.9, "stripped", "already stripped: nothing around the brain");  // 0.80
   rule(e.seedInside, 0.65, 0.5, "seed",  // 0.81
        print("seed outside the brain (%.0f %% of it inside the mask)", 100 * e.seedInside));
-  rule(e.cutCm2, 5, 10, "cut",  // 2.7
+  rule(e.cutCm2, 5, 10, "cut",  // 2.8
        print("cut by the field of view (%.0f cm2 of the mask at its border)", e.cutCm2));
   rule(e.cutBelowCm2, 20, 30, "cut",  // 15
        print("cut by the field of view (%.0f cm2 of the mask at its bottom)", e.cutBelowCm2));

@@ -11,7 +11,7 @@ namespace {
 // Grids that are interpolated have cubes of 1 mm, or of 2 mm where no axis is finer than kCoarseMm.
 constexpr double kUsualMm = 1, kLargeMm = 2, kCoarseMm = 1.75;
 // Voxels that are taken as they are differ from that by these factors at most.
-constexpr double kFiner = 0.65, kCoarser = 1.3, kMostAnisotropic = 1.6;
+constexpr double kFiner = 0.65, kCoarser = 1.15, kMostAnisotropic = 1.6;
 
 bool near(const Spacing& spacing, double mm) {
   const auto [least, most] = std::minmax_element(spacing.begin(), spacing.end());

@@ -76,6 +76,12 @@ struct Finished {
   }
 };
 
+/// Whether this process may end within a test. Any other does not pass by ending with status 0.
+inline bool mayEnd = false;
+inline const int endGuard = (testing::UnitTest::GetInstance(), std::atexit([] {
+  if (!mayEnd && testing::UnitTest::GetInstance()->current_test_info()) _exit(EXIT_FAILURE);
+}));
+
 /// A process whose streams are files of a folder of its own.
 class Process {
  public:
@@ -87,6 +93,7 @@ class Process {
     const int err = open(streams_.path("err").c_str(), O_WRONLY | O_CREAT, 0600);
     child_ = fork();
     if (child_ == 0) {
+      mayEnd = true;
       dup2(out, 1);
       dup2(err, 2);
       action();

@@ -168,14 +168,9 @@ class Run {
 
   /// The mask that the job names, instead of a stripped one.
   Stripped givenMask() {
-    const Scan file = readMask();
-    std::vector<double> values(voxelCount(file.header.size));
-    intensities(file, values);
     Stripped given;
     given.w5 = result_.w5;
-    given.mask.resize(values.size());
-    std::transform(values.begin(), values.end(), given.mask.begin(),
-                   [](double value) { return char(value > 0); });
+    given.mask = maskOf(readMask());
     return given;
   }
 
@@ -196,15 +191,13 @@ class Run {
   }
 
   std::vector<std::byte> picture() const {
-    std::vector<double> values(voxelCount(scan_.header.size));
-    intensities(scan_, values);
     std::string caption = text(std::lround(result_.volumeMl), " mL   ",
                                job_.fromMask.empty() ? weight(result_.w5) : "given mask");
     for (const Flag& flag : result_.flags) caption += "   " + flag.text;
     if (!scan_.header.orientation) caption += "   orientation unknown, cuts as stored";
-    return drawPicture({values, stripped_.mask, scan_.header.size, scan_.header.spacing,
-                        scan_.header.orientation, fs::path(job_.input).filename().string(),
-                        caption});
+    return drawPicture({viewOf(scan_).read, stripped_.mask, scan_.header.size,
+                        scan_.header.spacing, scan_.header.orientation,
+                        fs::path(job_.input).filename().string(), caption});
   }
 
   /// Writes all outputs beside their targets, then puts them in place together.
@@ -220,6 +213,7 @@ class Run {
     if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
     if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_, stripped_.phi));
     if (!paths.qc.empty()) files.push_back(writePending(paths.qc, png, scan_.permissions));
+    if (observer_.onWritten) observer_.onWritten(scan_, result_, files);
     checkInterrupted();
     commitTogether(files, job_.force);
   }

@@ -17,6 +17,9 @@
 
 namespace tavrel::scan {
 
+struct Scan;
+class PendingFile;
+
 /// Where the outputs of one scan go. Empty paths are not written.
 struct OutputPaths {
   std::filesystem::path brain, mask, phi, qc;
@@ -62,6 +65,10 @@ struct JobObserver {
   std::function<void(const std::string& stage)> onStage;    ///< "reading", "writing"
   std::function<void(const std::string& notice)> onNotice;  ///< as ScanResult::notices
   std::function<void(const Grid& grid)> onGrid;             ///< what the scan is stripped on
+  /// When all outputs are written and none is in place yet: may add files that belong with them,
+  /// and throw an exception to have none of them.
+  std::function<void(const Scan& scan, const ScanResult& result, std::vector<PendingFile>& files)>
+      onWritten;
   StripObserver strip;
 };
 

@@ -8,6 +8,9 @@
 
 #include <sys/stat.h>
 
+#include "detail/voxCxx20.h"
+
+// Nothing below compiles without it.
 #include <cstddef>
 #include <filesystem>
 #include <span>
@@ -46,6 +49,8 @@ class PendingFile {
   void close();
 
   const std::filesystem::path& target() const { return target_; }
+  /// Where the content is until it is in place.
+  const std::string& temporary() const { return temporary_; }
 
  private:
   friend void commitTogether(std::vector<PendingFile>& files, bool replace);

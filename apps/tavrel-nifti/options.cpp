@@ -20,7 +20,7 @@ Examples:
       writes sub-01_T1w_brain.nii.gz, sub-01_T1w_brain_mask.nii.gz and sub-01_T1w_brain_qc.png
   tavrel-nifti --out-dir derivatives --json report.json sub-*_T1w.nii.gz
       many scans in one call, with the figures of all of them in one file
-  tavrel-nifti --w5 1.0 --finish none --phi phi.nii.gz head.nii
+  tavrel-nifti --evolution exact --w5 1.0 --finish none --phi phi.nii.gz head.nii
       the evolved mask as it is, and its level-set function
 
 Exit status: 0 all done, 1 wrong usage, 2 some input failed (the others are done), 3 with --strict:

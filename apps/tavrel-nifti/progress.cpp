@@ -10,7 +10,7 @@
 namespace tavrel::scan {
 namespace {
 
-constexpr double kFirstRatio = 0.1, kLastRatio = 0.0002;
+constexpr double kFirstRatio = 0.1, kLastRatio = Pyramid::threshold;
 constexpr int kBar = 12;
 constexpr auto kPause = std::chrono::milliseconds(80);  // between two live lines
 

@@ -71,12 +71,12 @@ void forBox(Point q, int reach, Point size, F f) {
 template <class T>
 void releaseArray(T*& field) {
   delete[] field;
-  field = nullptr;
+  clear(field);
 }
 template <class Matrix>
 void releaseMatrix(Matrix*& field) {
   delete field;
-  field = nullptr;
+  clear(field);
 }
 
 /// The stages over the fields of one object.
@@ -446,9 +446,10 @@ class Stages {
     const int tests = e.n_nbt - e.n_edge;
     std::vector<Record> records(at(1, tests));
     for (int r = 0; r < tests; ++r) records[r].setup(e.n_edge + r, e.Spar_usdf[e.n_edge + r]);
+    std::vector<int> indices;
+    if (tests == 0) return indices;  // qsort wants an array even for no records
     std::qsort(records.data(), records.size(), sizeof(Record),
                isFloat ? compareOrderedPtf : compareOrderedPtd);
-    std::vector<int> indices;
     for (const Record& record : records) indices.push_back(record.ind);
     return indices;
   }

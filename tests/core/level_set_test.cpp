@@ -160,6 +160,19 @@ TYPED_TEST(PlainStep, BallHasItsCurvatureItsDistanceAndAConstantExtension) {
   }
 }
 
+TYPED_TEST(PlainStep, WidthBelowOneWorksAsOne) {
+  constexpr int D = TypeParam::D;
+  std::vector<double> want;
+  for (const int bwt : {1, 0, -3}) {
+    const auto start = ball<D>(5);
+    const auto Phi = toMatrix<D>(start);
+    typename TypeParam::template LevelSet<double> e;
+    e.UpdatePhi(Phi.get(), bwt, Phi.get(), 1, 0, 0.3, 0, 0, 0, 0, Phi.get());
+    if (bwt == 1) want.assign(Phi->p, Phi->p + start.p.size());
+    expectSame("Phi", Phi->p, want);
+  }
+}
+
 TYPED_TEST(PlainStep, RegionTermComparesBothSides) {
   constexpr int D = TypeParam::D;
   // Image 2 inside and 5 outside: an inside voxel is no different from the inside, 3 from outside.
@@ -284,7 +297,7 @@ TEST(ByHand, SubstractPhiNeedsFourFields) {
 }
 
 TEST(ByHand, ExtensionTakesItsFields) {
-  // Two edge voxels and a test voxel between them along x, next to itself along y and z.
+  // Two edge voxels and a test voxel between them, along x in 3-D and along y in 2-D.
   vox3DLevelSet<double, char> e;
   e.sizeX = 1;
   e.n_edge = 2;
@@ -299,14 +312,17 @@ TEST(ByHand, ExtensionTakesItsFields) {
   f.sizeX = 1;
   f.n_edge = 2;
   f.n_nbt = 3;
-  f.spar_nbt_4neigh_ind = new int[12]{0, 0, 0, 0, 1, 1, 1, 1, 0, 1, 3, 4};
+  f.spar_nbt_4neigh_ind = new int[12]{0, 0, 0, 0, 1, 1, 1, 1, 3, 4, 0, 1};
   f.Spar_usdf = new double[5]{0.5, 0.5, 1.5, 1e5, 1e5};
   f.Spar_Fext = new double[5]{3, 4, 0, -1e5, 1e5};
   f.sCalFext(0, nullptr);
   EXPECT_EQ(f.Spar_Fext[2], 3) << "equal distances: the + neighbour";
-  f.Spar_usdf[2] = 0.5;  // all equal: the neighbour still counts, but there is nothing to weight by
+  f.Spar_usdf[2] = 0.5;
   f.sCalFext(0, nullptr);
-  EXPECT_EQ(f.Spar_Fext[2], 3);
+  EXPECT_EQ(f.Spar_Fext[2], 3) << "as far away: the neighbour still counts";
+  std::copy_n(std::array{0, 1, 1, 0}.begin(), 4, f.spar_nbt_4neigh_ind + 8);
+  f.sCalFext(0, nullptr);
+  EXPECT_EQ(f.Spar_Fext[2], 3.5) << "and with two axes there is nothing to weight by: the mean";
 }
 
 TEST(ByHand, LabelnbtWorksFromLabelsAndIndices) {
@@ -359,10 +375,10 @@ TEST(Guards, EndTheProcess) {
               vox3DLevelSet<double, char> e;
               e.LabelEdges(&Phi);
               e.mask_indices->p[5 + 16] = 1;
-              *e.mask_indices += 1000;
+              *e.mask_indices += 3;
               e.Labelnbt(0, &Phi);
             }),
-            (Finished{1, "", "neighbor index wrong, exit1007\n"}));
+            (Finished{1, "", "neighbor index wrong, exit10\n"}));
 }
 
 TEST(Guards, TellOfDiagonalNeighboursOutsideABandOfNoWidth) {

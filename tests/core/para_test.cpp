@@ -154,9 +154,13 @@ TEST(Para, ReadsArgumentVectors) {
   EXPECT_EQ(runApart([&] { voxPara().setupBalloon(none.argv()); }).status, Finished::returned);
 }
 
+struct FilledPara : voxPara {
+  FilledPara() { fill(*this, 181, 2); }
+};
+
 TEST(Records, MayEndTwice) {
   tavrel::test::endTwice<triple>(1, 2, 3, 4);
-  tavrel::test::endTwice<voxPara>();
+  tavrel::test::endTwice<FilledPara>();
   tavrel::test::endTwice<voxBalloonPara>();
 }
 
@@ -249,6 +253,9 @@ TEST(Reductions, MaximumAndFirstMinimum) {
   EXPECT_EQ(min, 1);
   EXPECT_EQ(index, 1);
   maxabs(v, 0, &max);
+  EXPECT_EQ(max, 4.5);
+  v[1] = kNaN;  // keeps the maximum so far
+  maxabs(v, 4, &max);
   EXPECT_EQ(max, 4.5);
   unsigned u[] = {3, 4000000000u}, most = 0;
   maxabs(u, 2, &most);

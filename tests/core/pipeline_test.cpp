@@ -288,6 +288,29 @@ TEST(Evolve, EqualsPlainLoopsWithAnyNumberOfThreads) {
   }
 }
 
+/// On a head large enough for changes on both sides of the threshold.
+TEST(Evolve, EndsALevelAtTheFirstSmallChange) {
+  const Point size{40, 44, 38};
+  const auto input = head(size, 12);
+  voxPara P;
+  setup(P, size);
+  auto volumes = tavrel::prepare(*input, P);
+  std::vector<std::vector<double>> ratios(3);
+  tavrel::EvolutionObserver observer;
+  observer.onStep = [&](const tavrel::StepReport& r) { ratios[r.level].push_back(r.ratio); };
+  tavrel::evolve(volumes, P, observer);
+  double least = 1, last = 0;
+  for (auto& level : ratios) {
+    last = std::max(last, level.back());
+    level.pop_back();
+    least = std::min(least, *std::min_element(level.begin(), level.end()));
+  }
+  EXPECT_LT(last, 0.0002);
+  EXPECT_GE(least, 0.0002);
+  EXPECT_LT(least, 0.0003);
+  EXPECT_GT(last, 0.0001);
+}
+
 TEST(Evolve, EndsWithAnEmptyMask) {
   const Point size{9, 12, 8};
   const auto input = head(size, 6);
@@ -328,6 +351,10 @@ TEST(Evolve, ReportsWhatDoesNotFitAndDoesNotEndTheProcess) {
   EXPECT_THROW(tavrel::evolve(none, P), std::invalid_argument) << "the seed is not the coarsest";
   EXPECT_THROW(tavrel::finish(*none.mask, P), std::invalid_argument);
   EXPECT_THROW(tavrel::refineSlices(*none.mask, *none.image, P), std::invalid_argument);
+  P.dnX = std::numeric_limits<int>::min();  // halves nothing, like any count below 0
+  P.dnZ = 1;
+  EXPECT_EQ(toGrid(*tavrel::prepare(*input, P).image).size, (Point{8, 12, 4}));
+  P.dnZ = 0;
   P.Xp = 3;
   EXPECT_THROW(tavrel::prepare(*input, P), std::invalid_argument) << "11 cannot be halved";
   P.Xp = std::numeric_limits<int>::max() - 1;
@@ -349,17 +376,17 @@ TEST(Pyramid, KnowsWhichVolumesFit) {
 TEST(Finish, RefinesSlicesOnlyAfterHalvingAndDilatesOnce) {
   for (int dnZ : {0, 1}) {
     SCOPED_TRACE(testing::Message() << "dnZ " << dnZ);
-    const Point size{21, 26, 6};
+    const Point size{61, 66, 6};
     const auto input = head(size, 8);
     const Grid<double> in = toGrid(*input);
-    const Settings s{.dnZ = dnZ, .limit0 = 12, .w5 = 1.1};
+    const Settings s{.dnZ = dnZ, .limit0 = 40, .w5 = 1.1};
     voxPara P;
     setup(P, size, s);
-    // 1 + 21 + 2, 1 + 26 + 1 and 1 + 6 + 1 voxels, the slices halved dnZ times; a ball as mask.
-    Grid<signed char> start(Point{24, 28, 8 >> dnZ});
+    // 1 + 61 + 2, 1 + 66 + 1 and 1 + 6 + 1 voxels, the slices halved dnZ times; a ball as mask.
+    Grid<signed char> start(Point{64, 68, 8 >> dnZ});
     start.scan([&](Point q) {
       const double z = (q[2] + 0.5) * (1 << dnZ) - 4;
-      start.p[start.index(q)] = std::hypot(q[0] - 11, q[1] - 13, 2 * z) < 7;
+      start.p[start.index(q)] = std::hypot(q[0] - 31, q[1] - 33, 2 * z) < 18;
     });
 
     // Undo halving and padding, refine each slice, dilate.

@@ -10,6 +10,7 @@
 #include <type_traits>
 
 #include "scan/format.h"
+#include "voxPipeline.h"
 
 namespace tavrel::scan {
 namespace {
@@ -17,7 +18,6 @@ namespace {
 using NiftiImage = std::unique_ptr<nifti_image, void (*)(nifti_image*)>;
 
 constexpr int kMostDimensions = 7;
-constexpr std::int64_t kMostVoxels = std::numeric_limits<std::int32_t>::max();
 
 template <class Fields>
 constexpr int kVersion = std::is_same_v<Fields, nifti_1_header> ? 1 : 2;
@@ -45,23 +45,17 @@ void readSizes(const Fields& fields, Header& header) {
   if (dimensions < 3)
     throw ScanError(text("has ", dimensions, dimensions == 1 ? " dimension" : " dimensions",
                          "; a head needs three"));
-  std::int64_t padded = 1;
   for (int d = 1; d <= dimensions; ++d) {
     const std::int64_t n = fields.dim[d];
     if (n < 1) throw ScanError(text("has an impossible size, ", n, " along dimension ", d));
-    if (d > 3) {
-      if (n > std::numeric_limits<std::int64_t>::max() / 4096 / kMostVoxels / header.volumes)
-        throw ScanError("has an absurd number of volumes");
-      header.volumes *= n;
-      continue;
-    }
-    // The pipeline pads to multiples of four.
-    const std::int64_t whole = (std::min(n, kMostVoxels) + 3) / 4 * 4;
-    if (n > kMostVoxels || padded > kMostVoxels / whole)
-      throw ScanError("has more voxels than fit the 32-bit sizes of the method");
-    padded *= whole;
-    header.size[d - 1] = static_cast<int>(n);
+    if (d <= 3) continue;
+    if (n > std::numeric_limits<std::int64_t>::max() / 4096 / Pyramid::mostVoxels / header.volumes)
+      throw ScanError("has an absurd number of volumes");
+    header.volumes *= n;
   }
+  if (!Pyramid::fits(fields.dim[1], fields.dim[2], fields.dim[3]))
+    throw ScanError("has more voxels than fit the 32-bit sizes of the method");
+  for (int d = 0; d < 3; ++d) header.size[d] = static_cast<int>(fields.dim[d + 1]);
 }
 
 template <class Fields>

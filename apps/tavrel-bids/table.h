@@ -1,0 +1,19 @@
+// The table of a cohort, made from what is in the output folder alone.
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+#include "row.h"
+
+namespace tavrel::cohort {
+
+/// A row for every scan that was done, failed, was interrupted or was handed to a cluster, in the
+/// order of names, with z-scores within the cohort and the ratings of tavrel_ratings*.tsv.
+std::vector<Row> readRows(const std::filesystem::path& output);
+
+/// Writes tavrel.tsv and tavrel.json, which explains its columns. Files that are right already are
+/// left alone. @throws OutputError
+void writeTable(const std::filesystem::path& output, const std::vector<Row>& rows);
+
+}  // namespace tavrel::cohort
