@@ -232,6 +232,10 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
       {scan, "--open", "-1"},
       {scan, "--resample", "0"},
       {scan, "--threads", "0"},
+      {scan, "--evolution", "quick"},
+      {scan, "--phi", name("phi.nii")},  // goes with the exact evolution alone
+      {scan, "--volume-range", "900", "300"},
+      {scan, "--volume-range", "-5", "300"},
       {scan, "--nonsense"},
       {scan, "--mask", "mask.img"},
       {scan, "--qc", "picture.jpg"},
@@ -284,6 +288,43 @@ TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
   EXPECT_NE(run({scan, "--from-mask", name("other.nii"), "--force"}).err.find("grid"),
             std::string::npos);
   EXPECT_EQ(run({scan, "--from-mask", mask, "--w5", "1"}).status, 1);
+}
+
+TEST_F(Command, FindsTheBrainWithItsDefaultsAndTellsWhatItDoubts) {
+  const FileLayout layout{.size = {55, 64, 60}, .mm = {3, 3.125, 3.05}};
+  const auto voxels = phantom<std::int16_t>(layout, 1000);
+  auto inverted = voxels;
+  for (auto& v : inverted) v = std::int16_t(1200 - v);
+  writeNifti(name("good.nii.gz"), layout, voxels);
+  writeNifti(name("inverted.nii"), layout, inverted);
+  writeNifti(name("same.nii"), layout, std::vector<std::int16_t>(voxels.size(), 7));
+  const auto strip = [&](std::vector<std::string> arguments) {
+    arguments[0] = name(arguments[0]);
+    for (const std::string& more : {std::string("--json"), name("r.json"), std::string("--force")})
+      arguments.push_back(more);
+    return run(arguments);
+  };
+  const auto entry = [&] { return reportIn(name("r.json"))["scans"][0]; };
+
+  ASSERT_EQ(strip({"good.nii.gz", "--strict"}).status, 0);
+  EXPECT_TRUE(entry()["flags"].empty()) << entry()["flags"];
+  EXPECT_GT(entry()["confidence"], 0.5);
+  EXPECT_GE(entry()["trials"].size(), 6u);
+  const auto brain = tavrel::makePhantom(55, 64, 60).brain;
+  Bytes expected(352);
+  expected.insert(expected.end(), brain.begin(), brain.end());
+  EXPECT_GT(dice(inflate(name("good_brain_mask.nii.gz")), expected), 0.92);
+
+  const Result small = strip({"good.nii.gz", "--volume-range", "300", "900"});
+  EXPECT_EQ(small.status, 0);
+  EXPECT_NE(small.err.find("mL is outside 300 to 900; look at the picture"), std::string::npos);
+  EXPECT_EQ(entry()["flags"][0]["code"], "volume");
+  EXPECT_EQ(strip({"good.nii.gz", "--volume-range", "300", "900", "--strict"}).status, 3);
+  EXPECT_EQ(strip({"inverted.nii", "--strict"}).status, 3);
+  EXPECT_LT(entry()["confidence"], 0.5);
+  EXPECT_TRUE(fs::exists(name("inverted_brain_mask.nii")));
+  EXPECT_EQ(strip({"same.nii", "--strict"}).status, 2);
+  EXPECT_EQ(entry()["error"], "holds no head");
 }
 
 TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {

