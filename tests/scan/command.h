@@ -107,8 +107,7 @@ inline const FileLayout kHead = {.size = kSmall, .mm = kSmallMm};
 class Command : public testing::Test {
  protected:
   void SetUp() override {
-    writeNifti(folder_ / "scan.nii.gz", kHead,
-               phantom<std::int16_t>(kHead, 200));
+    writeNifti(folder_ / "scan.nii.gz", kHead, phantom<std::int16_t>(kHead, 200));
   }
   std::string name(const std::string& file) const { return folder_ / file; }
   TemporaryFolder folder_;

@@ -20,8 +20,8 @@ Fields headerOf(const fs::path& path) {
 }
 
 TEST_F(Command, WritesBrainMaskAndPictureBesideTheScan) {
-  const Result result = run({name("scan.nii.gz"), "--evolution", "exact", "--w5", "1.0",
-                             "--phi", name("phi.nii")});
+  const Result result =
+      run({name("scan.nii.gz"), "--evolution", "exact", "--w5", "1.0", "--phi", name("phi.nii")});
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(folder_.list(),
             (std::vector<std::string>{"phi.nii", "scan.nii.gz", "scan_brain.nii.gz",
@@ -78,8 +78,8 @@ TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
     if constexpr (std::is_floating_point_v<T>) voxels[77] = NAN;
     writeNifti(folder_ / "a.nii", layout, voxels);
     if (swapped) swapByteOrder(folder_ / "a.nii", sizeof(T));
-    const Result result = run({name("a.nii"), "--evolution", "exact", "--w5", "1.1", "--finish",
-                               "none", "--force"});
+    const Result result =
+        run({name("a.nii"), "--evolution", "exact", "--w5", "1.1", "--finish", "none", "--force"});
     ASSERT_EQ(result.status, 0) << result.err;
     const Bytes mask = readBytes(folder_ / "a_brain_mask.nii");
     const Bytes expected = rawMask(folder_, format, voxels.data(), voxels.size() * sizeof(T));
@@ -94,8 +94,11 @@ TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
 
 TEST_F(Command, KeepsVersionByteOrderScalingAndBackground) {
   // A scaled, shifted NIfTI-2 pair in which air is stored as -32000 and stands for about 0.
-  const FileLayout layout{
-      .size = kSmall, .fileType = NIFTI_FTYPE_NIFTI2_2, .slope = 0.01, .inter = 320, .mm = kSmallMm};
+  const FileLayout layout{.size = kSmall,
+                          .fileType = NIFTI_FTYPE_NIFTI2_2,
+                          .slope = 0.01,
+                          .inter = 320,
+                          .mm = kSmallMm};
   auto voxels = phantom<std::int16_t>(layout, 20000);
   for (auto& v : voxels) v = std::int16_t(v - 32000);
   writeNifti(folder_ / "pair.hdr", layout, voxels);
@@ -291,10 +294,20 @@ TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
 }
 
 TEST_F(Command, FindsTheBrainWithItsDefaultsAndTellsWhatItDoubts) {
-  const FileLayout layout{.size = {55, 64, 60}, .mm = {3, 3.125, 3.05}};
-  const auto voxels = phantom<std::int16_t>(layout, 1000);
-  auto inverted = voxels;
-  for (auto& v : inverted) v = std::int16_t(1200 - v);
+  // A phantom in a larger field of view.
+  const FileLayout layout{.size = {66, 76, 70}, .mm = {3.125, 3.125, 3.125}};
+  const auto head = tavrel::makePhantom(55, 64, 60);
+  std::vector<std::int16_t> voxels, inverted;
+  Bytes brain(352);
+  for (int z = 0; z < 70; ++z)
+    for (int y = 0; y < 76; ++y)
+      for (int x = 0; x < 66; ++x) {
+        const bool within = x >= 5 && x < 60 && y >= 6 && y < 70 && z >= 5 && z < 65;
+        const auto v = std::size_t(within ? ((z - 5) * 64 + y - 6) * 55 + x - 5 : 0);
+        voxels.push_back(std::int16_t(1000 * std::max(0.0, head.image[v])));
+        inverted.push_back(std::int16_t(1200 - voxels.back()));
+        brain.push_back(char(within && head.brain[v]));
+      }
   writeNifti(name("good.nii.gz"), layout, voxels);
   writeNifti(name("inverted.nii"), layout, inverted);
   writeNifti(name("same.nii"), layout, std::vector<std::int16_t>(voxels.size(), 7));
@@ -306,14 +319,11 @@ TEST_F(Command, FindsTheBrainWithItsDefaultsAndTellsWhatItDoubts) {
   };
   const auto entry = [&] { return reportIn(name("r.json"))["scans"][0]; };
 
-  ASSERT_EQ(strip({"good.nii.gz", "--strict"}).status, 0);
+  EXPECT_EQ(strip({"good.nii.gz", "--strict"}).status, 0);
   EXPECT_TRUE(entry()["flags"].empty()) << entry()["flags"];
   EXPECT_GT(entry()["confidence"], 0.5);
   EXPECT_GE(entry()["trials"].size(), 6u);
-  const auto brain = tavrel::makePhantom(55, 64, 60).brain;
-  Bytes expected(352);
-  expected.insert(expected.end(), brain.begin(), brain.end());
-  EXPECT_GT(dice(inflate(name("good_brain_mask.nii.gz")), expected), 0.92);
+  EXPECT_GT(dice(inflate(name("good_brain_mask.nii.gz")), brain), 0.92);
 
   const Result small = strip({"good.nii.gz", "--volume-range", "300", "900"});
   EXPECT_EQ(small.status, 0);
@@ -348,9 +358,11 @@ TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {
   for (const char* evolution : {"exact", "scan"}) {
     const auto maskWith = [&](const char* threads) {
       setenv("TAVREL_THREADS", threads, 1);
-      EXPECT_EQ(run({scan, "--evolution", evolution, "--force", "--json", name("r.json")}).status, 0);
+      EXPECT_EQ(run({scan, "--evolution", evolution, "--force", "--json", name("r.json")}).status,
+                0);
       unsetenv("TAVREL_THREADS");
-      EXPECT_EQ(std::to_string(reportIn(name("r.json"))["settings"]["threads"].get<int>()), threads);
+      EXPECT_EQ(std::to_string(reportIn(name("r.json"))["settings"]["threads"].get<int>()),
+                threads);
       return inflate(name("scan_brain_mask.nii.gz"));
     };
     const Bytes own = maskWith("1");

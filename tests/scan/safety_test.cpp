@@ -247,7 +247,8 @@ TEST_F(Safety, NamesOfAnyLengthThatFitAreWritten) {
 
 TEST_F(Safety, VoxelsStayInTheirPlacesBehindLongExtensions) {
   // A header file of a length that 32-bit floats do not hold.
-  writeNifti(name("p.hdr"), {.size = kSmall, .fileType = NIFTI_FTYPE_NIFTI1_2, .mm = kSmallMm}, smallHead());
+  writeNifti(name("p.hdr"), {.size = kSmall, .fileType = NIFTI_FTYPE_NIFTI1_2, .mm = kSmallMm},
+             smallHead());
   Bytes header = readBytes(name("p.hdr"));
   header.resize((1 << 24) + 1);
   writeBytes(name("p.hdr"), header);

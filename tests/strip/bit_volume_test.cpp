@@ -20,7 +20,8 @@ TEST(BitVolume, IsTheMaskThatItWasMadeOfAndItsComplement) {
       EXPECT_EQ(bytes(bits), mask);
       const auto ones = std::size_t(std::count(mask.begin(), mask.end(), 1));
       EXPECT_EQ(bits.count(), ones);
-      forVoxels(size, [&](int x, int y, int z, std::size_t v) { EXPECT_EQ(bits(x, y, z), mask[v]); });
+      forVoxels(size,
+                [&](int x, int y, int z, std::size_t v) { EXPECT_EQ(bits(x, y, z), mask[v]); });
       const BitVolume before = bits;
       bits.invert();
       EXPECT_EQ(bits.count(), mask.size() - ones) << "bits beyond the row's end are 0";
@@ -36,7 +37,9 @@ TEST(BitVolume, RangesBoxesAndOverlapsAreThoseOfTheirVoxels) {
     for (const int end : {1, 63, 64, 65, 128, 129, 130}) {
       BitVolume range(size);
       range.setRange(2, 1, first, end);
-      const auto voxel = [&](int x, int y, int z) { return x >= first && x < end && y == 2 && z == 1; };
+      const auto voxel = [&](int x, int y, int z) {
+        return x >= first && x < end && y == 2 && z == 1;
+      };
       EXPECT_EQ(range, maskOf(size, voxel));
       const Box box = boundingBox(range);
       EXPECT_EQ(box.empty(), first >= end);

@@ -46,9 +46,8 @@ TestScan storedAs(const TestScan& scan, const Orientation& o) {
     grid.size[o.axis[d]] = scan.grid.size[d];
     grid.spacing[o.axis[d]] = scan.grid.spacing[d];
   }
-  TestScan result = rearranged(scan, grid, 0, [&](const Size& stored) {
-    return anatomical(o, scan.grid.size, stored);
-  });
+  TestScan result = rearranged(
+      scan, grid, 0, [&](const Size& stored) { return anatomical(o, scan.grid.size, stored); });
   result.orientation = o;
   return result;
 }
@@ -72,8 +71,7 @@ TEST(Head, AllOrientationsAreWorkedOnAndGivenBackAlike) {
       EXPECT_EQ(found.box.end, head.box.end);
       const WorkGrid there(stored.view(), found.box);
       EXPECT_EQ(there.image(stored.view(), found.low, found.high).values, image.values);
-      EXPECT_EQ(there.toScan(stored.view(), mask),
-                storedAs({scan.grid, {}, given, {}}, o).brain);
+      EXPECT_EQ(there.toScan(stored.view(), mask), storedAs({scan.grid, {}, given, {}}, o).brain);
     });
   }
 }
@@ -83,7 +81,8 @@ TEST(Head, MasksAreTheSameInAnyOrientation) {
   const auto mask = stripped(scan).mask;
   EXPECT_GT(dice(mask, scan.brain), 0.9);
   for (const Orientation& o : {Orientation{{0, 1, 2}, {false, true, true}},
-                               {{2, 0, 1}, {false, false, true}}, {{1, 2, 0}, {true, true, false}}})
+                               {{2, 0, 1}, {false, false, true}},
+                               {{1, 2, 0}, {true, true, false}}})
     EXPECT_EQ(stripped(storedAs(scan, o)).mask, storedAs({scan.grid, {}, mask, {}}, o).brain);
 }
 
@@ -116,14 +115,15 @@ TEST(Head, TheBrainIsFoundWhateverIsRoundTheHeadAndWhateverTheUnit) {
     return scan;
   };
   const float nan = std::numeric_limits<float>::quiet_NaN();
-  for (const auto& [name, scan] : {Case{"as it is", base},
-                                   {"scaled", with([](float v) { return v * 1e-3f; })},
-                                   {"shifted", with([](float v) { return v - 1024; })},
-                                   {"air far below", with([](float v) { return v < 40 ? -1000 : v; })},
-                                   {"air not a number", with([=](float v) { return v < 40 ? nan : v; })},
-                                   {"space around", onNeck(base, 20, 0, 0)},
-                                   {"space of not-a-number", onNeck(base, 20, 0, nan)},
-                                   {"neck", onNeck(base, 4, 60, 5)}}) {
+  for (const auto& [name, scan] :
+       {Case{"as it is", base},
+        {"scaled", with([](float v) { return v * 1e-3f; })},
+        {"shifted", with([](float v) { return v - 1024; })},
+        {"air far below", with([](float v) { return v < 40 ? -1000 : v; })},
+        {"air not a number", with([=](float v) { return v < 40 ? nan : v; })},
+        {"space around", onNeck(base, 20, 0, 0)},
+        {"space of not-a-number", onNeck(base, 20, 0, nan)},
+        {"neck", onNeck(base, 4, 60, 5)}}) {
     EXPECT_GT(dice(stripped(scan).mask, scan.brain), 0.92) << name;
   }
 }
@@ -166,12 +166,11 @@ TEST(Stripping, WhatIsNoHeadOfThisKindIsToldIfItIsNotRefused) {
   };
   std::vector<double> noise(base.values.size());
   for (std::size_t v = 0; v < noise.size(); ++v) noise[v] = 1000 * tavrel::uniformAt(1, v);
-  for (const TestScan& scan :
-       {with([](float v, std::size_t) { return 1000 - v; }),
-        with([&](float, std::size_t v) { return noise[v]; }),
-        with([&](float, std::size_t v) { return 500 + 0.01 * noise[v]; }),
-        with([&](float v, std::size_t i) { return base.brain[i] ? v : 0; }),
-        with([](float v, std::size_t) { return v > 50 ? 500 : 0; })}) {
+  for (const TestScan& scan : {with([](float v, std::size_t) { return 1000 - v; }),
+                               with([&](float, std::size_t v) { return noise[v]; }),
+                               with([&](float, std::size_t v) { return 500 + 0.01 * noise[v]; }),
+                               with([&](float v, std::size_t i) { return base.brain[i] ? v : 0; }),
+                               with([](float v, std::size_t) { return v > 50 ? 500 : 0; })}) {
     try {
       const Stripped result = stripped(scan);
       EXPECT_FALSE(result.judgement.flags.empty());

@@ -46,8 +46,8 @@ std::vector<T> rearranged(const std::vector<T>& values, const Size& from, const 
         const Size p = source(Size{x, y, z});
         bool within = true;
         for (int d = 0; d < 3; ++d) within &= p[d] >= 0 && p[d] < from[d];
-        result.push_back(
-            within ? values[(std::size_t(p[2]) * from[1] + p[1]) * from[0] + p[0]] : beyond);
+        result.push_back(within ? values[(std::size_t(p[2]) * from[1] + p[1]) * from[0] + p[0]]
+                                : beyond);
       }
   return result;
 }
@@ -55,13 +55,16 @@ std::vector<T> rearranged(const std::vector<T>& values, const Size& from, const 
 /// The scan on another grid, both values and brain rearranged.
 template <class Source>
 TestScan rearranged(const TestScan& scan, const Grid& to, float beyond, Source&& source) {
-  return {to, rearranged(scan.values, scan.grid.size, to.size, beyond, source),
-          rearranged(scan.brain, scan.grid.size, to.size, char(0), source), {}};
+  return {to,
+          rearranged(scan.values, scan.grid.size, to.size, beyond, source),
+          rearranged(scan.brain, scan.grid.size, to.size, char(0), source),
+          {}};
 }
 
 inline double dice(const std::vector<char>& a, const std::vector<char>& b) {
   std::size_t both = 0, sum = 0;
-  for (std::size_t v = 0; v < a.size(); ++v) both += std::size_t(a[v] & b[v]), sum += std::size_t(a[v] + b[v]);
+  for (std::size_t v = 0; v < a.size(); ++v)
+    both += std::size_t(a[v] & b[v]), sum += std::size_t(a[v] + b[v]);
   return 2 * double(both) / double(sum);
 }
 

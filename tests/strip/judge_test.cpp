@@ -4,17 +4,12 @@
 
 #include <cmath>
 
+#include "heads.h"
 #include "volumes.h"
 
 namespace {
 
 using namespace test_volumes;
-
-std::string codes(const Judgement& judgement) {
-  std::string result;
-  for (const Flag& flag : judgement.flags) result += flag.code + " ";
-  return result;
-}
 
 TEST(Judge, EveryRuleFiresBeyondItsLimitAlone) {
   const Evidence sound{.volumeMl = 1400};

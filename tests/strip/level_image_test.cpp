@@ -88,13 +88,14 @@ TEST(LevelImage, FiltersTakeTheLeastOfTheVoxelsTheySpeakOf) {
     };
     std::vector<std::uint16_t> least(half.values.size(), 0xffff);
     forVoxels(size, [&](int x, int y, int z, std::size_t v) {
-      const bool border = x == 0 || y == 0 || z == 0 || x == size[0] - 1 || y == size[1] - 1 ||
-                          z == size[2] - 1;
+      const bool border =
+          x == 0 || y == 0 || z == 0 || x == size[0] - 1 || y == size[1] - 1 || z == size[2] - 1;
       EXPECT_EQ(filtered.values[v],
                 border ? at(x, y, z)
                        : std::min({at(x - 1, y, z), at(x + 1, y, z), at(x, y - 1, z),
                                    at(x, y + 1, z), at(x, y, z - 1), at(x, y, z + 1)}));
-      auto& block = least[std::size_t((z / 2 * half.grid.size[1] + y / 2) * half.grid.size[0] + x / 2)];
+      auto& block =
+          least[std::size_t((z / 2 * half.grid.size[1] + y / 2) * half.grid.size[0] + x / 2)];
       block = std::min(block, at(x, y, z));
     });
     EXPECT_EQ(half.values, least);

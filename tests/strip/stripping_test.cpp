@@ -52,8 +52,7 @@ TEST(Stripping, LowersTheWeightWhileTheMaskLeaksAndSaysWhenThatDoesNotHelp) {
   runs.clear();
   const Stripped leaking = stripExactly(ballAndSlab(12), kGrid, settings, observer);
   ASSERT_EQ(runs.size(), 4u);
-  for (std::size_t i = 0; i < runs.size(); ++i)
-    EXPECT_NEAR(runs[i], 1 - 0.1 * double(i), 1e-9);
+  for (std::size_t i = 0; i < runs.size(); ++i) EXPECT_NEAR(runs[i], 1 - 0.1 * double(i), 1e-9);
   EXPECT_NEAR(leaking.w5, 0.7, 1e-9);
   EXPECT_EQ(codes(leaking.judgement), "leak ");
   EXPECT_GT(volume(leaking), 2 * ball);
