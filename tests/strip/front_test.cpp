@@ -60,12 +60,13 @@ TEST(Front, ABallIsFoundFromWithinAndFromWithout) {
 
 TEST(Front, CurvatureAloneShrinksABallAsABall) {
   const LevelImage level(twoValued(BitVolume({40, 40, 40})), 2);
-  const auto [mask, steps] = evolved(level, ball(40, 14), {.w3 = 1, .mostSteps = 20, .converged = 0});
+  const auto [mask, steps] =
+      evolved(level, ball(40, 14), {.w3 = 1, .mostSteps = 20, .converged = 0});
   EXPECT_EQ(steps, 20);
   const double radius = std::cbrt(double(mask.count()) * 3 / (4 * M_PI));
   EXPECT_GT(radius, 10);
   EXPECT_LT(radius, 13);
-  EXPECT_GT(overlap(mask, ball(40, radius)), 0.97);
+  EXPECT_GT(overlap(mask, ball(40, radius)), 0.97) << radius;
 }
 
 TEST(Front, APlaneMovesAsAPlaneAndStopsAtTheStep) {

@@ -76,6 +76,47 @@ TEST(Head, AllOrientationsAreWorkedOnAndGivenBackAlike) {
   }
 }
 
+TEST(WorkGrid, JoinsAndInterpolatesInPlace) {
+  for (const Spacing& mm : {Spacing{0.4, 2, 3}, {1, 1, 1}, {2.6, 2.2, 5}}) {
+    TestScan scan{{{int(80 / mm[0]), int(84 / mm[1]), int(90 / mm[2])}, mm}, {}, {}, {}};
+    const Box box{{3, 2, 1}, scan.grid.size};
+    const auto centre = [&](const Size& p, const Spacing& s, int d) { return (p[d] + 0.5) * s[d]; };
+    const auto ramp = [](double x, double y, double z) { return 10 * x - 5 * y + 20 * z; };
+    forVoxels(scan.grid.size, [&](int x, int y, int z, std::size_t) {
+      const Size p = {x, y, z};
+      scan.values.push_back(float(ramp(centre(p, mm, 0), centre(p, mm, 1), centre(p, mm, 2))));
+    });
+    const WorkGrid work(scan.view(), box);
+    const auto& [size, edge] = work.grid();
+    const Intensities image = work.image(scan.view(), 0, kFullScale);
+    const auto corner = work.fromScan({0, 0, 0});
+    const BitVolume ball = maskOf(size, [&](int x, int y, int z) {
+      const Size p = {x, y, z};
+      return std::hypot(centre(p, edge, 0) - 42, centre(p, edge, 1) - 39, centre(p, edge, 2) - 45) <
+             25;
+    });
+    forVoxels(size, [&](int x, int y, int z, std::size_t v) {
+      const Size p = {x, y, z};
+      for (int d = 0; d < 3; ++d)  // beyond the middle of the last voxels nothing is known
+        if (p[d] * edge[d] < 6 || (size[d] - p[d]) * edge[d] < 6) return;
+      const auto at = [&](int d) { return centre(p, edge, d) - corner[d]; };
+      const double expected = std::clamp(ramp(at(0), at(1), at(2)), 0.0, double(kFullScale));
+      EXPECT_NEAR(image.values[v], expected, 0.51) << mm[0] << ": " << x << ' ' << y << ' ' << z;
+    });
+    const auto given = work.toScan(scan.view(), ball);
+    std::array<double, 3> sum = {};
+    double n = 0;
+    forVoxels(scan.grid.size, [&](int x, int y, int z, std::size_t v) {
+      if (!given[v]) return;
+      ++n;
+      for (int d = 0; d < 3; ++d) sum[d] += centre({x, y, z}, mm, d) + corner[d];
+    });
+    const double centres[3] = {42, 39, 45};
+    for (int d = 0; d < 3; ++d) EXPECT_NEAR(sum[d] / n, centres[d], 0.1 * mm[d]) << mm[0];
+    EXPECT_NEAR(millilitres(n, mm), 4.0 / 3 * M_PI * 2.5 * 2.5 * 2.5, 1.5);
+  }
+}
+
 TEST(Head, MasksAreTheSameInAnyOrientation) {
   const TestScan scan = phantomHead(4);
   const auto mask = stripped(scan).mask;
