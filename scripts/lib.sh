@@ -31,7 +31,7 @@ install_validator() {
   local npm=$root/build/npm
   [[ -e $npm/node_modules/.bin/bids-validator ]] && return
   mkdir -p "$npm"
-  npm install --no-audit --no-fund --prefix "$npm" bids-validator@1.15.0 >"$npm/log" 2>&1 ||
+  timeout 300 npm install --no-audit --no-fund --prefer-offline --prefix "$npm" bids-validator@1.15.0 >"$npm/log" 2>&1 ||
     echo "bids-validator is not there: its test is skipped"
 }
 
