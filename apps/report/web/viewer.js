@@ -69,7 +69,10 @@ class Viewer {
     nv.addVolume(image)
     this.#file = await through(mask, new DecompressionStream('gzip'))
     this.#showMask(image)
-    nv.onLocationChange = location => listener.moved(location.string)
+    nv.onLocationChange = ({ mm, values }) => {
+      const [x, y, z] = Array.from(mm, v => v.toFixed(1))
+      listener.moved(`x ${x}, y ${y}, z ${z} mm, grey value ${values[0].value}`)
+    }
     nv.onDrawingChanged = action => {
       if (action === 'draw') this.#noteStroke()
       listener.changed()

@@ -1,8 +1,9 @@
-// The report in a browser, as a reviewer uses it. MAKE_COHORT writes the output folder, CHROMIUM is
-// driven by playwright-core of BROWSER_PACKAGES.
+// The report in a browser, as a reviewer uses it. MAKE_COHORT writes the output folder (one test runs
+// TAVREL_BIDS itself, on a scan of NIFTI_PHANTOM), CHROMIUM is driven by playwright-core of
+// BROWSER_PACKAGES.
 import assert from 'node:assert/strict'
 import { execFileSync } from 'node:child_process'
-import { mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync } from 'node:fs'
+import { mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync } from 'node:fs'
 import { createRequire } from 'node:module'
 import { tmpdir } from 'node:os'
 import { join } from 'node:path'
@@ -10,7 +11,7 @@ import { after, before, test } from 'node:test'
 import { pathToFileURL } from 'node:url'
 import { gunzipSync } from 'node:zlib'
 
-const { BROWSER_PACKAGES, CHROMIUM, MAKE_COHORT } = process.env
+const { BROWSER_PACKAGES, CHROMIUM, MAKE_COHORT, NIFTI_PHANTOM, TAVREL_BIDS } = process.env
 const require = createRequire(join(BROWSER_PACKAGES, 'package.json'))
 const { chromium } = require('playwright-core')
 const folder = mkdtempSync(join(tmpdir(), 'tavrel-report-'))
@@ -34,7 +35,7 @@ const url = (name, base = folder) => pathToFileURL(join(base, name)).href
 
 /** Runs a test in a fresh browser; errors on the page and requests that leave the disk fail it. */
 async function withPage (options, use) {
-  const context = await browser.newContext({ viewport: { width: 1400, height: 1000 }, ...options })
+  const context = await browser.newContext({ viewport: { width: 1150, height: 720 }, ...options })
   const page = await context.newPage()
   const wrong = []
   page.on('pageerror', error => wrong.push(error.message))
@@ -216,6 +217,14 @@ async function savedMask (page) {
   return readMask(bytes)
 }
 
+async function drag (page, from, to) {
+  const box = await page.locator('#canvas').boundingBox()
+  await page.mouse.move(box.x + from * box.width, box.y + 0.5 * box.height)
+  await page.mouse.down()
+  await page.mouse.move(box.x + to * box.width, box.y + 0.5 * box.height, { steps: 5 })
+  await page.mouse.up()
+}
+
 test('strokes change the mask where they are drawn and nowhere else', () => withPage({}, async page => {
   await openViewer(page, 'sub-0001.html')
   const before = originalMask('sub-0001')
@@ -247,21 +256,14 @@ test('strokes change the mask where they are drawn and nowhere else', () => with
 test('the pen adds, the eraser takes away, and undo gives back', () => withPage({}, async page => {
   await openViewer(page, 'sub-0001.html')
   const before = originalMask('sub-0001')
-  const box = await page.locator('#canvas').boundingBox()
-  const drag = async (from, to) => {
-    await page.mouse.move(box.x + from * box.width, box.y + 0.5 * box.height)
-    await page.mouse.down()
-    await page.mouse.move(box.x + to * box.width, box.y + 0.5 * box.height, { steps: 5 })
-    await page.mouse.up()
-  }
   await page.keyboard.press('2')
   await page.keyboard.press('d')
-  await drag(0.5, 0.95)
+  await drag(page, 0.5, 0.95)
   const drawn = await savedMask(page)
   const added = changes(before, drawn)
   assert.ok(added.length > 100 && added.every(v => drawn.voxels[v] === 1))
   await page.keyboard.press('e')
-  await drag(0.3, 0.5)
+  await drag(page, 0.3, 0.5)
   assert.match(await page.textContent('#strokes'), /^2 strokes/)
   const erased = changes(drawn, await savedMask(page))
   assert.ok(erased.length > 100 && erased.every(v => drawn.voxels[v] === 1))
@@ -269,15 +271,44 @@ test('the pen adds, the eraser takes away, and undo gives back', () => withPage(
   assert.deepEqual((await savedMask(page)).voxels, drawn.voxels)
 }))
 
+test('the command takes the mended mask and the ratings', () => withPage({}, async page => {
+  const [raw, out] = [join(folder, 'raw'), join(folder, 'out')]
+  mkdirSync(join(raw, 'sub-01', 'anat'), { recursive: true })
+  writeFileSync(join(raw, 'dataset_description.json'), '{"Name": "One phantom", "BIDSVersion": "1.10.0"}')
+  execFileSync(NIFTI_PHANTOM, ['72', '84', '76', join(raw, 'sub-01', 'anat', 'sub-01_T1w.nii.gz')])
+  const run = level => execFileSync(TAVREL_BIDS, [raw, out, level], { stdio: ['ignore', 'ignore', 'pipe'] })
+  const table = () => {
+    const [names, row] = readFileSync(join(out, 'tavrel.tsv'), 'utf8').split('\n').map(line => line.split('\t'))
+    return Object.fromEntries(names.map((name, i) => [name, row[i]]))
+  }
+  run('participant')
+  assert.equal(table().manual, 'false')
+  await openViewer(page, 'out/sub-01.html')
+  await page.keyboard.press('2')
+  await page.keyboard.press('e')
+  await drag(page, 0.4, 0.6)
+  const mended = (await saved(page, '#save')).bytes
+  await page.keyboard.press('p')
+  writeFileSync(join(out, 'tavrel_ratings.tsv'), (await saved(page, '#export')).bytes)
+  const mask = join(out, 'sub-01', 'anat', 'sub-01_desc-brain_mask.nii.gz')
+  writeFileSync(mask, mended)
+  const volume = table().volume_ml
+  run('participant')
+  assert.deepEqual(readFileSync(mask), mended)
+  assert.equal(table().manual, 'true')
+  assert.equal(table().rating, 'pass')
+  assert.ok(Number(table().volume_ml) < Number(volume))
+  await page.goto(url('out/index.html'))
+  assert.equal(await page.textContent('.chip.manual'), 'edited')
+}))
+
 test('pages are accessible in light and dark', async () => {
-  for (const colorScheme of ['light', 'dark']) {
+  for (const [colorScheme, name] of [['light', 'index.html'], ['dark', 'index.html'], ['light', 'sub-0001.html'], ['dark', 'sub-0002.html']]) {
     await withPage({ colorScheme, bypassCSP: true }, async page => {
-      for (const name of ['index.html', 'sub-0001.html', 'sub-0002.html']) {
-        await page.goto(url(name))
-        await page.addScriptTag({ path: require.resolve('axe-core/axe.min.js') })
-        const { violations } = await page.evaluate(() => globalThis.axe.run())
-        assert.deepEqual(violations.map(v => `${v.id}: ${v.nodes.map(n => n.html)}`), [], `${name}, ${colorScheme}`)
-      }
+      await page.goto(url(name))
+      await page.addScriptTag({ path: require.resolve('axe-core/axe.min.js') })
+      const { violations } = await page.evaluate(() => globalThis.axe.run())
+      assert.deepEqual(violations.map(v => `${v.id}: ${v.nodes.map(n => n.html)}`), [], `${name}, ${colorScheme}`)
     })
   }
 })
