@@ -30,12 +30,10 @@ float runPortable(FrontLoop loop, const FrontView& v, std::size_t first, std::si
 }
 #endif
 
-Kernel* bestKernel() {
+Kernel* kernelFor([[maybe_unused]] InstructionSet instructions) {
 #if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl"))
-    return runAvx512;
-  if (__builtin_cpu_supports("avx2")) return runAvx2;
+  if (instructions == InstructionSet::avx512) return runAvx512;
+  if (instructions == InstructionSet::avx2) return runAvx2;
 #endif
   return runPortable;
 }
@@ -175,7 +173,7 @@ void Front::updateMeans() {
 
 /// One step for all of the band. Returns by how many voxels the inside grew.
 long Front::step(BitVolume& inside, const FrontSettings& settings) {
-  static Kernel* const kernel = bestKernel();
+  Kernel* const kernel = kernelFor(settings.instructions);
   FrontBand& b = band_;
   const std::size_t all = b.voxels.size();
   const FrontView view{image_.rowLength(), image_.rowLength() * image_.size()[1],

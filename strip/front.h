@@ -28,6 +28,7 @@
 #include <span>
 #include <vector>
 
+#include "exact/instruction_set.h"
 #include "level_image.h"
 
 namespace tavrel::strip {
@@ -39,6 +40,7 @@ struct FrontSettings {
   int mostSteps = 12;       ///< end after so many steps
   double converged = 0.0002;  ///< or when the inside changes by less than this share in a step
   int threads = 1;
+  InstructionSet instructions = widestInstructionSet();
 };
 
 /// Arrays of the band: edge voxels first by grid index, then the layer. All have one entry a voxel.

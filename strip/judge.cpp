@@ -131,7 +131,7 @@ class Rules {
   void volume(double ml, const VolumeRange& range) {
     const std::string text =
         print("volume %.0f mL is outside %g to %g", ml, range.least, range.most);
-    (*this)(ml, 1.1 * range.least, range.least, "volume", text);
+    if (range.least > 0) (*this)(ml, 1.1 * range.least, range.least, "volume", text);
     (*this)(ml, 0.95 * range.most, range.most, "volume", text);
   }
 

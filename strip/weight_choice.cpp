@@ -8,6 +8,11 @@ namespace {
 // Agreements that differ by less than this are the same.
 constexpr double kTolerance = 0.0075;
 
+/// Masks that are empty agree in nothing that could be chosen.
+double agreement(const BitVolume& a, const BitVolume& b) {
+  return a.none() && b.none() ? 0 : overlap(a, b);
+}
+
 }  // namespace
 
 WeightChoice chooseWeight(std::span<const WeightTrial> trials, double mostMl) {
@@ -17,7 +22,7 @@ WeightChoice chooseWeight(std::span<const WeightTrial> trials, double mostMl) {
   if (n < 2) return choice;
   std::vector<double> withNext;
   for (std::size_t i = 0; i + 1 < n; ++i)
-    withNext.push_back(overlap(trials[i].finished, trials[i + 1].finished));
+    withNext.push_back(agreement(trials[i].finished, trials[i + 1].finished));
   for (std::size_t i = 0; i < n; ++i)
     choice.ratings[i] = i == 0       ? withNext[0]
                         : i + 1 == n ? withNext[n - 2]

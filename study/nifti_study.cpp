@@ -112,10 +112,7 @@ Score score(const std::vector<char>& mask, const std::vector<char>& reference,
 std::vector<char> readReference(const std::string& path, double closeMm) {
   const Scan scan = readScan(path);
   const Header& header = scan.header;
-  std::vector<double> values(voxelCount(header.size));
-  intensities(scan, values);
-  std::vector<char> mask(values.size());
-  std::transform(values.begin(), values.end(), mask.begin(), [](double v) { return char(v > 0); });
+  std::vector<char> mask = maskOf(scan);
   if (closeMm > 0)
     finishMask(mask, header.size, header.spacing,
                {.openMm = 0, .largest = false, .closeMm = closeMm, .fillHoles = true});

@@ -20,7 +20,7 @@ void draw(const std::vector<std::string>& args) {
   };
   const auto image = read(args[4], tavrel::parseFormat(args[3])), inside = read(args[5], 0);
   const std::vector<char> mask(inside.begin(), inside.end());
-  const auto png = tavrel::scan::drawPicture({.values = image,
+  const auto png = tavrel::scan::drawPicture({.read = tavrel::scan::readerOf(image),
                                               .mask = mask,
                                               .size = size,
                                               .spacing = {1, 1, 1},

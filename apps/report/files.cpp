@@ -38,12 +38,12 @@ bool isPlain(const Header& header, std::span<const std::byte> file) {
 /// The mask written anew on its own grid.
 PageMask plainMask(const fs::path& path) {
   const Scan scan = readScan(path.string());
-  std::vector<double> values(voxelCount(scan.header.size));
-  intensities(scan, values);
   const Header header = derivedHeader(scan.header, NIFTI_TYPE_UINT8, 0, 1);
   auto bytes = headerBytes(header);
   bytes.resize(bytes.size() + kExtender);
-  for (const double value : values) bytes.push_back(std::byte(value > 0));
+  const std::vector<char> mask = maskOf(scan);
+  const auto voxels = std::as_bytes(std::span(mask));
+  bytes.insert(bytes.end(), voxels.begin(), voxels.end());
   return {gzip(bytes), header.size, header.dataOffset};
 }
 

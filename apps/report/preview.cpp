@@ -33,10 +33,13 @@ void forEachRun(const Size& size, Visit visit) {
 }
 
 /// Mean of the finite values of every block; NaN where there is none.
-std::vector<double> blockMeans(std::span<const double> values, const Size& size) {
+std::vector<double> blockMeans(const scan::IntensityReader& read, const Size& size) {
   std::vector<double> sums(voxelCount(previewSize(size))), counts(sums.size());
+  std::vector<float> row(static_cast<std::size_t>(size[0]));
   forEachRun(size, [&](std::size_t block, std::size_t first, int length) {
-    for (const double value : values.subspan(first, std::size_t(length)))
+    const std::size_t x = first % row.size();
+    if (x == 0) read(first, row);
+    for (const double value : std::span(row).subspan(x, std::size_t(length)))
       if (std::isfinite(value)) sums[block] += value, counts[block] += 1;
   });
   for (std::size_t b = 0; b < sums.size(); ++b) sums[b] /= counts[b];
@@ -44,7 +47,7 @@ std::vector<double> blockMeans(std::span<const double> values, const Size& size)
 }
 
 std::vector<std::uint8_t> eightBits(std::span<const double> means) {
-  const Window window = intensityWindow(means, kLow, kHigh);
+  const Window window = intensityWindow(scan::readerOf(means), means.size(), kLow, kHigh);
   std::vector<std::uint8_t> result;
   result.reserve(means.size());
   for (const double mean : means) {
@@ -110,11 +113,11 @@ Size previewSize(const Size& size) {
   return result;
 }
 
-std::vector<std::byte> previewFile(std::span<const double> values, const Header& header) {
+std::vector<std::byte> previewFile(const scan::IntensityReader& read, const Header& header) {
   std::vector<std::byte> file = headerBytes(previewHeader(header));
   file.resize(file.size() + 4);  // no extensions
   const std::size_t start = file.size();
-  const auto voxels = eightBits(blockMeans(values, header.size));
+  const auto voxels = eightBits(blockMeans(read, header.size));
   const auto bytes = std::as_bytes(std::span(voxels));
   file.insert(file.end(), bytes.begin(), bytes.end());
   // Noise does not compress: fewer grey levels until the file is small enough.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "scan/nifti/header.h"
+#include "scan/picture.h"
 
 namespace tavrel::report {
 
@@ -22,9 +23,9 @@ scan::Size previewSize(const scan::Size& size);
 /// The scan at reduced size as the bytes of a NIfTI file, which whoever writes it compresses, to at
 /// most 1.5 MB: block means in 8 bits, on a grid that lies where the scan lies. Values that are no
 /// numbers do not count.
-/// @param values  intensities of the scan, x fastest
+/// @param read    gives intensities of the scan
 /// @param header  of the scan
-std::vector<std::byte> previewFile(std::span<const double> values, const scan::Header& header);
+std::vector<std::byte> previewFile(const scan::IntensityReader& read, const scan::Header& header);
 
 /// The mask on the preview's grid: 1 where half of a block or more is inside.
 std::vector<char> reducedMask(std::span<const char> mask, const scan::Size& size);

@@ -25,20 +25,15 @@ Bytes bytesOf(const std::string& text) {
   return {bytes.begin(), bytes.end()};
 }
 
-std::vector<double> intensitiesOf(const scan::Scan& scan) {
-  std::vector<double> values(scan::voxelCount(scan.header.size));
-  scan::intensities(scan, values);
-  return values;
-}
-
 /// The picture of the scan for the index, from preview and mask; empty if these are not usable.
 Bytes thumbnail(const fs::path& output, const ScanFiles& files) try {
   const scan::Scan preview = scan::readScan((output / files.preview).string());
   const scan::Scan mask = scan::readScan((output / files.mask).string());
   if (previewSize(mask.header.size) != preview.header.size) return {};
-  std::vector<char> inside;
-  for (const double value : intensitiesOf(mask)) inside.push_back(value > 0);
-  return scan::drawThumbnail({intensitiesOf(preview), reducedMask(inside, mask.header.size),
+  const auto read = [&](std::size_t first, std::span<float> values) {
+    scan::intensities(preview, first, values);
+  };
+  return scan::drawThumbnail({read, reducedMask(maskOf(mask), mask.header.size),
                               preview.header.size, preview.header.spacing,
                               preview.header.orientation, "", ""});
 } catch (const scan::ScanError&) {

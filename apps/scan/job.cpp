@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 // The region that the method looks at round each voxel is 21 voxels wide.
 constexpr double kFinestMm = 0.7, kCoarsestMm = 2.1, kMostAnisotropic = 2;  // exact evolution
-// Limits of what --resample takes for a head.
+// Limits of what is taken for a head where a grid is made for it.
 constexpr double kLargestHeadMm = 1000, kLargestVoxelMm = 20;
 
 template <class... Args>
@@ -55,12 +55,12 @@ std::string spacingNotice(const Header& header) {
 std::string gigabytes(std::uint64_t bytes) { return print("%.1f GB", double(bytes) / 1e9); }
 
 /// A wrong voxel size in the header would make a grid out of all proportion.
-void checkResampling(const Header& header) {
+void checkHeadSize(const Header& header) {
   for (int d = 0; d < 3; ++d)
     if (header.size[d] * header.spacing[d] > kLargestHeadMm || header.spacing[d] > kLargestVoxelMm)
       throw ScanError(text("is no head by its voxels of ", header.spacing[0], " x ",
                            header.spacing[1], " x ", header.spacing[2],
-                           " mm, which --resample has to rely on"));
+                           " mm"));
 }
 
 std::unique_ptr<Image> imageOf(const Scan& scan) {
@@ -116,7 +116,8 @@ class Run {
   /// Refuses what could not be stripped before anything is allocated for it.
   void check(const Header& header) const {
     const StripSettings settings = this->settings();
-    if (settings.resampleMm) checkResampling(header);
+    const bool gridMade = settings.resampleMm || settings.evolution == Evolution::scan;
+    if (job_.fromMask.empty() && gridMade) checkHeadSize(header);
     const std::uint64_t need = memoryNeed(header, settings), available = availableMemory();
     if (need > available)
       throw ScanError(text("needs about ", gigabytes(need), " of memory, and there are ",
@@ -167,14 +168,9 @@ class Run {
 
   /// The mask that the job names, instead of a stripped one.
   Stripped givenMask() {
-    const Scan file = readMask();
-    std::vector<double> values(voxelCount(file.header.size));
-    intensities(file, values);
     Stripped given;
     given.w5 = result_.w5;
-    given.mask.resize(values.size());
-    std::transform(values.begin(), values.end(), given.mask.begin(),
-                   [](double value) { return char(value > 0); });
+    given.mask = maskOf(readMask());
     return given;
   }
 
@@ -195,15 +191,13 @@ class Run {
   }
 
   std::vector<std::byte> picture() const {
-    std::vector<double> values(voxelCount(scan_.header.size));
-    intensities(scan_, values);
     std::string caption = text(std::lround(result_.volumeMl), " mL   ",
                                job_.fromMask.empty() ? weight(result_.w5) : "given mask");
     for (const Flag& flag : result_.flags) caption += "   " + flag.text;
     if (!scan_.header.orientation) caption += "   orientation unknown, cuts as stored";
-    return drawPicture({values, stripped_.mask, scan_.header.size, scan_.header.spacing,
-                        scan_.header.orientation, fs::path(job_.input).filename().string(),
-                        caption});
+    return drawPicture({viewOf(scan_).read, stripped_.mask, scan_.header.size,
+                        scan_.header.spacing, scan_.header.orientation,
+                        fs::path(job_.input).filename().string(), caption});
   }
 
   /// Writes all outputs beside their targets, then puts them in place together.

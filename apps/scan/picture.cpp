@@ -10,16 +10,20 @@
 #include <numeric>
 
 #include "format.h"
+#include "png.h"
 #include "strip/finishing.h"
 
 namespace tavrel::scan {
 namespace {
 
 constexpr int kCuts = 7;
-constexpr int kPanel = 230;          // pixels of the longest side of a cut
-constexpr int kGap = 6;              // pixels between cuts
+constexpr int kPanel = 230;  // pixels of the longest side of a cut
+constexpr int kGap = 6;      // pixels between cuts
 constexpr int kThumbnailPanel = 96, kThumbnailGap = 2;
-constexpr int kHeading = 52;         // pixels for the two lines of text
+constexpr int kHeading = 52;                    // pixels for the two lines of text
+constexpr double kDark = 0.02, kBright = 0.98;  // fractions of voxels beyond black and white
+constexpr std::size_t kSample = 200'003;  // voxels that place the percentiles as well as all do
+constexpr std::uint32_t kGolden = 2'654'435'769;  // multiples of the golden ratio, times 2^32
 constexpr char kFont[] = "@cairo:";  // cairo's own stroke font: the same on every machine
 
 /// A patient direction as a walk through the volume: index = start + step * i, 0 <= i < count.
@@ -56,18 +60,37 @@ std::array<Plane, 3> planes(const PictureInput& input) {
           Plane{toBack, toBottom, toLeft, a, p}};
 }
 
-std::size_t voxelAt(const Size& size, const Plane& plane, int across, int down, int through) {
+/// The intensities on the cut at `through`, rows from the top, those that are no numbers as 0.
+std::vector<float> readCut(const IntensityReader& read, const Size& size, const Plane& plane,
+                           int through) {
+  // Stored rows are read whole where they lie on the cut, upright or not.
+  const bool upright = plane.down.axis == 0;
+  const Walk &along = upright ? plane.down : plane.across,
+             &beside = upright ? plane.across : plane.down;
+  const bool whole = along.axis == 0;
+  const auto width = std::size_t(plane.across.count);
+  std::vector<float> cut(width * std::size_t(plane.down.count)),
+      run(whole ? std::size_t(along.count) : 1);
   Size at;
-  at[plane.across.axis] = plane.across.index(across);
-  at[plane.down.axis] = plane.down.index(down);
   at[plane.through.axis] = plane.through.index(through);
-  return (std::size_t(at[2]) * size[1] + at[1]) * size[0] + at[0];
+  for (int b = 0; b < beside.count; ++b)
+    for (int a = 0; a < along.count; a += int(run.size())) {
+      at[beside.axis] = beside.index(b);
+      at[along.axis] = whole ? 0 : along.index(a);
+      read((std::size_t(at[2]) * size[1] + at[1]) * size[0] + at[0], run);
+      for (int r = 0; r < int(run.size()); ++r) {
+        const int i = whole ? along.index(r) : a;
+        const std::size_t place = upright ? std::size_t(i) * width + b : std::size_t(b) * width + i;
+        cut[place] = std::isfinite(run[r]) ? run[r] : 0;
+      }
+    }
+  return cut;
 }
 
 /// Index and weight of the two voxels around pixel i of `pixels` along a walk.
 struct Between {
   int first, second;
-  double weight;
+  float weight;
 };
 
 std::vector<Between> interpolation(int count, int pixels) {
@@ -75,7 +98,7 @@ std::vector<Between> interpolation(int count, int pixels) {
   for (int i = 0; i < pixels; ++i) {
     const double at = std::clamp((i + 0.5) * count / pixels - 0.5, 0.0, count - 1.0);
     const int first = int(at);
-    result[std::size_t(i)] = {first, std::min(first + 1, count - 1), at - first};
+    result[std::size_t(i)] = {first, std::min(first + 1, count - 1), float(at - first)};
   }
   return result;
 }
@@ -89,7 +112,9 @@ class Canvas {
   Canvas(int width, int height)
       : surface_(cairo_image_surface_create(CAIRO_FORMAT_RGB24, width, height),
                  cairo_surface_destroy),
-        painter_(cairo_create(surface_.get()), cairo_destroy) {}
+        painter_(cairo_create(surface_.get()), cairo_destroy) {
+    if (cairo_status(painter()) != CAIRO_STATUS_SUCCESS) throw std::bad_alloc();
+  }
 
   cairo_t* painter() { return painter_.get(); }
 
@@ -111,16 +136,9 @@ class Canvas {
   }
 
   std::vector<std::byte> png() {
-    std::vector<std::byte> bytes;
-    const auto append = [](void* to, const unsigned char* data, unsigned length) {
-      auto& out = *static_cast<std::vector<std::byte>*>(to);
-      const auto* first = reinterpret_cast<const std::byte*>(data);
-      out.insert(out.end(), first, first + length);
-      return CAIRO_STATUS_SUCCESS;
-    };
-    if (cairo_surface_write_to_png_stream(surface_.get(), append, &bytes) != CAIRO_STATUS_SUCCESS)
-      throw std::bad_alloc();
-    return bytes;
+    return encodePng(cairo_image_surface_get_width(surface_.get()),
+                     cairo_image_surface_get_height(surface_.get()),
+                     [this](int y) { return row(y); });
   }
 
  private:
@@ -128,88 +146,84 @@ class Canvas {
   Painter painter_;
 };
 
-/// One cut, drawn with its upper left corner at (left, top).
-class Cut {
+/// Pixels of a walk's whole length.
+int pixels(const Walk& walk, double pixelsPerMm) {
+  return std::max(1, int(std::lround(walk.count * walk.spacing * pixelsPerMm)));
+}
+
+/// The cuts of one plane, drawn with their upper left corners at (left, top).
+class CutPainter {
  public:
-  Cut(const PictureInput& input, const Plane& plane, int through, double pixelsPerMm)
-      : input_(input),
-        plane_(plane),
-        through_(through),
+  CutPainter(const Plane& plane, double pixelsPerMm)
+      : plane_(plane),
         width(pixels(plane.across, pixelsPerMm)),
         height(pixels(plane.down, pixelsPerMm)),
         columns_(interpolation(plane.across.count, width)),
         rows_(interpolation(plane.down.count, height)) {}
 
-  static int pixels(const Walk& walk, double pixelsPerMm) {
-    return std::max(1, int(std::lround(walk.count * walk.spacing * pixelsPerMm)));
-  }
+  const Plane& plane() const { return plane_; }
 
-  void draw(Canvas& canvas, int left, int top, const Window& window) const {
+  /// Both arrays hold the values of a cut as readCut() gives them; `greys` go from 0 to 255.
+  void draw(Canvas& canvas, int left, int top, std::span<const float> greys,
+            std::span<const float> inside) const {
+    const std::vector<float> image = enlarged(greys);
     for (int y = 0; y < height; ++y) {
       std::uint32_t* row = canvas.row(top + y) + left;
-      for (int x = 0; x < width; ++x)
-        row[x] = 0x010101u * grey(sample(input_.values, x, y), window);
+      const float* from = &image[std::size_t(y) * width];
+      for (int x = 0; x < width; ++x) row[x] = 0x010101u * std::uint32_t(from[x] + 0.5f);
     }
     canvas.touched();
-    drawContour(canvas, left, top);
+    drawContour(canvas, left, top, enlarged(inside));
     canvas.write(left + 2, top + 14, 15, plane_.left);
     canvas.write(left + width - 13, top + 14, 15, plane_.right);
   }
 
  private:
-  template <class T>
-  double sample(std::span<const T> volume, int x, int y) const {
-    const Between &c = columns_[std::size_t(x)], &r = rows_[std::size_t(y)];
-    const auto at = [&](int across, int down) {
-      const double value = volume[voxelAt(input_.size, plane_, across, down, through_)];
-      return std::isfinite(value) ? value : 0;
-    };
-    const double upper = std::lerp(at(c.first, r.first), at(c.second, r.first), c.weight);
-    const double lower = std::lerp(at(c.first, r.second), at(c.second, r.second), c.weight);
-    return std::lerp(upper, lower, r.weight);
-  }
-
-  static std::uint32_t grey(double value, const Window& window) {
-    if (!(window.high > window.low)) return value > window.low ? 255 : 0;
-    return std::uint32_t(
-        std::lround(255 * std::clamp((value - window.low) / (window.high - window.low), 0.0, 1.0)));
+  /// A cut at the picture's size, linear between its voxels.
+  std::vector<float> enlarged(std::span<const float> cut) const {
+    const auto count = std::size_t(plane_.across.count);
+    std::vector<float> result(std::size_t(width) * height), row(count);
+    float* out = result.data();
+    for (const Between& r : rows_) {
+      const float *upper = &cut[r.first * count], *lower = &cut[r.second * count];
+      for (std::size_t i = 0; i < count; ++i) row[i] = upper[i] + r.weight * (lower[i] - upper[i]);
+      for (const Between& c : columns_)
+        *out++ = row[c.first] + c.weight * (row[c.second] - row[c.first]);
+    }
+    return result;
   }
 
   /// Strokes the line on which the interpolated mask is one half (marching squares).
-  void drawContour(Canvas& canvas, int left, int top) const {
-    std::vector<double> inside(std::size_t(width) * height);
-    for (int y = 0; y < height; ++y)
-      for (int x = 0; x < width; ++x)
-        inside[std::size_t(y) * width + x] = sample(input_.mask, x, y) - 0.5;
+  void drawContour(Canvas& canvas, int left, int top, const std::vector<float>& inside) const {
     cairo_t* painter = canvas.painter();
-    for (int y = 0; y + 1 < height; ++y)
+    for (int y = 0; y + 1 < height; ++y) {
+      const float *upper = &inside[std::size_t(y) * width], *lower = upper + width;
       for (int x = 0; x + 1 < width; ++x) {
-        const double* upper = &inside[std::size_t(y) * width + x];
-        strokeSquare(painter, left + x + 0.5, top + y + 0.5,
-                     {upper[0], upper[1], upper[width + 1], upper[width]});
+        const std::array<float, 4> corners = {upper[x] - 0.5f, upper[x + 1] - 0.5f,
+                                              lower[x + 1] - 0.5f, lower[x] - 0.5f};
+        strokeSquare(painter, left + x + 0.5, top + y + 0.5, corners);
       }
+    }
     cairo_set_source_rgb(painter, 1, 0.85, 0);
     cairo_set_line_width(painter, 1.4);
     cairo_stroke(painter);
   }
 
   /// Adds the line segments of one square, corner values clockwise from the upper left.
-  static void strokeSquare(cairo_t* painter, double x, double y, const std::array<double, 4>& v) {
+  static void strokeSquare(cairo_t* painter, double x, double y, const std::array<float, 4>& v) {
     constexpr double kCorner[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
     int crossings = 0;
     for (int side = 0; side < 4; ++side) {
       const int next = (side + 1) % 4;
       if ((v[side] > 0) == (v[next] > 0)) continue;
-      const double t = v[side] / (v[side] - v[next]);
+      const double t = double(v[side]) / (double(v[side]) - v[next]);
       const double px = x + std::lerp(kCorner[side][0], kCorner[next][0], t);
       const double py = y + std::lerp(kCorner[side][1], kCorner[next][1], t);
       crossings++ % 2 ? cairo_line_to(painter, px, py) : cairo_move_to(painter, px, py);
     }
   }
 
-  const PictureInput& input_;
   const Plane& plane_;
-  int through_;
 
  public:
   const int width, height;
@@ -218,9 +232,8 @@ class Cut {
   std::vector<Between> columns_, rows_;
 };
 
-/// Positions along a plane's walk, evenly spread over the mask (over the volume without one).
-std::array<int, kCuts> cutPositions(const PictureInput& input, const Walk& walk) {
-  const Box box = boundingBox(BitVolume(input.mask, input.size));
+/// Positions along a plane's walk, evenly spread over the mask's box (over the volume without one).
+std::array<int, kCuts> cutPositions(const Box& box, const Walk& walk) {
   int first = 0, end = walk.count;
   if (!box.empty()) {
     first = walk.reversed ? walk.count - box.end[walk.axis] : box.first[walk.axis];
@@ -233,6 +246,14 @@ std::array<int, kCuts> cutPositions(const PictureInput& input, const Walk& walk)
   return positions;
 }
 
+/// Turns intensities into greys from 0 to 255.
+void toGreys(std::span<float> values, const Window& window) {
+  const double range = window.high - window.low;
+  for (float& value : values)
+    value = range > 0 ? float(255 * std::clamp((value - window.low) / range, 0.0, 1.0))
+                      : 255.0f * (value > window.low);
+}
+
 /// The scale at which the longest side of the volume takes this many pixels.
 double pixelsPerMm(const PictureInput& input, int pixels) {
   double longest = 0;
@@ -240,24 +261,66 @@ double pixelsPerMm(const PictureInput& input, int pixels) {
   return pixels / longest;
 }
 
-constexpr double kDark = 0.02, kBright = 0.98;  // fractions of voxels beyond black and white
+/// What all cuts of a picture have in common.
+class Cuts {
+ public:
+  explicit Cuts(const PictureInput& input)
+      : input_(input),
+        window_(intensityWindow(input.read, voxelCount(input.size), kDark, kBright)),
+        box_(boundingBox(BitVolume(input.mask, input.size))) {}
+
+  std::array<int, kCuts> positions(const Plane& plane) const {
+    return cutPositions(box_, plane.through);
+  }
+
+  void draw(Canvas& canvas, int left, int top, const CutPainter& painter, int through) const {
+    const Plane& plane = painter.plane();
+    auto greys = readCut(input_.read, input_.size, plane, through);
+    toGreys(greys, window_);
+    painter.draw(canvas, left, top, greys, readCut(maskReader(), input_.size, plane, through));
+  }
+
+ private:
+  IntensityReader maskReader() const {
+    return [mask = input_.mask](std::size_t first, std::span<float> values) {
+      std::copy_n(mask.begin() + std::ptrdiff_t(first), values.size(), values.begin());
+    };
+  }
+
+  const PictureInput& input_;
+  Window window_;
+  Box box_;
+};
 
 }  // namespace
 
-Window intensityWindow(std::span<const double> values, double low, double high) {
-  // A large sample places the percentiles as well as all voxels do.
-  const std::size_t step = std::max<std::size_t>(1, values.size() / 1000003);
-  std::vector<double> sample;
-  sample.reserve(values.size() / step + 1);
-  for (std::size_t v = 0; v < values.size(); v += step)
-    if (std::isfinite(values[v])) sample.push_back(values[v]);
+IntensityReader readerOf(std::span<const double> volume) {
+  return [volume](std::size_t first, std::span<float> values) {
+    for (std::size_t i = 0; i < values.size(); ++i) values[i] = float(volume[first + i]);
+  };
+}
+
+Window intensityWindow(const IntensityReader& read, std::size_t voxels, double low, double high) {
+  const std::size_t step = std::max<std::size_t>(1, voxels / kSample);
+  std::vector<float> sample;
+  sample.reserve(voxels / step + 1);
+  for (std::size_t first = 0, i = 0; first < voxels; first += step, ++i) {
+    // One voxel of each stretch, spread evenly over it: steps may fit the rows of the volume.
+    const std::size_t within = std::uint64_t(std::uint32_t(i * kGolden)) * step >> 32;
+    float value = 0;
+    read(std::min(first + within, voxels - 1), {&value, 1});
+    if (std::isfinite(value)) sample.push_back(value);
+  }
   if (sample.empty()) return {0, 0};
+  auto sorted = sample.begin();
   const auto at = [&](double fraction) {
     const auto place = sample.begin() + std::ptrdiff_t(fraction * double(sample.size() - 1));
-    std::nth_element(sample.begin(), place, sample.end());
-    return *place;
+    std::nth_element(sorted, place, sample.end());
+    sorted = place;
+    return double(*place);
   };
-  return {at(low), at(high)};
+  const double lower = at(low);
+  return {lower, at(high)};
 }
 
 std::vector<std::byte> drawPicture(const PictureInput& input) {
@@ -266,25 +329,24 @@ std::vector<std::byte> drawPicture(const PictureInput& input) {
 
   int width = 0, height = kHeading;
   for (const Plane& plane : views) {
-    width = std::max(width, kCuts * (Cut::pixels(plane.across, scale) + kGap) + kGap);
-    height += Cut::pixels(plane.down, scale) + kGap;
+    width = std::max(width, kCuts * (pixels(plane.across, scale) + kGap) + kGap);
+    height += pixels(plane.down, scale) + kGap;
   }
   Canvas canvas(width, height);
   canvas.write(kGap, 20, 17, input.title);
   canvas.write(kGap, 43, 15, input.caption);
 
-  const Window window = intensityWindow(input.values, kDark, kBright);
+  const Cuts cuts(input);
+  const int column = (width - kGap) / kCuts;
   int top = kHeading;
   for (const Plane& plane : views) {
-    const int column = (width - kGap) / kCuts;
-    int left = kGap, tallest = 0;
-    for (const int through : cutPositions(input, plane.through)) {
-      const Cut cut(input, plane, through, scale);
-      cut.draw(canvas, left + (column - kGap - cut.width) / 2, top, window);
-      tallest = cut.height;
+    const CutPainter painter(plane, scale);
+    int left = kGap + (column - kGap - painter.width) / 2;
+    for (const int through : cuts.positions(plane)) {
+      cuts.draw(canvas, left, top, painter, through);
       left += column;
     }
-    top += tallest + kGap;
+    top += painter.height + kGap;
   }
   return canvas.png();
 }
@@ -295,16 +357,17 @@ std::vector<std::byte> drawThumbnail(const PictureInput& input) {
   int width = 0, height = 0;
   for (Plane& plane : views) {
     plane.left = plane.right = "";
-    width += Cut::pixels(plane.across, scale);
-    height = std::max(height, Cut::pixels(plane.down, scale));
+    width += pixels(plane.across, scale);
+    height = std::max(height, pixels(plane.down, scale));
   }
   Canvas canvas(width + kThumbnailGap * (int(views.size()) - 1), height);
-  const Window window = intensityWindow(input.values, kDark, kBright);
+  const Cuts cuts(input);
   int left = 0;
   for (const Plane& plane : views) {
-    const Cut cut(input, plane, cutPositions(input, plane.through)[kCuts / 2], scale);
-    cut.draw(canvas, left, (height - cut.height) / 2, window);
-    left += cut.width + kThumbnailGap;
+    const CutPainter painter(plane, scale);
+    cuts.draw(canvas, left, (height - painter.height) / 2, painter,
+              cuts.positions(plane)[kCuts / 2]);
+    left += painter.width + kThumbnailGap;
   }
   return canvas.png();
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -14,10 +15,16 @@
 
 namespace tavrel::scan {
 
+/// Fills the span with the intensities of a volume, x fastest, from index `first` on.
+using IntensityReader = std::function<void(std::size_t first, std::span<float> values)>;
+
+/// Reads from a volume in memory that outlives the reader.
+IntensityReader readerOf(std::span<const double> volume);
+
 /// What the picture shows.
 struct PictureInput {
-  std::span<const double> values;  ///< intensities, x fastest
-  std::span<const char> mask;      ///< 1 inside
+  IntensityReader read;        ///< is called for what lies on a cut, and for a sample
+  std::span<const char> mask;  ///< 1 inside
   Size size;
   Spacing spacing;
   std::optional<Orientation> orientation;  ///< absent: cuts as stored, without side marks
@@ -31,11 +38,13 @@ std::vector<std::byte> drawPicture(const PictureInput& input);
 /// The middle cut of each row beside one another, small and without text, as a PNG file.
 std::vector<std::byte> drawThumbnail(const PictureInput& input);
 
-/// The intensities between which a fraction of the finite voxels lies, from `low` to `high`
-/// (0 to 1). Equal bounds for images without contrast.
+/// Intensities between which a picture's greys lie; equal for images without contrast.
 struct Window {
   double low, high;
 };
-Window intensityWindow(std::span<const double> values, double low, double high);
+
+/// The percentiles of the finite voxels at `low` and `high` (fractions of 1, `low` the smaller), of
+/// a sample where there are many.
+Window intensityWindow(const IntensityReader& read, std::size_t voxels, double low, double high);
 
 }  // namespace tavrel::scan

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <iostream>
 #include <sstream>
 
@@ -26,6 +27,7 @@ Examples:
 Exit status: 0 all done, 1 some scans failed, 16 BIDS_DIR is not a BIDS dataset, 18 no scan
 matched, 64 wrong usage, 73 OUTPUT_DIR cannot be written, 128 + N ended by signal N.)";
 
+constexpr char kExact[] = "exact";
 constexpr char kLevels[] = "participant|group";
 
 class CommandLine {
@@ -126,8 +128,15 @@ class CommandLine {
     method("--volume", o_.study.volume, "Volume of 4-D scans, counted from 0", "N");
     method("--w5", w5_, "Weight of the comparison with the surroundings, or auto", "X|auto")
         ->capture_default_str();
-    method("--resample", resampleMm_, "Strip on an isotropic grid of this spacing", "MM")
-        ->check(CLI::Range(0.1, 20.0).description(""));
+    method("--evolution", evolution_, "scan: the fast one; exact: that of Tavrel", "scan|exact")
+        ->check(CLI::IsMember({"scan", kExact}).description(""))
+        ->capture_default_str();
+    method("--resample", resample_, "Strip on an isotropic grid of this spacing in mm, or auto",
+           "MM|auto")
+        ->capture_default_str();
+    method("--volume-range", volumes_,
+           "Volumes in mL that a brain may have; what is outside is flagged", "LEAST MOST")
+        ->default_str("700 2200");
     method("--threads,--omp-nthreads", o_.study.strip.threads,
            "Threads a scan; the result does not depend on it", "N")
         ->check(CLI::Range(1, 1024).description(""))
@@ -176,28 +185,47 @@ class CommandLine {
     o_.slurm.submit = o_.slurm.submit || o_.slurm.wait || o_.slurm.dryRun;
     if (jobs_) o_.slurm.jobs = jobs_;
     o_.slurm.memoryMb = memoryMb_;
-    o_.limits.jobs = jobs_ ? jobs_ : std::max(1, usableProcessors() / o_.study.strip.threads);
-    o_.limits.memory = memoryMb_ > 0 ? std::uint64_t(memoryMb_ * (1 << 20)) : usableMemory();
+    o_.limits.jobs = jobs_ ? jobs_ : std::max(1, processorsGranted() / o_.study.strip.threads);
+    o_.limits.memory = memoryMb_ > 0 ? std::uint64_t(memoryMb_ * (1 << 20)) : memoryGranted();
     if (timeout_ > 0) o_.limits.timeout = std::chrono::duration<double>(timeout_);
   }
 
   void readMethod() {
-    if (w5_ != strip::kAuto) {
-      double value = 0;
-      if (!CLI::detail::lexical_cast(w5_, value))
-        throw CLI::ValidationError("--w5", "\"" + w5_ + "\" is not a number");
-      o_.study.strip.w5 = value;
+    strip::StripSettings& strip = o_.study.strip;
+    if (w5_ != strip::kAuto) strip.w5 = number("--w5", w5_);
+    if (resample_ != strip::kAuto) {
+      strip.resampleMm = number("--resample", resample_);
+      if (!(*strip.resampleMm >= 0.1 && *strip.resampleMm <= 20))
+        throw CLI::ValidationError("--resample", "\"" + resample_ + "\" is not in [0.1 - 20]");
     }
-    if (finish_ == "brain") o_.study.strip.finish = strip::kDefaultFinish;
-    if (resampleMm_ > 0) o_.study.strip.resampleMm = resampleMm_;
+    if (evolution_ == kExact) strip.evolution = strip::Evolution::exact;
+    if (finish_ == "brain") strip.finish = strip::kDefaultFinish;
+    strip.volumes = {volumes_.first, volumes_.second};
+    if (!(volumes_.first < volumes_.second))
+      throw CLI::ValidationError("--volume-range", "has to be a smaller number and a larger one");
+    passOn();
+  }
+
+  static double number(const char* option, const std::string& text) {
+    double value = 0;
+    if (!CLI::detail::lexical_cast(text, value) || !std::isfinite(value))
+      throw CLI::ValidationError(option, "\"" + text + "\" is not a number");
+    return value;
+  }
+
+  /// Notes the options that a task of a cluster gets too, and those that make the result what it
+  /// is.
+  void passOn() {
     o_.study.command =
         "tavrel-bids " + shellWord(dataset_) + " " + shellWord(output_) + " participant";
     for (const CLI::Option* option : passedOn_) {
       if (!option->count()) continue;
-      o_.forTasks.push_back(option->get_name());
-      if (option->get_items_expected_max() > 0) o_.forTasks.push_back(option->as<std::string>());
-      if (option->get_group() != "Method" || option->get_name() == "--threads") continue;
-      o_.study.command += " " + option->get_name() + " " + shellWord(option->as<std::string>());
+      std::vector<std::string> words = {option->get_name()};
+      if (option->get_items_expected_max() > 0)
+        words.insert(words.end(), option->results().begin(), option->results().end());
+      o_.forTasks.insert(o_.forTasks.end(), words.begin(), words.end());
+      if (option->get_group() == "Method" && option->get_name() != "--threads")
+        (o_.study.command += ' ') += shellLine(words);
     }
   }
 
@@ -206,8 +234,9 @@ class CommandLine {
   std::string dataset_, output_, level_, filter_;
   std::vector<std::string> participants_, sessions_;
   int jobs_ = 0;
-  double memoryMb_ = 0, timeout_ = 0, resampleMm_ = 0;
-  std::string w5_ = strip::kAuto, finish_ = "brain";
+  double memoryMb_ = 0, timeout_ = 0;
+  std::string w5_ = strip::kAuto, resample_ = strip::kAuto, evolution_ = "scan", finish_ = "brain";
+  std::pair<double, double> volumes_ = {strip::VolumeRange().least, strip::VolumeRange().most};
   std::vector<const CLI::Option*> passedOn_;
 };
 

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -22,6 +21,7 @@
 #include "scan/format.h"
 #include "scan/interrupt.h"
 #include "scan/memory.h"
+#include "threads.h"
 
 namespace tavrel::cohort {
 namespace {
@@ -143,21 +143,17 @@ void Pool::stop() {
   while (!children_.empty() && Clock::now() < end) collect();
 }
 
-int usableProcessors() {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  int count = sched_getaffinity(0, sizeof set, &set) == 0
-                  ? CPU_COUNT(&set)
-                  : int(std::thread::hardware_concurrency());
-  if (const auto given = numberIn("SLURM_CPUS_PER_TASK")) count = std::min(count, int(*given));
-  return std::max(1, count);
+int processorsGranted() {
+  const int count = usableProcessors();
+  const auto given = numberIn("SLURM_CPUS_PER_TASK");
+  return given ? int(std::min<std::uint64_t>(*given, std::uint64_t(count))) : count;
 }
 
-std::uint64_t usableMemory() {
+std::uint64_t memoryGranted() {
   std::uint64_t bytes = scan::availableMemory();
   if (const auto mb = numberIn("SLURM_MEM_PER_NODE")) bytes = std::min(bytes, *mb << 20);
   if (const auto mb = numberIn("SLURM_MEM_PER_CPU"))
-    bytes = std::min(bytes, (*mb << 20) * std::uint64_t(usableProcessors()));
+    bytes = std::min(bytes, (*mb << 20) * std::uint64_t(processorsGranted()));
   return bytes;
 }
 

@@ -71,9 +71,9 @@ class Pool {
 };
 
 /// Processors that this process may use: by affinity, and by what Slurm has given to the task.
-int usableProcessors();
+int processorsGranted();
 
 /// Memory in bytes that this process may use: what is free, and what Slurm has given to the task.
-std::uint64_t usableMemory();
+std::uint64_t memoryGranted();
 
 }  // namespace tavrel::cohort

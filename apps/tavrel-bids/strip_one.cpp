@@ -162,9 +162,10 @@ class Work {
     for (const scan::Flag& flag : result.flags) notices_.push_back(flag.text);
     record.row.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
     record.row.peakMemoryMb = peakMemoryMb();
-    std::vector<double> values(scan::voxelCount(scan.header.size));
-    scan::intensities(scan, values);
-    add(files_.preview, report::previewFile(values, scan.header), scan.permissions, files);
+    const auto read = [&](std::size_t first, std::span<float> values) {
+      scan::intensities(scan, first, values);
+    };
+    add(files_.preview, report::previewFile(read, scan.header), scan.permissions, files);
     add(files_.brainInfo, bytesOf(brainInfo(source_)), scan.permissions, files);
     add(files_.maskInfo, bytesOf(maskInfo(study_, source_, result, record)), scan.permissions,
         files);

@@ -229,7 +229,7 @@ class CommandLine {
     if (evolution_ == kExact) o_.strip.evolution = Evolution::exact;
     else refuse({phi_}, "goes with --evolution exact");
     o_.strip.volumes = {volumes_.first, volumes_.second};
-    if (!(volumes_.first < volumes_.second))
+    if (!(volumes_.first >= 0 && volumes_.first < volumes_.second && std::isfinite(volumes_.second)))
       throw CLI::ValidationError("--volume-range", "has to be a smaller number and a larger one");
   }
 

@@ -41,6 +41,7 @@
 #include <vector>
 
 #include "grid.h"
+#include "instruction_set.h"
 
 namespace tavrel::exact {
 
@@ -78,21 +79,6 @@ inline int boxVoxels(Grid grid, int x, int y, int z) {
     return std::min(c + boxSize, size - 1) - std::max(c - boxSize, 0) + 1;
   };
   return extent(x, grid.X) * extent(y, grid.Y) * extent(z, grid.Z);
-}
-
-/// Instruction sets the kernels are compiled for. The bytes are the same for all.
-enum class InstructionSet { portable, avx2, avx512 };
-
-/// The widest instruction set of this processor.
-inline InstructionSet widestInstructionSet() {
-#if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl")) {
-    return InstructionSet::avx512;
-  }
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2")) return InstructionSet::avx2;
-#endif
-  return InstructionSet::portable;
 }
 
 /// Region sums of many voxels at once. An object keeps its work space from call to call.

@@ -74,7 +74,7 @@ TEST_F(Trees, TenThousandEmptySubjectsTakeNoTime) {
   const Result result = bids();
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(table().size(), 1u);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
 }
 
 /// A disk of its own for the outputs.
@@ -95,7 +95,7 @@ TEST_F(Disks, AFullOneEndsWithAReasonAndNothingHalfWritten) {
   EXPECT_NE(result.err.find("No space left"), std::string::npos) << result.err;
   for (const auto& [name, content] : treeOf(out_)) {
     EXPECT_EQ(name.find(".tmp"), std::string::npos) << name;
-    if (name.ends_with("_mask.json")) EXPECT_TRUE(json::accept(content)) << name;
+    EXPECT_TRUE(!name.ends_with("_mask.json") || json::accept(content)) << name;
   }
   mount("none", out_.c_str(), "tmpfs", MS_REMOUNT, "size=100m");
   EXPECT_EQ(bids().status, 0) << "with room it is finished";

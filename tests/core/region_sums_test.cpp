@@ -14,7 +14,7 @@
 namespace {
 
 using namespace tavrel::test;
-using tavrel::exact::InstructionSet;
+using tavrel::InstructionSet;
 using tavrel::exact::RegionSums;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
@@ -84,7 +84,7 @@ TEST(RegionSums, EqualPlainLoopsInEveryBit) {
                                                       {size[0], size[1], size[2]}, g));
       for (InstructionSet set :
            {InstructionSet::portable, InstructionSet::avx2, InstructionSet::avx512}) {
-        if (set > tavrel::exact::widestInstructionSet()) continue;
+        if (set > tavrel::widestInstructionSet()) continue;
         std::vector<RegionSums> got(centres.size());
         summer.sum(image.p.data(), label.data(), {size[0], size[1], size[2]}, centres, got,
                    1 + static_cast<int>(seed) % 3, set);

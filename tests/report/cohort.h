@@ -94,9 +94,10 @@ inline void writeScan(const fs::path& output, const Row& row, const scan::Size& 
   std::vector<scan::PendingFile> file;
   file.push_back(scan::writeMask(anat + "_desc-brain_mask.nii.gz", scan, mask));
   commitTogether(file, true);
-  writeBytes(figures + "_desc-preview_T1w.nii.gz", report::previewFile(phantom.image, scan.header));
+  writeBytes(figures + "_desc-preview_T1w.nii.gz",
+             report::previewFile(scan::readerOf(phantom.image), scan.header));
   writeBytes(figures + "_desc-brain_mosaic.png",
-             scan::drawPicture({phantom.image, mask, size, scan.header.spacing,
+             scan::drawPicture({scan::readerOf(phantom.image), mask, size, scan.header.spacing,
                                 scan.header.orientation, row.scan, "phantom"}));
   const nlohmann::ordered_json sidecar = {
       {"Type", "Brain"},

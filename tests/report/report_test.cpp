@@ -72,7 +72,7 @@ TEST(Preview, HasBlockMeansWhereTheBlocksLie) {
   for (std::size_t v = 0; v < values.size(); ++v) values[v] = double(v % 259);
   values[0] = std::nan("");
   const scan::Scan scan = test_cohort::makeScan(size, std::vector<double>(values.size(), 0));
-  const scan::Scan preview = parse(report::previewFile(values, scan.header));
+  const scan::Scan preview = parse(report::previewFile(scan::readerOf(values), scan.header));
   EXPECT_EQ(preview.header.size, (scan::Size{87, 3, 65}));
   EXPECT_EQ(preview.header.spacing, (scan::Spacing{6, 2.5, 4}));
   for (const bool byQform : {false, true})
@@ -98,11 +98,12 @@ TEST(Preview, StaysSmallForNoiseAndPlainForNothing) {
   const scan::Scan scan = test_cohort::makeScan(size, std::vector<double>(values.size(), 0));
   test::Folder folder;
   const fs::path file = folder.path("preview.nii.gz");
-  test_cohort::writeBytes(file, report::previewFile(values, scan.header));
+  test_cohort::writeBytes(file, report::previewFile(scan::readerOf(values), scan.header));
   EXPECT_LE(fs::file_size(file), 1'500'000u);
   EXPECT_GE(fs::file_size(file), 1'000'000u);
   for (const double value : {0.0, std::nan("")}) {
-    const auto flat = parse(report::previewFile(std::vector(values.size(), value), scan.header));
+    values.assign(values.size(), value);
+    const auto flat = parse(report::previewFile(scan::readerOf(values), scan.header));
     EXPECT_EQ(flat.stored, std::vector(values.size(), std::byte{0}));
   }
 }

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <csignal>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "nifti_files.h"
@@ -68,6 +69,18 @@ class Process {
   TemporaryFolder streams_;
   pid_t child_ = 0;
 };
+
+/// Dice of two mask files' bytes.
+inline double dice(const Bytes& a, const Bytes& b) {
+  double both = 0, sum = 0;
+  for (std::size_t v = 352; v < std::min(a.size(), b.size()); ++v)
+    both += a[v] & b[v], sum += a[v] + b[v];
+  return 2 * both / sum;
+}
+
+inline nlohmann::json reportIn(const fs::path& path) {
+  return nlohmann::json::parse(readText(path));
+}
 
 inline Result run(
     const std::vector<std::string>& arguments, const std::function<void()>& inChild = [] {}) {

@@ -20,7 +20,8 @@ Fields headerOf(const fs::path& path) {
 }
 
 TEST_F(Command, WritesBrainMaskAndPictureBesideTheScan) {
-  const Result result = run({name("scan.nii.gz"), "--w5", "1.0", "--phi", name("phi.nii")});
+  const Result result = run({name("scan.nii.gz"), "--evolution", "exact", "--w5", "1.0",
+                             "--phi", name("phi.nii")});
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(folder_.list(),
             (std::vector<std::string>{"phi.nii", "scan.nii.gz", "scan_brain.nii.gz",
@@ -77,7 +78,8 @@ TEST_F(Command, WithoutFinishingGivesExactlyTavrelsMask) {
     if constexpr (std::is_floating_point_v<T>) voxels[77] = NAN;
     writeNifti(folder_ / "a.nii", layout, voxels);
     if (swapped) swapByteOrder(folder_ / "a.nii", sizeof(T));
-    const Result result = run({name("a.nii"), "--w5", "1.1", "--finish", "none", "--force"});
+    const Result result = run({name("a.nii"), "--evolution", "exact", "--w5", "1.1", "--finish",
+                               "none", "--force"});
     ASSERT_EQ(result.status, 0) << result.err;
     const Bytes mask = readBytes(folder_ / "a_brain_mask.nii");
     const Bytes expected = rawMask(folder_, format, voxels.data(), voxels.size() * sizeof(T));
@@ -142,11 +144,14 @@ TEST_F(Command, ReportsEveryScanAndGoesOnAfterAFailure) {
   EXPECT_EQ(report["settings"]["w5"], 1.0);
   const auto& scan = report["scans"][1];
   EXPECT_EQ(scan["sha256"], tavrel::scan::sha256(folder_ / "scan.nii.gz"));
-  EXPECT_EQ(scan["levels"].size(), 3u);
+  EXPECT_EQ(scan["trials"].size(), 1u);
+  ASSERT_EQ(scan["flags"].size(), 1u) << scan["flags"];
+  EXPECT_EQ(scan["flags"][0]["code"], "resolution");
+  EXPECT_LT(scan["confidence"], 0.5);
   const Bytes mask = inflate(folder_ / "out/scan_brain_mask.nii.gz");
   const auto voxels = std::count(mask.begin() + 352, mask.end(), 1);
   EXPECT_EQ(scan["voxels"], voxels);
-  EXPECT_NEAR(scan["volume_ml"], double(voxels) * 1.25 * 0.9 * 1.5 / 1000, 1e-3);
+  EXPECT_NEAR(scan["volume_ml"], double(voxels) * std::pow(kSmallMm[0], 3) / 1000, 1e-3);
   EXPECT_EQ(report["scans"][3]["volume_ml"], scan["volume_ml"]);
 }
 
@@ -202,7 +207,7 @@ TEST_F(Command, CtrlCLeavesNoFile) {
   const FileLayout layout{.size = {120, 130, 120}};
   writeNifti(folder_ / "large.nii", layout, phantom<std::int16_t>(layout, 200));
   const auto before = folder_.list();
-  Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--w5", "1.0"},
+  Process process(TAVREL_NIFTI_COMMAND, {name("large.nii"), "--evolution", "exact", "--w5", "1.0"},
                   [] { signal(SIGHUP, SIG_IGN); });  // as nohup starts it
   process.waitForOutput();
   ASSERT_NE(process.out().find("level 1"), std::string::npos);
@@ -283,8 +288,8 @@ TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
 
 TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {
   const std::string scan = name("scan.nii.gz");
-  const Result result = run({scan, "--w5", "1.0", "--brain", "none", "--qc", "none", "--resample",
-                             "0.75", "--phi", name("phi.nii.gz")});
+  const Result result = run({scan, "--evolution", "exact", "--w5", "1.0", "--brain", "none", "--qc",
+                             "none", "--resample", "3", "--phi", name("phi.nii.gz")});
   ASSERT_EQ(result.status, 0);
   // The volume of a level is that of the finer grid: near the mask's, not several times as much.
   const auto millilitres = [&](std::size_t from) {
@@ -299,17 +304,18 @@ TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {
   EXPECT_LT(level, 1.2 * mask);
   const Bytes resampled = inflate(name("scan_brain_mask.nii.gz"));
   EXPECT_EQ(inflate(name("phi.nii.gz")).size(), 352 + 4u * 37 * 42 * 40);
-  const auto maskWith = [&](const char* threads) {
-    EXPECT_EQ(run({scan, "--w5", "1.0", "--force", "--threads", threads}).status, 0);
-    return inflate(name("scan_brain_mask.nii.gz"));
-  };
-  const Bytes own = maskWith("1");
-  EXPECT_EQ(maskWith("3"), own);
-  ASSERT_EQ(resampled.size(), own.size());
-  double both = 0, sum = 0;
-  for (std::size_t v = 352; v < own.size(); ++v)
-    both += own[v] & resampled[v], sum += own[v] + resampled[v];
-  EXPECT_GT(2 * both / sum, 0.9);
+  for (const char* evolution : {"exact", "scan"}) {
+    const auto maskWith = [&](const char* threads) {
+      setenv("TAVREL_THREADS", threads, 1);
+      EXPECT_EQ(run({scan, "--evolution", evolution, "--force", "--json", name("r.json")}).status, 0);
+      unsetenv("TAVREL_THREADS");
+      EXPECT_EQ(std::to_string(reportIn(name("r.json"))["settings"]["threads"].get<int>()), threads);
+      return inflate(name("scan_brain_mask.nii.gz"));
+    };
+    const Bytes own = maskWith("1");
+    EXPECT_EQ(maskWith("3"), own);
+    EXPECT_GT(dice(own, resampled), 0.9) << evolution;
+  }
 }
 
 }  // namespace

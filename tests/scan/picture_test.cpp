@@ -61,7 +61,7 @@ PictureInput ballInput(const Orientation& orientation, const Size& patientSize,
         }
         values[(std::size_t(z) * input.size[1] + y) * input.size[0] + x] = 1000 * (distance < 36);
       }
-  input.values = values;
+  input.read = readerOf(values);
   input.mask = mask;
   return input;
 }
@@ -96,7 +96,7 @@ TEST(Picture, DrawsAnyVolume) {
       for (const char inside : {0, 1}) {
         const std::vector<char> mask(values.size(), inside);
         const Pixels pixels =
-            decode(drawPicture({values, mask, size, {1, 2, 0.3}, {}, "name", "caption"}));
+            decode(drawPicture({readerOf(values), mask, size, {1, 2, 0.3}, {}, "name", "caption"}));
         EXPECT_GT(pixels.width, 100);
         EXPECT_GT(pixels.height, 50);
       }
@@ -107,9 +107,18 @@ TEST(Picture, WindowsBetweenPercentiles) {
   std::vector<double> values(1001);
   for (std::size_t v = 0; v < values.size(); ++v) values[v] = double((v * 17) % 1001);
   values.push_back(std::nan(""));
-  const Window window = intensityWindow(values, 0.02, 0.98);
+  const Window window = intensityWindow(readerOf(values), values.size(), 0.02, 0.98);
   EXPECT_EQ(window.low, 20);
   EXPECT_EQ(window.high, 980);
+
+  // Ramps along rows, whose length is a multiple of the distance between the voxels of a sample.
+  constexpr std::size_t kRow = 256, kVoxels = 32 * 200'003;
+  const auto ramps = [](std::size_t first, std::span<float> wanted) {
+    for (float& value : wanted) value = float(first++ % kRow);
+  };
+  const Window sampled = intensityWindow(ramps, kVoxels, 0.02, 0.98);
+  EXPECT_NEAR(sampled.low, 0.02 * kRow, 2);
+  EXPECT_NEAR(sampled.high, 0.98 * kRow, 2);
 }
 
 }  // namespace

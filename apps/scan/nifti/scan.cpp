@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <zlib.h>
 
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -238,6 +239,18 @@ void intensities(const Scan& scan, std::size_t first, std::span<double> values) 
 
 void intensities(const Scan& scan, std::size_t first, std::span<float> values) {
   intensitiesAs(scan, first, values);
+}
+
+std::vector<char> maskOf(const Scan& scan) {
+  std::vector<char> mask(voxelCount(scan.header.size));
+  std::array<double, 4096> values;
+  for (std::size_t first = 0; first < mask.size(); first += values.size()) {
+    const auto piece = std::span(values).first(std::min(values.size(), mask.size() - first));
+    intensities(scan, first, piece);
+    std::transform(piece.begin(), piece.end(), mask.begin() + std::ptrdiff_t(first),
+                   [](double value) { return char(value > 0); });
+  }
+  return mask;
 }
 
 std::vector<std::byte> storedZero(const Header& header) {

@@ -63,6 +63,9 @@ inline void intensities(const Scan& scan, std::span<double> values) {
   intensities(scan, 0, values);
 }
 
+/// A scan that is a mask: 1 where the intensity is above 0, otherwise 0.
+std::vector<char> maskOf(const Scan& scan);
+
 /// One voxel, in the file's bytes, of the stored value that stands for the real value nearest 0.
 std::vector<std::byte> storedZero(const Header& header);
 
