@@ -352,7 +352,7 @@ const FIGURES = [
   { id: 'w5', label: 'W5', unit: '', digits: 2 },
   { id: 'confidence', label: 'Confidence', unit: '', digits: 2 },
   { id: 'seconds', label: 'Time', unit: 's', digits: 1 },
-  { id: 'memory', label: 'Peak memory', unit: 'MB', digits: 0 }
+  { id: 'memory', label: 'Memory', unit: 'MB', digits: 0 }
 ]
 const plots = FIGURES.filter(({ id }) => rows.some(row => row[id] !== null)).map(
   figure =>
