@@ -35,7 +35,7 @@ void forEachRun(const Size& size, Visit visit) {
 /// Mean of the finite values of every block; NaN where there is none.
 std::vector<double> blockMeans(const scan::IntensityReader& read, const Size& size) {
   std::vector<double> sums(voxelCount(previewSize(size))), counts(sums.size());
-  std::vector<float> row(std::size_t(size[0]));
+  std::vector<float> row(static_cast<std::size_t>(size[0]));
   forEachRun(size, [&](std::size_t block, std::size_t first, int length) {
     const std::size_t x = first % row.size();
     if (x == 0) read(first, row);
