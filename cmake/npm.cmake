@@ -16,8 +16,9 @@ function(npm_install source built result)
   endif()
   file(COPY ${source}/package.json ${source}/package-lock.json DESTINATION ${built})
   execute_process(
-    COMMAND ${TAVREL_NPM} ci --ignore-scripts --no-audit --no-fund
+    COMMAND ${TAVREL_NPM} ci --ignore-scripts --no-audit --no-fund --prefer-offline
     WORKING_DIRECTORY ${built}
+    TIMEOUT 600
     RESULT_VARIABLE status
     OUTPUT_VARIABLE output
     ERROR_VARIABLE output)

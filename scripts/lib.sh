@@ -6,18 +6,26 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_packages=(g++ cmake ninja-build)
 mapfile -t -O ${#build_packages[@]} build_packages < <(cat "$root"/apps/*/packages.txt 2>/dev/null)
 test_packages=(libgtest-dev slurmctld slurmd slurm-client munge python3-nibabel snakemake datalad)
+mapfile -t -O ${#test_packages[@]} test_packages < <(cat "$root"/tests/*/packages.txt)
 
 # as_root COMMAND...: runs it as root, through sudo if need be.
 as_root() {
   if ((EUID == 0)); then "$@"; else sudo "$@"; fi
 }
 
+# installed_packages: names of the Debian packages that are there, and of what they provide (node's own
+# package brings npm).
+installed_packages() {
+  dpkg-query -W -f='${db:Status-Abbrev}${Package}, ${Provides}\n' | sed -n 's/^ii //p' |
+    tr ',' '\n' | sed 's/^ *//; s/ .*//'
+}
+
 # install_missing PACKAGE...: installs those Debian packages that are not there yet.
 install_missing() {
-  local package missing=()
+  local package missing=() installed
+  installed=$(installed_packages)
   for package; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
-      missing+=("$package")
+    grep -qxF "$package" <<<"$installed" || missing+=("$package")
   done
   ((${#missing[@]} == 0)) && return
   echo "Installing ${missing[*]}"
@@ -31,7 +39,7 @@ install_validator() {
   local npm=$root/build/npm
   [[ -e $npm/node_modules/.bin/bids-validator ]] && return
   mkdir -p "$npm"
-  npm install --no-audit --no-fund --prefix "$npm" bids-validator@1.15.0 >"$npm/log" 2>&1 ||
+  timeout 300 npm install --no-audit --no-fund --prefer-offline --prefix "$npm" bids-validator@1.15.0 >"$npm/log" 2>&1 ||
     echo "bids-validator is not there: its test is skipped"
 }
 

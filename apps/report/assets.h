@@ -9,6 +9,7 @@ std::string_view indexTemplate();
 std::string_view scanTemplate();
 std::string_view styleSheet();
 std::string_view sharedScript();  ///< of both kinds of page
+std::string_view plotsScript();   ///< of the index, before its own
 std::string_view indexScript();
 std::string_view scanScript();
 

@@ -43,7 +43,7 @@ std::string indexPage(const ReportInput& input) {
   for (const cohort::Row& row : input.rows) rows.push_back(entry(input, row));
   return filled(indexTemplate(), [&](const std::string& name) -> std::string {
     if (name == "style") return std::string(styleSheet());
-    if (name == "script") return scan::text(sharedScript(), indexScript());
+    if (name == "script") return scan::text(sharedScript(), plotsScript(), indexScript());
     if (name == "dataset") return html(input.datasetName);
     if (name == "version") return html(input.version);
     if (name == "count") return std::to_string(input.rows.size());

@@ -41,16 +41,16 @@ constexpr char kStability[] =
 /// Text on its way, with its references numbered as they come.
 class Writer {
  public:
-  template <class... Args>
-  void write(const Args&... args) {
-    result_.text += text(args...);
+  Writer& say(const std::string& words) {
+    result_.text += words;
+    return *this;
   }
 
-  std::string cite(const char* reference) {
+  Writer& cite(const char* reference) {
     auto& all = result_.literature;
     auto place = std::find(all.begin(), all.end(), reference);
     if (place == all.end()) place = all.insert(place, reference);
-    return text(" [", place - all.begin() + 1, "]");
+    return say(text(" [", place - all.begin() + 1, "]"));
   }
 
   Methods result() && { return std::move(result_); }
@@ -60,31 +60,33 @@ class Writer {
 };
 
 void writeEvolution(Writer& out, bool exact) {
-  out.write(
-      " It moves a closed surface, the zero level of a signed distance function",
-      out.cite(kLevelSets),
-      ", from the middle of the head to the border of the brain, from coarse to fine "
-      "resolution. The surface is driven by how much intensities differ from the means inside "
-      "and outside it",
-      out.cite(kRegions), ", taken over 21 voxels around each of its points",
-      out.cite(kLocalRegions), ". Only a band around the surface is computed",
-      out.cite(kNarrowBand));
-  const std::string extension = out.cite(kExtension);
+  out.say(" It moves a closed surface, the zero level of a signed distance function")
+      .cite(kLevelSets)
+      .say(
+          ", from the middle of the head to the border of the brain, from coarse to fine "
+          "resolution. The surface is driven by how much intensities differ from the means inside "
+          "and outside it")
+      .cite(kRegions)
+      .say(", taken over 21 voxels around each of its points")
+      .cite(kLocalRegions)
+      .say(". Only a band around the surface is computed")
+      .cite(kNarrowBand)
+      .say(", with distances");
   if (exact)
-    out.write(", with distances", out.cite(kDistance), " by fast sweeping", out.cite(kSweeping));
+    out.cite(kDistance).say(" by fast sweeping").cite(kSweeping);
   else
-    out.write(", with distances from the Eikonal equation", out.cite(kMarching));
-  out.write(" and speeds extended along normals", extension, ".");
+    out.say(" from the Eikonal equation").cite(kMarching);
+  out.say(" and speeds extended along normals").cite(kExtension).say(".");
 }
 
 void writeWeight(Writer& out, const cohort::Row& row, bool exact, bool chosen) {
   if (!row.w5) return;
-  out.write(" The weight of the outside mean, W5, was ", scan::print("%.2f", *row.w5));
-  if (chosen && exact) out.write(", chosen for this scan");
+  out.say(scan::print(" The weight of the outside mean, W5, was %.2f", *row.w5));
+  if (chosen && exact) out.say(", chosen for this scan");
   if (chosen && !exact)
-    out.write(", chosen for this scan as the least weight around which the mask is stable",
-              out.cite(kStability));
-  out.write(".");
+    out.say(", chosen for this scan as the least weight around which the mask is stable")
+        .cite(kStability);
+  out.say(".");
 }
 
 /// What was done to the mask after the evolution, as far as the settings tell.
@@ -102,8 +104,8 @@ void writeFinishing(Writer& out, const json& finish) {
       steps.push_back(done);
   }
   for (std::size_t i = 0; i < steps.size(); ++i)
-    out.write(i == 0 ? " The mask was then " : i + 1 < steps.size() ? ", " : " and ", steps[i]);
-  if (!steps.empty()) out.write(".");
+    out.say(i == 0 ? " The mask was then " : i + 1 < steps.size() ? ", " : " and ").say(steps[i]);
+  if (!steps.empty()) out.say(".");
 }
 
 }  // namespace
@@ -114,17 +116,16 @@ Methods methodsOf(const json& record, const cohort::Row& row, const std::string&
   const std::string program = "Tavrel " + known.value("Version", version);
   Writer out;
   if (row.manual) {
-    out.write("The brain mask was made or changed by hand, and applied to the scan by ", program,
-              ".");
+    out.say("The brain mask was made or changed by hand, and applied to the scan by " + program +
+            ".");
   } else {
     const bool exact = settings.value("evolution", "") == "exact";
-    out.write("The skull and other non-brain tissue were removed with ", program, ".");
+    out.say("The skull and other non-brain tissue were removed with " + program + ".");
     writeEvolution(out, exact);
     writeWeight(out, row, exact, settings.value("w5", json()) == "auto");
     writeFinishing(out, settings.value("finish", json()));
   }
-  if (row.volumeMl)
-    out.write(" The mask has a volume of ", scan::print("%.1f", *row.volumeMl), " mL.");
+  if (row.volumeMl) out.say(scan::print(" The mask has a volume of %.1f mL.", *row.volumeMl));
   return std::move(out).result();
 }
 

@@ -73,7 +73,7 @@ std::string figures(const Material& m) {
 std::string remarks(const Material& m) {
   std::string items;
   if (m.row.status == "failed")
-    items += text("<li class=\"failed\"><b>Not done</b> ", html(m.row.reason), "</li>\n");
+    items += text("<li class=\"failed\"><b>Not done:</b> ", html(m.row.reason), "</li>\n");
   for (const auto& [code, words] : m.row.flags)
     items += text("<li class=\"flag\"><b>", html(code), "</b> ", html(words), "</li>\n");
   const auto notice = [&](const std::string& words) {
@@ -88,9 +88,9 @@ std::string remarks(const Material& m) {
   return items;
 }
 
-/// Rows of settings; the names of nested ones are joined: "Finish: open mm".
+/// Rows of settings that are set; the names of nested ones are joined: "Finish: open mm".
 std::string settings(const json& value, const std::string& name = "") {
-  if (!value.is_object()) return name.empty() ? "" : tableRow(name, plain(value));
+  if (!value.is_object()) return value.is_null() ? "" : tableRow(name, plain(value));
   std::string rows;
   for (const auto& [key, inner] : value.items()) {
     std::string words = key;

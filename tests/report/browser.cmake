@@ -18,5 +18,8 @@ endif()
 
 add_test(NAME report_in_browser
          COMMAND ${TAVREL_NODE} --test ${CMAKE_CURRENT_SOURCE_DIR}/report/browser/report.test.mjs)
-set_tests_properties(report_in_browser PROPERTIES TIMEOUT 400 PROCESSORS 2 ENVIRONMENT
-  "BROWSER_PACKAGES=${browser_packages};CHROMIUM=${TAVREL_CHROMIUM};MAKE_COHORT=$<TARGET_FILE:make_cohort>")
+set_tests_properties(report_in_browser PROPERTIES TIMEOUT 900 PROCESSORS 2)
+set_property(TEST report_in_browser PROPERTY ENVIRONMENT
+  BROWSER_PACKAGES=${browser_packages} CHROMIUM=${TAVREL_CHROMIUM}
+  MAKE_COHORT=$<TARGET_FILE:make_cohort> NIFTI_PHANTOM=$<TARGET_FILE:nifti_phantom>
+  TAVREL_BIDS=$<TARGET_FILE:tavrel-bids>)

@@ -168,7 +168,7 @@ TEST_F(Report, TellsWhatIsMissingAndGoesOn) {
   EXPECT_NE(readFile(path("sub-0002.html")).find("Brain volume"), std::string::npos);
   EXPECT_NE(readFile(path("sub-0003.html")).find("picture of the mask is not there"),
             std::string::npos);
-  EXPECT_NE(readFile(path("sub-0004.html")).find("<b>Not done</b> takes &lt;too&gt; long"),
+  EXPECT_NE(readFile(path("sub-0004.html")).find("<b>Not done:</b> takes &lt;too&gt; long"),
             std::string::npos);
   EXPECT_LT(fs::file_size(path("sub-0001.html")), 6'000'000u);
 

@@ -1,2 +1,2 @@
-// Stands for packages of the viewer that these pages have no use for: Zarr volumes and their codecs.
+// Stands for packages of the viewer that these pages have no use for: Zarr volumes, their codecs.
 export {}

@@ -9,18 +9,25 @@ const [sources, built] = process.argv.slice(2).map(path => resolve(path))
 const esbuild = createRequire(join(built, 'package.json'))('esbuild')
 
 /** The licences of the packages that the bundle has code of. */
-function licences (inputs) {
+function licences(inputs) {
   const folders = new Set(inputs.map(i => /node_modules\/(@[^/]+\/[^/]+|[^/]+)/.exec(i)?.[1]))
   folders.delete(undefined)
-  return [...folders].sort().map(name => {
-    const folder = join(built, 'node_modules', name)
-    const { version, license } = JSON.parse(readFileSync(join(folder, 'package.json')))
-    const file = readdirSync(folder).find(f => /^licen[cs]e/i.test(f))
-    // niivue's package names its licence only.
-    const path = file ? join(folder, file) : name === '@niivue/niivue' && join(sources, 'niivue-license.txt')
-    const text = path ? readFileSync(path, 'utf8').trim() : ''
-    return `${name} ${version}, licence ${license}\n\n${text}`.trim()
-  }).join(`\n\n${'-'.repeat(72)}\n\n`) + '\n'
+  return (
+    [...folders]
+      .sort()
+      .map(name => {
+        const folder = join(built, 'node_modules', name)
+        const { version, license } = JSON.parse(readFileSync(join(folder, 'package.json')))
+        const file = readdirSync(folder).find(f => /^licen[cs]e/i.test(f))
+        // niivue's package names its licence only.
+        const path = file
+          ? join(folder, file)
+          : name === '@niivue/niivue' && join(sources, 'niivue-license.txt')
+        const text = path ? readFileSync(path, 'utf8').trim() : ''
+        return `${name} ${version}, licence ${license}\n\n${text}`.trim()
+      })
+      .join(`\n\n${'-'.repeat(72)}\n\n`) + '\n'
+  )
 }
 
 const result = await esbuild.build({

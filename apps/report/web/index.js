@@ -3,73 +3,157 @@
 const rows = data.rows
 const byScan = new Map(rows.map(row => [row.scan, row]))
 const byField = new Map(rows.map(row => [toField(row.scan), row])) // as tables of ratings name them
-const number = (value, digits) => value === null ? '–' : value.toFixed(digits)
+const number = (value, digits) => (value === null ? '–' : value.toFixed(digits))
 
 /** How much a scan deserves a look: failures first, then flags and volumes far from the others'. */
-const doubt = row => row.status === 'failed'
-  ? Infinity
-  : 3 * row.flags.length + Math.abs(row.z ?? 0) + (row.confidence === null ? 0 : 1 - row.confidence)
+const doubt = row =>
+  row.status === 'failed'
+    ? Infinity
+    : 3 * row.flags.length +
+      Math.abs(row.z ?? 0) +
+      (row.confidence === null ? 0 : 1 - row.confidence)
 
 // ---- Table
 
 /**
- * The columns: how a row is compared (numbers and texts, upwards) and what its cell holds. Columns of
- * numbers begin with the largest when they are first sorted by.
+ * The columns: how a row is compared (numbers and texts, upwards) and what its cell holds. Columns
+ * of numbers begin with the largest when they are first sorted by.
  */
 const COLUMNS = [
   { id: 'picture', label: 'Outliers first', by: doubt, down: true, cell: pictureCell },
   { id: 'scan', label: 'Scan', by: row => row.scan, cell: nameCell },
-  { id: 'volume', label: 'Volume', unit: 'mL', by: row => row.volume, cell: volumeCell, number: true },
+  {
+    id: 'volume',
+    label: 'Volume',
+    unit: 'mL',
+    by: row => row.volume,
+    cell: volumeCell,
+    number: true
+  },
   { id: 'w5', label: 'W5', by: row => row.w5, cell: row => number(row.w5, 2), number: true },
-  { id: 'confidence', label: 'Confidence', by: row => row.confidence, cell: row => number(row.confidence, 2), number: true },
-  { id: 'flags', label: 'Flags', by: row => row.flags.length + (row.status === 'failed' ? 100 : 0), down: true, cell: flagsCell },
-  { id: 'seconds', label: 'Time', unit: 's', by: row => row.seconds, cell: row => number(row.seconds, 1), number: true },
-  { id: 'memory', label: 'Memory', unit: 'MB', by: row => row.memory, cell: row => number(row.memory, 0), number: true },
+  {
+    id: 'confidence',
+    label: 'Confidence',
+    by: row => row.confidence,
+    cell: row => number(row.confidence, 2),
+    number: true
+  },
+  {
+    id: 'flags',
+    label: 'Flags',
+    by: row => row.flags.length + (row.status === 'failed' ? 100 : 0),
+    down: true,
+    cell: flagsCell
+  },
+  {
+    id: 'seconds',
+    label: 'Time',
+    unit: 's',
+    by: row => row.seconds,
+    cell: row => number(row.seconds, 1),
+    number: true
+  },
+  {
+    id: 'memory',
+    label: 'Memory',
+    unit: 'MB',
+    by: row => row.memory,
+    cell: row => number(row.memory, 0),
+    number: true
+  },
   { id: 'rating', label: 'Rating', by: row => ratings.of(row).rating, cell: ratingCell },
   { id: 'comment', label: 'Comment', by: row => ratings.of(row).comment, cell: commentCell }
 ]
 
-function pictureCell (row) {
+function pictureCell(row) {
   const picture = row.thumbnail
-    ? element('img', { src: row.thumbnail, loading: 'lazy', decoding: 'async', alt: `Middle cuts of ${row.scan} with the contour of its mask` })
+    ? element('img', {
+        src: row.thumbnail,
+        loading: 'lazy',
+        decoding: 'async',
+        alt: `Middle cuts of ${row.scan} with the contour of its mask`
+      })
     : element('span', { class: 'no-picture' }, 'no picture')
   return element('a', { href: row.page, tabindex: -1, 'data-open': true }, picture)
 }
 
-function nameCell (row) {
-  const rest = row.scan.startsWith(row.participant) ? row.scan.slice(row.participant.length).replace(/^_/, '') : row.scan
+function nameCell(row) {
+  const rest = row.scan.startsWith(row.participant)
+    ? row.scan.slice(row.participant.length).replace(/^_/, '')
+    : row.scan
   const name = element('a', { href: row.page, 'data-open': true }, row.participant)
   const tags = row.manual ? [element('span', { class: 'chip manual' }, 'edited')] : []
-  return element('div', { class: 'name' }, name, element('small', {}, rest.replaceAll('_', ' ')), ...tags)
+  return element(
+    'div',
+    { class: 'name' },
+    name,
+    element('small', {}, rest.replaceAll('_', ' ')),
+    ...tags
+  )
 }
 
-function volumeCell (row) {
+function volumeCell(row) {
   if (row.z === null) return number(row.volume, 0)
   const far = Math.abs(row.z) >= 2.5 ? 'far' : ''
-  return element('div', {}, number(row.volume, 0), element('small', { class: far }, `${row.z > 0 ? '+' : ''}${row.z.toFixed(1)} SD`))
+  return element(
+    'div',
+    {},
+    number(row.volume, 0),
+    element('small', { class: far }, `${row.z > 0 ? '+' : ''}${row.z.toFixed(1)} SD`)
+  )
 }
 
-function flagsCell (row) {
-  const chips = row.flags.map(([code, text]) => element('span', { class: 'chip flag', title: text }, code))
-  if (row.status === 'failed') chips.unshift(element('span', { class: 'chip failed' }, 'not done'), element('small', {}, row.reason))
+function flagsCell(row) {
+  const chips = row.flags.map(([code, text]) =>
+    element('span', { class: 'chip flag', title: text }, code)
+  )
+  if (row.status === 'failed')
+    chips.unshift(
+      element('span', { class: 'chip failed' }, 'not done'),
+      element('small', {}, row.reason)
+    )
   return element('div', { class: 'chips' }, ...chips)
 }
 
-function ratingCell (row) {
+function ratingCell(row) {
   const { rating } = ratings.of(row)
-  const button = ([value, label]) => element('button', {
-    type: 'button', class: value, 'data-rate': value, 'aria-pressed': String(value === rating), title: `${label} (${value[0]})`
-  }, label)
-  return element('div', { class: 'group ratings', role: 'group', 'aria-label': `Rating of ${row.scan}` }, ...Object.entries(RATINGS).map(button))
+  const button = ([value, label]) =>
+    element(
+      'button',
+      {
+        type: 'button',
+        class: value,
+        'data-rate': value,
+        'aria-pressed': String(value === rating),
+        title: `${label} (${value[0]})`
+      },
+      label
+    )
+  return element(
+    'div',
+    { class: 'group ratings', role: 'group', 'aria-label': `Rating of ${row.scan}` },
+    ...Object.entries(RATINGS).map(button)
+  )
 }
 
-function commentCell (row) {
-  return element('input', { type: 'text', 'data-comment': true, value: ratings.of(row).comment ?? '', 'aria-label': `Comment on ${row.scan}` })
+function commentCell(row) {
+  return element('input', {
+    type: 'text',
+    'data-comment': true,
+    value: ratings.of(row).comment ?? '',
+    'aria-label': `Comment on ${row.scan}`
+  })
 }
 
-function tableRow (row) {
-  const cells = COLUMNS.map(column => element('td', { class: `${column.id}${column.number ? ' number' : ''}` }, column.cell(row)))
-  return element('tr', { 'data-scan': row.scan, tabindex: -1, class: `${ratings.of(row).rating} ${row.status}` }, ...cells)
+function tableRow(row) {
+  const cells = COLUMNS.map(column =>
+    element('td', { class: `${column.id}${column.number ? ' number' : ''}` }, column.cell(row))
+  )
+  return element(
+    'tr',
+    { 'data-scan': row.scan, tabindex: -1, class: `${ratings.of(row).rating} ${row.status}` },
+    ...cells
+  )
 }
 
 // ---- Order and filter
@@ -91,31 +175,37 @@ let visible = [] // rows that pass the filter, in order
 let made = 0 // of them, how many are in the table
 const CHUNK = 40
 
-function compare (a, b) {
+function compare(a, b) {
   if (a === b) return 0
   return typeof a === 'number' ? a - b : collator.compare(a, b)
 }
 
 /** Rows without a value come last either way; equal ones stay in the order of their names. */
-function sorted (list) {
+function sorted(list) {
   const { by } = sorting.column
   const sign = sorting.down ? -1 : 1
   const isAbsent = value => value === null || value === undefined || value === ''
-  return list.map(row => ({ row, value: by(row) })).sort((a, b) =>
-    isAbsent(a.value) - isAbsent(b.value) ||
-    (isAbsent(a.value) ? 0 : sign * compare(a.value, b.value)) ||
-    collator.compare(a.row.scan, b.row.scan)).map(({ row }) => row)
+  return list
+    .map(row => ({ row, value: by(row) }))
+    .sort(
+      (a, b) =>
+        isAbsent(a.value) - isAbsent(b.value) ||
+        (isAbsent(a.value) ? 0 : sign * compare(a.value, b.value)) ||
+        collator.compare(a.row.scan, b.row.scan)
+    )
+    .map(({ row }) => row)
 }
 
-const searchText = row => [row.scan, row.reason, ...row.flags.flat(), ratings.of(row).comment].join(' ').toLowerCase()
+const searchText = row =>
+  [row.scan, row.reason, ...row.flags.flat(), ratings.of(row).comment].join(' ').toLowerCase()
 
-function matches (row) {
+function matches(row) {
   if (!KINDS[filter.kind][1](row)) return false
   const text = filter.words && searchText(row)
   return !filter.words || filter.words.split(/\s+/).every(word => text.includes(word))
 }
 
-function refresh () {
+function refresh() {
   visible = sorted(rows.filter(matches))
   made = 0
   find('#scans tbody').replaceChildren()
@@ -124,17 +214,22 @@ function refresh () {
   drawPlots()
   try {
     localStorage.setItem(`${ratings.key} order`, JSON.stringify(visible.map(row => row.page)))
-  } catch { /* Pages then follow the order of the table. */ }
+  } catch {
+    /* Pages then follow the order of the table. */
+  }
 }
 
 /** Rows are made as they come into sight, so that thousands cost no more than a screenful. */
-function addChunk (upTo = made + CHUNK) {
+function addChunk(upTo = made + CHUNK) {
   find('#scans tbody').append(...visible.slice(made, upTo).map(tableRow))
   made = Math.min(upTo, visible.length)
 }
 
-function showCounts () {
-  find('#shown').textContent = visible.length === rows.length ? `${rows.length} scans` : `${visible.length} of ${rows.length} scans`
+function showCounts() {
+  find('#shown').textContent =
+    visible.length === rows.length
+      ? `${rows.length} scans`
+      : `${visible.length} of ${rows.length} scans`
   for (const [kind, [label, test]] of Object.entries(KINDS)) {
     const count = rows.filter(test).length
     const button = find(`[data-kind=${kind}]`)
@@ -144,28 +239,48 @@ function showCounts () {
   }
 }
 
-function sortBy (column) {
+function sortBy(column) {
   sorting.down = sorting.column === column ? !sorting.down : Boolean(column.down ?? column.number)
   sorting.column = column
   showOrder()
   refresh()
 }
 
-function showOrder () {
+function showOrder() {
   for (const column of COLUMNS) {
     const order = column === sorting.column ? (sorting.down ? 'descending' : 'ascending') : 'none'
     find(`th.${column.id}`).setAttribute('aria-sort', order)
   }
 }
 
-function makeHead () {
+function makeHead() {
   for (const column of COLUMNS) {
     const unit = column.unit ? [' ', element('small', {}, column.unit)] : []
-    const button = element('button', { type: 'button', click: () => sortBy(column) }, column.label, ...unit)
-    find('#scans thead tr').append(element('th', { scope: 'col', class: `${column.id}${column.number ? ' number' : ''}` }, button))
+    const button = element(
+      'button',
+      { type: 'button', click: () => sortBy(column) },
+      column.label,
+      ...unit
+    )
+    find('#scans thead tr').append(
+      element(
+        'th',
+        { scope: 'col', class: `${column.id}${column.number ? ' number' : ''}` },
+        button
+      )
+    )
   }
   for (const kind of Object.keys(KINDS)) {
-    find('#kinds').append(element('button', { type: 'button', 'data-kind': kind, click: () => { filter.kind = kind; refresh() } }))
+    find('#kinds').append(
+      element('button', {
+        type: 'button',
+        'data-kind': kind,
+        click: () => {
+          filter.kind = kind
+          refresh()
+        }
+      })
+    )
   }
 }
 
@@ -174,7 +289,7 @@ function makeHead () {
 const rowOf = node => byScan.get(node.closest('tr')?.dataset.scan)
 
 /** Shows a scan's rating where it stands, without moving its row. */
-function update (row) {
+function update(row) {
   const old = find(`tr[data-scan="${CSS.escape(row.scan)}"]`)
   if (old) {
     const hadFocus = old.contains(document.activeElement)
@@ -186,33 +301,38 @@ function update (row) {
   drawPlots()
 }
 
-function rate (row, rating) {
+function rate(row, rating) {
   ratings.set(row, { rating: ratings.of(row).rating === rating ? '' : rating })
   update(row)
   announce(`${row.scan}: ${ratings.of(row).rating || 'no rating'}`)
 }
 
-function importRatings (text) {
+function importRatings(text) {
   const table = parseRatings(text)
   const known = table.filter(row => byField.has(row.scan))
-  for (const { scan, rating, comment } of known) ratings.set(byField.get(scan), { rating, comment: comment ?? '' })
+  for (const { scan, rating, comment } of known)
+    ratings.set(byField.get(scan), { rating, comment: comment ?? '' })
   refresh()
   const unknown = table.length - known.length
-  announce(`${known.length} ratings taken in${unknown ? `, ${unknown} of scans that are not here` : ''}.`)
+  announce(
+    `${known.length} ratings taken in${unknown ? `, ${unknown} of scans that are not here` : ''}.`
+  )
 }
 
-function focusRow (step) {
+function focusRow(step) {
   const current = document.activeElement.closest('#scans tbody tr')
-  if (step > 0 && (!current?.nextElementSibling)) addChunk()
+  if (step > 0 && !current?.nextElementSibling) addChunk()
   const target = current
-    ? (step > 0 ? current.nextElementSibling : current.previousElementSibling)
+    ? step > 0
+      ? current.nextElementSibling
+      : current.previousElementSibling
     : find('#scans tbody tr')
   target?.focus()
   target?.scrollIntoView({ block: 'nearest' })
 }
 
 /** Goes to a scan's row, making it if it is not there yet. */
-function goTo (row) {
+function goTo(row) {
   const place = visible.indexOf(row)
   if (place < 0) return open(row)
   if (place >= made) addChunk(place + CHUNK)
@@ -221,7 +341,9 @@ function goTo (row) {
   target.focus()
 }
 
-const open = row => { location.href = ratings.carriedTo(row.page) }
+const open = row => {
+  location.href = ratings.carriedTo(row.page)
+}
 
 // ---- Plots
 
@@ -230,154 +352,20 @@ const FIGURES = [
   { id: 'w5', label: 'W5', unit: '', digits: 2 },
   { id: 'confidence', label: 'Confidence', unit: '', digits: 2 },
   { id: 'seconds', label: 'Time', unit: 's', digits: 1 },
-  { id: 'memory', label: 'Peak memory', unit: 'MB', digits: 0 }
+  { id: 'memory', label: 'Memory', unit: 'MB', digits: 0 }
 ]
-const plots = []
+const plots = FIGURES.filter(({ id }) => rows.some(row => row[id] !== null)).map(
+  figure =>
+    new Plot(figure, rows, {
+      shownRows: () => new Set(visible),
+      colour: row => ratings.of(row).rating || (row.flags.length ? 'flag' : 'dot'),
+      go: goTo
+    })
+)
 
-function quantile (values, q) {
-  const at = (values.length - 1) * q
-  const low = Math.floor(at)
-  return values[low] + (values[Math.min(low + 1, values.length - 1)] - values[low]) * (at - low)
+function drawPlots() {
+  for (const plot of plots) plot.draw()
 }
-
-/** A distribution as a heap of dots, one a scan, on a canvas that follows the mouse and the arrow keys. */
-class Plot {
-  constructor (figure) {
-    this.figure = figure
-    this.points = rows.filter(row => row[figure.id] !== null).sort((a, b) => a[figure.id] - b[figure.id])
-    this.values = this.points.map(row => row[figure.id])
-    this.chosen = -1
-    this.tip = element('div', { class: 'tip', hidden: true })
-    this.canvas = element('canvas', {
-      tabindex: 0,
-      role: 'img',
-      'aria-label': this.description(),
-      mousemove: event => this.choose(this.nearest(event)),
-      mouseleave: () => this.choose(-1),
-      click: event => this.go(this.nearest(event)),
-      keydown: event => this.key(event),
-      blur: () => this.choose(-1)
-    })
-    const caption = element('figcaption', {}, element('b', {}, figure.label), element('small', {}, this.summary()))
-    this.figureElement = element('figure', { class: 'plot' }, caption, this.canvas, this.tip)
-  }
-
-  format (value) { return value.toFixed(this.figure.digits) }
-
-  summary () { return `median ${this.format(quantile(this.values, 0.5))} ${this.figure.unit}` }
-
-  description () {
-    const [low, middle, high] = [0.25, 0.5, 0.75].map(q => this.format(quantile(this.values, q)))
-    const { label, unit } = this.figure
-    return `${label} of ${this.points.length} scans: from ${this.format(this.values[0])} to ${this.format(this.values.at(-1))} ${unit}, median ${middle}, middle half ${low} to ${high}. Arrow keys go from point to point.`
-  }
-
-  /** Where the dots lie, in pixels: heaps of equal values, squeezed where they would be too high. */
-  layOut () {
-    const { clientWidth: width, clientHeight: height } = this.canvas
-    const margin = 10
-    const [first, last] = [this.values[0], this.values.at(-1)]
-    const span = last - first
-    this.radius = this.points.length > 1000 ? 2 : this.points.length > 200 ? 2.5 : 3.5
-    const x = value => span ? margin + (value - first) / span * (width - 2 * margin) : width / 2
-    const heaps = new Map()
-    const bin = 2 * this.radius
-    this.places = this.values.map(value => {
-      const column = Math.round(x(value) / bin)
-      const level = heaps.get(column) ?? 0
-      heaps.set(column, level + 1)
-      return { x: x(value), level }
-    })
-    const floor = height - 18
-    const step = Math.min(bin, (floor - 2 * this.radius) / Math.max(...heaps.values()))
-    for (const place of this.places) place.y = floor - this.radius - place.level * step
-    return { width, height, floor, x }
-  }
-
-  draw () {
-    const scale = devicePixelRatio
-    const { width, height, floor, x } = this.layOut()
-    this.canvas.width = width * scale
-    this.canvas.height = height * scale
-    const pen = this.canvas.getContext('2d')
-    pen.scale(scale, scale)
-    const style = getComputedStyle(document.documentElement)
-    const colour = name => style.getPropertyValue(`--${name}`)
-    const colours = { pass: colour('pass'), maybe: colour('maybe'), fail: colour('fail'), flag: colour('flag'), plain: colour('dot') }
-    const shown = new Set(visible)
-    pen.fillStyle = colour('line')
-    pen.fillRect(0, floor, width, 1)
-    const [low, high] = [quantile(this.values, 0.25), quantile(this.values, 0.75)]
-    pen.fillRect(x(low), floor - 1, Math.max(1, x(high) - x(low)), 3)
-    this.points.forEach((row, i) => {
-      pen.globalAlpha = shown.has(row) ? 0.85 : 0.12
-      pen.fillStyle = colours[ratings.of(row).rating || (row.flags.length ? 'flag' : 'plain')]
-      this.dot(pen, i, this.radius)
-    })
-    pen.globalAlpha = 1
-    if (this.chosen >= 0) {
-      pen.fillStyle = colour('text')
-      this.dot(pen, this.chosen, this.radius + 2)
-    }
-    pen.fillStyle = colour('muted')
-    pen.font = '11px system-ui, sans-serif'
-    pen.textBaseline = 'bottom'
-    pen.fillText(this.format(this.values[0]), 2, height)
-    pen.textAlign = 'right'
-    if (this.values[0] !== this.values.at(-1)) pen.fillText(this.format(this.values.at(-1)), width - 2, height)
-  }
-
-  dot (pen, i, radius) {
-    pen.beginPath()
-    pen.arc(this.places[i].x, this.places[i].y, radius, 0, 2 * Math.PI)
-    pen.fill()
-  }
-
-  /** The dot under the mouse, or -1. */
-  nearest (event) {
-    const reach = 8
-    let best = -1
-    let least = reach * reach
-    this.places.forEach(({ x, y }, i) => {
-      const distance = (x - event.offsetX) ** 2 + (y - event.offsetY) ** 2
-      if (distance < least) [best, least] = [i, distance]
-    })
-    return best
-  }
-
-  choose (i) {
-    if (i === this.chosen) return
-    this.chosen = i
-    this.draw()
-    this.tip.hidden = i < 0
-    this.canvas.classList.toggle('pointing', i >= 0)
-    if (i < 0) return
-    const row = this.points[i]
-    this.tip.textContent = `${row.scan}: ${this.format(row[this.figure.id])} ${this.figure.unit}`
-    this.tip.style.left = `${Math.min(this.places[i].x, this.canvas.clientWidth - this.tip.offsetWidth)}px`
-  }
-
-  go (i) { if (i >= 0) goTo(this.points[i]) }
-
-  key (event) {
-    const step = { ArrowRight: 1, ArrowLeft: -1 }[event.key]
-    if (step) {
-      event.preventDefault()
-      this.choose(Math.max(0, Math.min(this.points.length - 1, this.chosen + step)))
-      announce(this.tip.textContent)
-    }
-    if (event.key === 'Enter') this.go(this.chosen)
-  }
-}
-
-function makePlots () {
-  for (const figure of FIGURES) {
-    if (rows.some(row => row[figure.id] !== null)) plots.push(new Plot(figure))
-  }
-  find('#plots').append(...plots.map(plot => plot.figureElement))
-}
-
-function drawPlots () { for (const plot of plots) plot.draw() }
 
 // ---- Events
 
@@ -385,7 +373,9 @@ find('#search').addEventListener('input', event => {
   filter.words = event.target.value.trim().toLowerCase()
   refresh()
 })
-find('#export').addEventListener('click', () => download('tavrel_ratings.tsv', ratingsTable(rows), 'text/tab-separated-values'))
+find('#export').addEventListener('click', () =>
+  download('tavrel_ratings.tsv', ratingsTable(rows), 'text/tab-separated-values')
+)
 find('#import').addEventListener('click', () => find('#import-file').click())
 find('#import-file').addEventListener('change', async event => {
   const [file] = event.target.files
@@ -410,7 +400,8 @@ body.addEventListener('click', event => {
   if (!event.target.closest('a, button, input')) event.target.closest('tr').focus()
 })
 body.addEventListener('change', event => {
-  if ('comment' in event.target.dataset) ratings.set(rowOf(event.target), { comment: oneLine(event.target.value) })
+  if ('comment' in event.target.dataset)
+    ratings.set(rowOf(event.target), { comment: oneLine(event.target.value) })
 })
 
 const KEYS = {
@@ -432,20 +423,24 @@ const ROW_KEYS = {
 addEventListener('keydown', event => {
   const { target, key } = event
   if (isTyping(event)) {
-    if (key === 'Escape' || (key === 'Enter' && 'comment' in target.dataset)) (target.closest('tr') ?? target).focus()
+    if (key === 'Escape' || (key === 'Enter' && 'comment' in target.dataset))
+      (target.closest('tr') ?? target).focus()
     if (key === 'Escape') target.blur()
     return
   }
   if (find('#keys').open || target.matches('canvas')) return
   const row = rowOf(target)
-  const action = row && key in ROW_KEYS && !(key === 'Enter' && !target.matches('tr')) ? () => ROW_KEYS[key](row) : KEYS[key]
+  const action =
+    row && key in ROW_KEYS && !(key === 'Enter' && !target.matches('tr'))
+      ? () => ROW_KEYS[key](row)
+      : KEYS[key]
   if (!action) return
   event.preventDefault()
   action()
 })
 
 /** Ratings given on pages of scans, in other tabs or before this one came back to sight. */
-function reload () {
+function reload() {
   ratings.load()
   ratings.takeCarried()
   refresh()
@@ -456,11 +451,14 @@ addEventListener('hashchange', reload)
 addEventListener('resize', drawPlots)
 matchMedia('(prefers-color-scheme: dark)').addEventListener('change', drawPlots)
 addEventListener('beforeprint', () => addChunk(visible.length))
-new IntersectionObserver(entries => {
-  if (entries.some(entry => entry.isIntersecting)) addChunk()
-}, { rootMargin: '1000px' }).observe(find('#more'))
+new IntersectionObserver(
+  entries => {
+    if (entries.some(entry => entry.isIntersecting)) addChunk()
+  },
+  { rootMargin: '1000px' }
+).observe(find('#more'))
 
 makeHead()
-makePlots()
+find('#plots').append(...plots.map(plot => plot.node))
 showOrder()
 refresh()

@@ -5,30 +5,34 @@
 const form = find('#review')
 const comment = find('#comment')
 
-function showRating () {
+function showRating() {
   const { rating, comment: words } = ratings.of(data)
   for (const radio of form.elements.rating) radio.checked = radio.value === rating
   if (document.activeElement !== comment) comment.value = words ?? ''
 }
 
-function rate (rating) {
+function rate(rating) {
   ratings.set(data, { rating })
   showRating()
   announce(rating ? `Rated: ${rating}` : 'Rating taken back')
 }
 
 /** The neighbours in the order in which the index last showed the scans, else in the table's. */
-function neighbours () {
+function neighbours() {
   try {
     const order = JSON.parse(localStorage.getItem(`${ratings.key} order`))
     const here = decodeURIComponent(location.pathname.replace(/.*\//, ''))
     const place = order.findIndex(page => decodeURIComponent(page) === here)
     if (place >= 0) return { previous: order[place - 1], next: order[place + 1] }
-  } catch { /* No index has been opened. */ }
+  } catch {
+    /* No index has been opened. */
+  }
   return data
 }
 
-const go = page => { location.href = ratings.carriedTo(page) }
+const go = page => {
+  location.href = ratings.carriedTo(page)
+}
 
 for (const [id, page] of Object.entries({ index: 'index.html', ...neighbours() })) {
   const link = ['index', 'previous', 'next'].includes(id) && find(`#${id}`)
@@ -55,14 +59,21 @@ find('#export').addEventListener('click', () => {
   if (!(data.scan in ratings.all)) rows.push(data)
   download('tavrel_ratings.tsv', ratingsTable(rows), 'text/tab-separated-values')
 })
-addEventListener('storage', () => { ratings.load(); showRating() })
+addEventListener('storage', () => {
+  ratings.load()
+  showRating()
+})
 showRating()
 
 find('#help').addEventListener('click', () => find('#keys').showModal())
 find('#copy').addEventListener('click', async () => {
-  const references = [...document.querySelectorAll('.literature li')].map((li, i) => `${i + 1}. ${li.textContent}`)
+  const references = [...document.querySelectorAll('.literature li')].map(
+    (li, i) => `${i + 1}. ${li.textContent}`
+  )
   try {
-    await navigator.clipboard.writeText([find('#methods').textContent, '', ...references].join('\n'))
+    await navigator.clipboard.writeText(
+      [find('#methods').textContent, '', ...references].join('\n')
+    )
     announce('Copied.')
   } catch {
     announce('The browser does not let the page copy; select the text instead.')
@@ -74,33 +85,43 @@ find('#copy').addEventListener('click', async () => {
 let viewer = null // once it is open
 let savedStrokes = 0
 
-function bytesOf (id) {
+function bytesOf(id) {
   const text = atob(find(`#${id}`).textContent)
   return Uint8Array.from(text, c => c.charCodeAt(0))
 }
 
-async function runViewerCode () {
-  const stream = new Blob([bytesOf('viewer-code')]).stream().pipeThrough(new DecompressionStream('gzip'))
+async function runViewerCode() {
+  const stream = new Blob([bytesOf('viewer-code')])
+    .stream()
+    .pipeThrough(new DecompressionStream('gzip'))
   const script = element('script')
   script.textContent = await new Response(stream).text()
   document.head.append(script)
 }
 
-function absent (reason) {
+function absent(reason) {
   find('#viewer').hidden = true
   find('#viewer-absence').textContent = reason
 }
 
-async function openViewer () {
+async function openViewer() {
   if (!document.createElement('canvas').getContext('webgl2')) {
     return absent('The viewer needs WebGL 2, which this browser does not offer.')
   }
   try {
     await runViewerCode()
-    viewer = await globalThis.TavrelViewer.open(find('#canvas'), bytesOf('preview'), bytesOf('mask'), data.mask, {
-      changed: showStrokes,
-      moved: text => { find('#location').textContent = text }
-    })
+    viewer = await globalThis.TavrelViewer.open(
+      find('#canvas'),
+      bytesOf('preview'),
+      bytesOf('mask'),
+      data.mask,
+      {
+        changed: showStrokes,
+        moved: text => {
+          find('#location').textContent = text
+        }
+      }
+    )
     overlay()
     find('#viewer').dataset.ready = 'true'
   } catch (error) {
@@ -109,56 +130,69 @@ async function openViewer () {
 }
 
 /** The viewer starts when it comes into sight, so that paging through scans costs nothing. */
-function waitForSight () {
+function waitForSight() {
   if (!find('#viewer-code')) return
   find('#viewer').hidden = false
-  new IntersectionObserver((entries, observer) => {
-    if (!entries.some(entry => entry.isIntersecting)) return
-    observer.disconnect()
-    openViewer()
-  }, { rootMargin: '200px' }).observe(find('#viewer'))
+  new IntersectionObserver(
+    (entries, observer) => {
+      if (!entries.some(entry => entry.isIntersecting)) return
+      observer.disconnect()
+      openViewer()
+    },
+    { rootMargin: '200px' }
+  ).observe(find('#viewer'))
 }
 
-function press (group, button) {
-  for (const other of find(group).children) other.setAttribute('aria-pressed', String(other === button))
+function press(group, button) {
+  for (const other of find(group).children)
+    other.setAttribute('aria-pressed', String(other === button))
 }
 
 const overlay = () => viewer?.overlay(find('#overlay').checked, Number(find('#opacity').value))
 
-function pen (tool) {
+function pen(tool) {
   press('#pens', find(`[data-pen=${tool}]`))
   viewer?.pen(tool, Number(find('#pen-size').value))
   if (tool !== 'off' && !find('#overlay').checked) find('#overlay').click()
 }
 
-function view (name) {
+function view(name) {
   press('#views', find(`[data-view=${name}]`))
   viewer?.view(name)
 }
 
-function showStrokes () {
+function showStrokes() {
   const count = viewer.strokes
   find('#undo').disabled = find('#save').disabled = count === 0
-  find('#strokes').textContent = count === 0 ? '' : `${count} ${count === 1 ? 'stroke' : 'strokes'}${count === savedStrokes ? ', saved' : ''}`
+  find('#strokes').textContent =
+    count === 0
+      ? ''
+      : `${count} ${count === 1 ? 'stroke' : 'strokes'}${count === savedStrokes ? ', saved' : ''}`
 }
 
-function undo () {
+function undo() {
   viewer?.undo()
   if (viewer) showStrokes()
 }
 
-async function saveMask () {
+async function saveMask() {
   if (!viewer?.strokes) return
   download(data.mask.file, await viewer.maskFile(), 'application/gzip')
   savedStrokes = viewer.strokes
   showStrokes()
-  announce(`Saved. Put ${data.mask.file} in place of the file of that name in the output folder and run the command again.`)
+  announce(
+    `Saved. Put ${data.mask.file} in place of the file of that name in the output folder ` +
+      'and run the command again.'
+  )
 }
 
 /** Asks before strokes that were not saved are lost. */
-function leave (proceed) {
-  if (!viewer || viewer.strokes === savedStrokes ||
-      confirm('The changes of the mask have not been saved. Leave all the same?')) {
+function leave(proceed) {
+  if (
+    !viewer ||
+    viewer.strokes === savedStrokes ||
+    confirm('The changes of the mask have not been saved. Leave all the same?')
+  ) {
     savedStrokes = viewer?.strokes ?? 0
     proceed()
   }
@@ -169,23 +203,33 @@ addEventListener('beforeunload', event => {
 
 find('#overlay').addEventListener('change', overlay)
 find('#opacity').addEventListener('input', overlay)
-find('#pen-size').addEventListener('input', () => pen(find('#pens [aria-pressed=true]').dataset.pen))
-find('#views').addEventListener('click', event => event.target.dataset.view && view(event.target.dataset.view))
-find('#pens').addEventListener('click', event => event.target.dataset.pen && pen(event.target.dataset.pen))
+find('#pen-size').addEventListener('input', () =>
+  pen(find('#pens [aria-pressed=true]').dataset.pen)
+)
+find('#views').addEventListener(
+  'click',
+  event => event.target.dataset.view && view(event.target.dataset.view)
+)
+find('#pens').addEventListener(
+  'click',
+  event => event.target.dataset.pen && pen(event.target.dataset.pen)
+)
 find('#undo').addEventListener('click', undo)
 find('#save').addEventListener('click', saveMask)
 waitForSight()
 
 // ---- Keys
 
-function fade (step) {
+function fade(step) {
   const slider = find('#opacity')
   slider.value = Number(slider.value) + step
   overlay()
 }
 
 const toggleRating = rating => rate(ratings.of(data).rating === rating ? '' : rating)
-const follow = id => { if (!find(`#${id}`).hidden) find(`#${id}`).click() }
+const follow = id => {
+  if (!find(`#${id}`).hidden) find(`#${id}`).click()
+}
 
 const KEYS = {
   p: () => toggleRating('pass'),
@@ -226,7 +270,7 @@ const ARROWS = {
   PageDown: ['through', -1]
 }
 
-function moveCross (key) {
+function moveCross(key) {
   const [direction, sign] = ARROWS[key]
   const name = find('#views [aria-pressed=true]').dataset.view
   if (name === 'render') {
@@ -236,17 +280,26 @@ function moveCross (key) {
 }
 
 // In the capturing phase, before the viewer's own keys.
-addEventListener('keydown', event => {
-  if (event.ctrlKey && event.key === 'z' && viewer?.strokes) {
+addEventListener(
+  'keydown',
+  event => {
+    if (event.ctrlKey && event.key === 'z' && viewer?.strokes) {
+      event.preventDefault()
+      return undo()
+    }
+    if (isTyping(event) || find('#keys').open) return
+    const onCanvas = event.target === find('#canvas')
+    const action =
+      onCanvas && viewer && event.key in ARROWS ? () => moveCross(event.key) : KEYS[event.key]
+    if (onCanvas) event.stopPropagation()
+    if (!action) return
     event.preventDefault()
-    return undo()
-  }
-  if (isTyping(event) || find('#keys').open) return
-  const onCanvas = event.target === find('#canvas')
-  const action = onCanvas && viewer && event.key in ARROWS ? () => moveCross(event.key) : KEYS[event.key]
-  if (onCanvas) event.stopPropagation()
-  if (!action) return
-  event.preventDefault()
-  action()
-}, true)
-addEventListener('keyup', event => event.target === find('#canvas') && event.stopPropagation(), true)
+    action()
+  },
+  true
+)
+addEventListener(
+  'keyup',
+  event => event.target === find('#canvas') && event.stopPropagation(),
+  true
+)

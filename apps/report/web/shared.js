@@ -6,23 +6,26 @@ const data = JSON.parse(find('#data').textContent)
 const RATINGS = { pass: 'Pass', maybe: 'Maybe', fail: 'Fail' }
 
 /**
- * An element. Attributes that are functions become listeners; strings among the children become text,
- * so that nothing in a name is ever taken for HTML.
+ * An element. Attributes that are functions become listeners; strings among the children become
+ * text, so that nothing in a name is ever taken for HTML.
  */
-function element (tag, attributes = {}, ...children) {
+function element(tag, attributes = {}, ...children) {
   const result = document.createElement(tag)
   for (const [name, value] of Object.entries(attributes)) {
     if (typeof value === 'function') result.addEventListener(name, value)
-    else if (value !== false && value !== null) result.setAttribute(name, value === true ? '' : value)
+    else if (value !== false && value !== null)
+      result.setAttribute(name, value === true ? '' : value)
   }
   result.append(...children)
   return result
 }
 
 /** Says something to people who see the page and to those who hear it. */
-function announce (text) { find('#status').textContent = text }
+function announce(text) {
+  find('#status').textContent = text
+}
 
-function download (name, content, type) {
+function download(name, content, type) {
   const url = URL.createObjectURL(new Blob([content], { type }))
   element('a', { href: url, download: name }).click()
   setTimeout(() => URL.revokeObjectURL(url), 60000)
@@ -34,13 +37,15 @@ const ratings = {
   key: `tavrel-ratings ${location.pathname.replace(/[^/]*$/, '')} ${data.cohort}`,
   all: {},
 
-  load () {
+  load() {
     try {
       Object.assign(this.all, JSON.parse(localStorage.getItem(this.key) ?? '{}'))
-    } catch { /* Without a store, or with a damaged one, ratings last as long as the page. */ }
+    } catch {
+      /* Without a store, or with a damaged one, ratings last as long as the page. */
+    }
   },
 
-  save () {
+  save() {
     try {
       localStorage.setItem(this.key, JSON.stringify(this.all))
     } catch {
@@ -49,9 +54,11 @@ const ratings = {
   },
 
   /** The rating of a scan: given here, else what its row says. */
-  of (row) { return this.all[row.scan] ?? { rating: row.rating, comment: row.comment } },
+  of(row) {
+    return this.all[row.scan] ?? { rating: row.rating, comment: row.comment }
+  },
 
-  set (row, change) {
+  set(row, change) {
     this.load()
     const { participant, session } = row
     const { rating, comment } = this.of(row)
@@ -59,7 +66,7 @@ const ratings = {
     this.save()
   },
 
-  merge (others) {
+  merge(others) {
     for (const [scan, other] of Object.entries(others)) {
       if (!(this.all[scan]?.time >= other.time)) this.all[scan] = other
     }
@@ -67,20 +74,24 @@ const ratings = {
   },
 
   /**
-   * The address of another page with the ratings in its fragment: some browsers give every local page
-   * a store of its own, where ratings have to be handed over.
+   * The address of another page with the ratings in its fragment: some browsers give every local
+   * page a store of its own, where ratings have to be handed over.
    */
-  carriedTo (page) {
-    const carried = Object.keys(this.all).length ? '#ratings=' + encodeURIComponent(JSON.stringify(this.all)) : ''
+  carriedTo(page) {
+    const carried = Object.keys(this.all).length
+      ? '#ratings=' + encodeURIComponent(JSON.stringify(this.all))
+      : ''
     return page + carried
   },
 
-  takeCarried () {
+  takeCarried() {
     const text = /^#ratings=(.*)/.exec(location.hash)?.[1]
     if (text === undefined) return
     try {
       this.merge(JSON.parse(decodeURIComponent(text)))
-    } catch { /* Not written by us. */ }
+    } catch {
+      /* Not written by us. */
+    }
     history.replaceState(null, '', location.pathname + location.search)
   }
 }
@@ -88,16 +99,17 @@ ratings.load()
 ratings.takeCarried()
 
 /** A value of a table: absent ones are n/a, control characters become \x and two digits. */
-const toField = text => text
-  ? text.replace(/[\x00-\x1f\x7f]/g, c => `\\x${c.charCodeAt(0).toString(16).padStart(2, '0')}`)
-  : 'n/a'
-const fromField = text => text === 'n/a' ? '' : text
+const toField = text =>
+  text
+    ? text.replace(/[\x00-\x1f\x7f]/g, c => `\\x${c.charCodeAt(0).toString(16).padStart(2, '0')}`)
+    : 'n/a'
+const fromField = text => (text === 'n/a' ? '' : text)
 const oneLine = text => text.trim().replace(/\s+/g, ' ')
 
 const RATING_COLUMNS = ['participant_id', 'session_id', 'scan', 'rating', 'comment']
 
 /** The ratings of some rows as a table; rows without any are left out. */
-function ratingsTable (rows) {
+function ratingsTable(rows) {
   const lines = [RATING_COLUMNS.join('\t')]
   for (const row of rows) {
     const { rating, comment } = ratings.of(row)
@@ -109,10 +121,14 @@ function ratingsTable (rows) {
 }
 
 /** The rows of such a table as objects. Throws an Error that says what is wrong with it. */
-function parseRatings (text) {
-  const [head, ...lines] = text.replace(/^\uFEFF/, '').split(/\r?\n/).filter(line => line !== '')
+function parseRatings(text) {
+  const [head, ...lines] = text
+    .replace(/^\uFEFF/, '')
+    .split(/\r?\n/)
+    .filter(line => line !== '')
   const names = (head ?? '').split('\t')
-  if (!names.includes('scan') || !names.includes('rating')) throw new Error('it has no columns "scan" and "rating"')
+  if (!names.includes('scan') || !names.includes('rating'))
+    throw new Error('it has no columns "scan" and "rating"')
   return lines.map(line => {
     const fields = line.split('\t')
     const row = Object.fromEntries(names.map((name, i) => [name, fromField(fields[i] ?? '')]))
@@ -122,5 +138,8 @@ function parseRatings (text) {
 }
 
 /** Whether a key is meant for a field that the user types into, or belongs to the browser. */
-const isTyping = event => event.ctrlKey || event.metaKey || event.altKey ||
+const isTyping = event =>
+  event.ctrlKey ||
+  event.metaKey ||
+  event.altKey ||
   event.target.matches('input[type=text], input[type=search], textarea, select')

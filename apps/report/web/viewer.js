@@ -13,7 +13,7 @@ const MASK_COLOURS = {
 }
 const VIEWS = { all: 3, axial: 0, coronal: 1, sagittal: 2, render: 4 }
 
-async function through (bytes, transform) {
+async function through(bytes, transform) {
   const stream = new Blob([bytes]).stream().pipeThrough(transform)
   return new Uint8Array(await new Response(stream).arrayBuffer())
 }
@@ -38,15 +38,15 @@ class Viewer {
    *   voxels that one of the preview spans, where its voxels begin in the file
    * @param {{changed: function(): void, moved: function(string): void}} listener
    */
-  static async open (canvas, preview, mask, grid, listener) {
+  static async open(canvas, preview, mask, grid, listener) {
     const viewer = new Viewer()
     await viewer.#start(canvas, preview, mask, grid, listener)
     return viewer
   }
 
-  async #start (canvas, preview, mask, grid, listener) {
+  async #start(canvas, preview, mask, grid, listener) {
     this.#grid = grid
-    const nv = this.#nv = new Niivue({
+    const nv = (this.#nv = new Niivue({
       logLevel: 'silent',
       loadingText: '',
       dragAndDropEnabled: false,
@@ -61,7 +61,7 @@ class Viewer {
       backColor: [0, 0, 0, 1],
       fontColor: [0.75, 0.75, 0.75, 1],
       isForceMouseClickToVoxelCenters: true
-    })
+    }))
     await nv.attachToCanvas(canvas)
     const image = await NVImage.new(await this.#arrayBuffer(preview), 'scan.nii', 'gray', 1)
     image.cal_min = 0
@@ -69,7 +69,10 @@ class Viewer {
     nv.addVolume(image)
     this.#file = await through(mask, new DecompressionStream('gzip'))
     this.#showMask(image)
-    nv.onLocationChange = location => listener.moved(location.string)
+    nv.onLocationChange = ({ mm, values }) => {
+      const [x, y, z] = Array.from(mm, v => v.toFixed(1))
+      listener.moved(`x ${x}, y ${y}, z ${z} mm, grey value ${values[0].value}`)
+    }
     nv.onDrawingChanged = action => {
       if (action === 'draw') this.#noteStroke()
       listener.changed()
@@ -78,16 +81,16 @@ class Viewer {
     nv.drawScene()
   }
 
-  async #arrayBuffer (compressed) {
+  async #arrayBuffer(compressed) {
     return (await through(compressed, new DecompressionStream('gzip'))).buffer
   }
 
-  get #voxels () {
+  get #voxels() {
     const { size, offset } = this.#grid
     return this.#file.subarray(offset, offset + size[0] * size[1] * size[2])
   }
 
-  #showMask (image) {
+  #showMask(image) {
     const nv = this.#nv
     this.#original = blockLabels(this.#voxels, this.#grid.size, this.#grid.factors)
     if (image.hdr.dims[1] * image.hdr.dims[2] * image.hdr.dims[3] !== this.#original.length) {
@@ -100,8 +103,8 @@ class Viewer {
     this.#draw()
   }
 
-  /** The viewer turns volumes to right, anterior, superior; this is where its voxels are in the file. */
-  static #fileOrder (image) {
+  /** The viewer turns volumes to right, anterior, superior: where its voxels are in the file. */
+  static #fileOrder(image) {
     const [, nx, ny, nz] = image.dimsRAS
     const step = image.img2RASstep
     const start = image.img2RASstart.reduce((sum, s) => sum + s, 0)
@@ -114,60 +117,73 @@ class Viewer {
     return order
   }
 
-  #draw () {
+  #draw() {
     this.#nv.drawBitmap.set(this.#shown)
     this.#nv.setDrawOpacity(this.#visible ? this.#opacity : 0)
     this.#nv.refreshDrawing(true)
   }
 
-  #noteStroke () {
+  #noteStroke() {
     const now = this.#nv.drawBitmap
     const places = []
     for (let v = 0; v < now.length; v++) if (now[v] !== this.#shown[v]) places.push(v)
     if (places.length === 0) return
-    this.#strokes.push({ places: Uint32Array.from(places), labels: Uint8Array.from(places, v => this.#shown[v]) })
+    this.#strokes.push({
+      places: Uint32Array.from(places),
+      labels: Uint8Array.from(places, v => this.#shown[v])
+    })
     this.#shown.set(now)
   }
 
   /** Which cuts are shown: all, axial, coronal, sagittal or render. */
-  view (name) { this.#nv.setSliceType(VIEWS[name]) }
+  view(name) {
+    this.#nv.setSliceType(VIEWS[name])
+  }
 
   /** Moves the cross by voxels to the patient's right, front and top. */
-  move (x, y, z) { this.#nv.moveCrosshairInVox(x, y, z) }
+  move(x, y, z) {
+    this.#nv.moveCrosshairInVox(x, y, z)
+  }
 
   /** Turns the head in the 3-D view by degrees. */
-  turn (azimuth, elevation) {
+  turn(azimuth, elevation) {
     const { renderAzimuth, renderElevation } = this.#nv.scene
     this.#nv.setRenderAzimuthElevation(renderAzimuth + azimuth, renderElevation + elevation)
   }
 
-  overlay (visible, opacity) {
+  overlay(visible, opacity) {
     this.#visible = visible
     this.#opacity = opacity
     this.#nv.setDrawOpacity(visible ? opacity : 0)
   }
 
   /** What the mouse does: 'off' moves the cross, 'draw' adds to the mask, 'erase' takes away. */
-  pen (tool, size = 3) {
+  pen(tool, size = 3) {
     this.#nv.setDrawingEnabled(tool !== 'off')
     this.#nv.opts.penSize = size
     this.#nv.setPenValue(tool === 'draw' ? LABEL.inside : LABEL.outside, false)
   }
 
-  get strokes () { return this.#strokes.length }
+  get strokes() {
+    return this.#strokes.length
+  }
 
   /** Takes back the last stroke. */
-  undo () {
+  undo() {
     const stroke = this.#strokes.pop()
     if (!stroke) return
-    stroke.places.forEach((v, i) => { this.#shown[v] = stroke.labels[i] })
+    stroke.places.forEach((v, i) => {
+      this.#shown[v] = stroke.labels[i]
+    })
     this.#draw()
   }
 
   /** The mask as drawn, at full resolution, as a .nii.gz file with the header that it came with. */
-  async maskFile () {
+  async maskFile() {
     const labels = new Uint8Array(this.#original.length)
-    this.#shown.forEach((label, v) => { labels[this.#order[v]] = label })
+    this.#shown.forEach((label, v) => {
+      labels[this.#order[v]] = label
+    })
     const { size, factors, offset } = this.#grid
     const file = this.#file.slice()
     file.set(withChanges(this.#voxels, size, factors, this.#original, labels), offset)
