@@ -7,11 +7,11 @@
 namespace tavrel::report {
 
 std::vector<std::byte> gzip(std::span<const std::byte> bytes) {
-  constexpr int kLevel = 4;  // as other outputs
+  constexpr int kLevel = 1, kStrategy = Z_RLE;  // as other outputs
   constexpr int kWindowBits = 15, kGzip = 16, kMemoryLevel = 8;
   z_stream stream{};
-  if (deflateInit2(&stream, kLevel, Z_DEFLATED, kWindowBits + kGzip, kMemoryLevel,
-                   Z_DEFAULT_STRATEGY) != Z_OK)
+  if (deflateInit2(&stream, kLevel, Z_DEFLATED, kWindowBits + kGzip, kMemoryLevel, kStrategy) !=
+      Z_OK)
     throw std::bad_alloc();
   std::vector<std::byte> result(deflateBound(&stream, bytes.size()));
   stream.next_in = reinterpret_cast<Bytef*>(const_cast<std::byte*>(bytes.data()));

@@ -14,9 +14,9 @@ namespace {
 constexpr int kPatienceMicroseconds = 700'000;
 constexpr int kMostAlarms = 12;  // that wait for files
 
-volatile std::sig_atomic_t arrived = 0;
-volatile std::sig_atomic_t alarms = 0;
-std::atomic<int> unfinished = 0;
+// Handlers run on any thread.
+std::atomic<int> arrived = 0, alarms = 0, unfinished = 0;
+static_assert(std::atomic<int>::is_always_lock_free);
 const char* programName = "";
 
 void setAlarm() {
@@ -25,9 +25,7 @@ void setAlarm() {
 }
 
 void note(int signal) {
-  const bool isFirst = !arrived;
-  arrived = signal;
-  if (isFirst) setAlarm();  // that an impatient user does not put off
+  if (arrived.exchange(signal) == 0) setAlarm();  // that an impatient user does not put off
 }
 
 void say(int stream, const char* words) {
@@ -37,8 +35,7 @@ void say(int stream, const char* words) {
 /// Nothing has answered the signal.
 void endProcess(int) {
   if (!arrived) return;
-  alarms = alarms + 1;
-  if (unfinished > 0 && alarms < kMostAlarms) return setAlarm();
+  if (++alarms < kMostAlarms && unfinished > 0) return setAlarm();
   if (isatty(STDOUT_FILENO)) say(STDOUT_FILENO, "\r\033[K");  // the live line
   for (const char* words : {programName, ": interrupted\n"}) say(STDERR_FILENO, words);
   _exit(128 + arrived);

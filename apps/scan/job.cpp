@@ -14,6 +14,7 @@
 #include "nifti/scan.h"
 #include "nifti/writer.h"
 #include "output.h"
+#include "parallel.h"
 #include "picture.h"
 #include "targets.h"
 
@@ -72,8 +73,9 @@ std::unique_ptr<Image> imageOf(const Scan& scan) {
 
 /// A view of the scan; its voxels can be read as long as the scan lives.
 ScanView viewOf(const Scan& scan) {
-  return {gridOf(scan.header), scan.header.orientation,
-          [&scan](std::size_t first, std::span<float> voxels) { intensities(scan, first, voxels); }};
+  return {
+      gridOf(scan.header), scan.header.orientation,
+      [&scan](std::size_t first, std::span<float> voxels) { intensities(scan, first, voxels); }};
 }
 
 /// The reason why a job failed, from the exception being handled.
@@ -195,24 +197,37 @@ class Run {
                                job_.fromMask.empty() ? weight(result_.w5) : "given mask");
     for (const Flag& flag : result_.flags) caption += "   " + flag.text;
     if (!scan_.header.orientation) caption += "   orientation unknown, cuts as stored";
-    return drawPicture({viewOf(scan_).read, stripped_.mask, scan_.header.size,
-                        scan_.header.spacing, scan_.header.orientation,
-                        fs::path(job_.input).filename().string(), caption});
+    return drawPicture({viewOf(scan_).read, stripped_.mask, scan_.header.size, scan_.header.spacing,
+                        scan_.header.orientation, fs::path(job_.input).filename().string(),
+                        caption});
+  }
+
+  /// What writes each of the outputs beside its target, the slowest first. They can go on at the
+  /// same time.
+  std::vector<std::function<PendingFile()>> writers() const {
+    const OutputPaths& paths = job_.outputs;
+    std::vector<std::function<PendingFile()>> writers;
+    const auto add = [&](const fs::path& target, auto&& writer) {
+      if (!target.empty()) writers.push_back([&target, writer] { return writer(target); });
+    };
+    add(paths.phi, [this](auto& path) { return writeFloats(path, scan_, stripped_.phi); });
+    add(paths.qc, [this](auto& path) { return writePending(path, picture(), scan_.permissions); });
+    add(paths.brain, [this](auto& path) { return writeBrain(path, scan_, stripped_.mask); });
+    add(paths.mask, [this](auto& path) { return writeMask(path, scan_, stripped_.mask); });
+    return writers;
   }
 
   /// Writes all outputs beside their targets, then puts them in place together.
   void write() {
-    const OutputPaths& paths = job_.outputs;
-    std::vector<std::byte> png;
-    if (!paths.qc.empty()) png = picture();
     std::set<fs::path> folders;
-    for (const fs::path& target : paths.all()) folders.insert(folderOf(target));
+    for (const fs::path& target : job_.outputs.all()) folders.insert(folderOf(target));
     for (const fs::path& folder : folders) removeStale(folder);
+    const auto writers = this->writers();
+    std::vector<std::optional<PendingFile>> written(writers.size());
+    parallelFor(job_.strip.threads, int(writers.size()),
+                [&](int i) { written[std::size_t(i)].emplace(writers[std::size_t(i)]()); });
     std::vector<PendingFile> files;
-    if (!paths.brain.empty()) files.push_back(writeBrain(paths.brain, scan_, stripped_.mask));
-    if (!paths.mask.empty()) files.push_back(writeMask(paths.mask, scan_, stripped_.mask));
-    if (!paths.phi.empty()) files.push_back(writeFloats(paths.phi, scan_, stripped_.phi));
-    if (!paths.qc.empty()) files.push_back(writePending(paths.qc, png, scan_.permissions));
+    for (auto& file : written) files.push_back(std::move(*file));
     if (observer_.onWritten) observer_.onWritten(scan_, result_, files);
     checkInterrupted();
     commitTogether(files, job_.force);
@@ -259,7 +274,8 @@ std::uint64_t memoryNeed(const Header& header, const StripSettings& settings) {
   const std::uint64_t scan = voxels * (kScan + 2 * std::uint64_t(header.bytesPerVoxel));
   if (settings.evolution == Evolution::scan)
     return kProgram + scan +
-           kWork * voxelCount(largestWorkGrid({gridOf(header), header.orientation, {}}, settings).size);
+           kWork *
+               voxelCount(largestWorkGrid({gridOf(header), header.orientation, {}}, settings).size);
   const std::uint64_t work = voxelCount(exactGrid(gridOf(header), settings).size);
   return kProgram + scan + work * kExact + (settings.resampleMm ? voxels * kResampling : 0) +
          (settings.phi ? std::max(voxels, work) * kPhi : 0);
