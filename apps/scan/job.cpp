@@ -265,13 +265,13 @@ ScanResult stripFile(const ScanJob& job, const JobObserver& observer) {
 }
 
 std::uint64_t memoryNeed(const Header& header, const StripSettings& settings) {
-  // Bytes a voxel, measured over heads of 0.9 to 17 million voxels and rounded up: reading and
-  // drawing; the working grid of the evolution for scans; the exact evolution with the distances of
-  // the finishing; what comes on top.
-  constexpr std::uint64_t kScan = 8, kWork = 26, kExact = 48, kResampling = 16, kPhi = 12;
+  // Bytes a voxel, measured over heads of 0.9 to 57 million voxels and rounded up: the mask and what
+  // goes with it; the working grid of the evolution for scans; the exact evolution with the
+  // distances of the finishing; what comes on top.
+  constexpr std::uint64_t kScan = 4, kWork = 26, kExact = 48, kResampling = 16, kPhi = 12;
   constexpr std::uint64_t kProgram = 48 << 20;
   const std::uint64_t voxels = voxelCount(header.size);
-  const std::uint64_t scan = voxels * (kScan + 2 * std::uint64_t(header.bytesPerVoxel));
+  const std::uint64_t scan = voxels * (kScan + std::uint64_t(header.bytesPerVoxel));
   if (settings.evolution == Evolution::scan)
     return kProgram + scan +
            kWork *

@@ -151,6 +151,8 @@ int pixels(const Walk& walk, double pixelsPerMm) {
   return std::max(1, int(std::lround(walk.count * walk.spacing * pixelsPerMm)));
 }
 
+constexpr float kHalf = 0.5f;  // of a voxel inside the mask: where its contour runs
+
 /// The cuts of one plane, drawn with their upper left corners at (left, top).
 class CutPainter {
  public:
@@ -196,12 +198,16 @@ class CutPainter {
   /// Strokes the line on which the interpolated mask is one half (marching squares).
   void drawContour(Canvas& canvas, int left, int top, const std::vector<float>& inside) const {
     cairo_t* painter = canvas.painter();
+    const auto isInside = [](float share) { return share > kHalf; };
     for (int y = 0; y + 1 < height; ++y) {
       const float *upper = &inside[std::size_t(y) * width], *lower = upper + width;
       for (int x = 0; x + 1 < width; ++x) {
-        const std::array<float, 4> corners = {upper[x] - 0.5f, upper[x + 1] - 0.5f,
-                                              lower[x + 1] - 0.5f, lower[x] - 0.5f};
-        strokeSquare(painter, left + x + 0.5, top + y + 0.5, corners);
+        const int corners = isInside(upper[x]) + isInside(upper[x + 1]) + isInside(lower[x]) +
+                            isInside(lower[x + 1]);
+        if (corners % 4 != 0)
+          strokeSquare(
+              painter, left + x + 0.5, top + y + 0.5,
+              {upper[x] - kHalf, upper[x + 1] - kHalf, lower[x + 1] - kHalf, lower[x] - kHalf});
       }
     }
     cairo_set_source_rgb(painter, 1, 0.85, 0);

@@ -178,12 +178,12 @@ class CommandLine {
                           ->default_str("700 2200"));
     // As many as the process may use; the variable is for schedulers and scripts.
     o_.strip.threads = usableProcessors();
-    method_.push_back(method("--threads", o_.strip.threads,
-                             "Threads a scan; the result does not depend on it (default: the "
-                             "processors that may be used)",
-                             "N")
-                          ->envname(kThreadsVariable)
-                          ->check(CLI::Range(1, kMostThreads).description("")));
+    method("--threads", o_.strip.threads,
+           "Threads a scan; the result does not depend on it (default: the processors that may be "
+           "used)",
+           "N")
+        ->envname(kThreadsVariable)
+        ->check(CLI::Range(1, kMostThreads).description(""));
   }
 
   void addFinishing() {

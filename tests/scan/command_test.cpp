@@ -269,6 +269,15 @@ TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
   EXPECT_EQ(inflate(name("scan_brain.nii.gz")), brain);
   EXPECT_EQ(readBytes(mask), given);
 
+  // Outputs are written at the same time, or one after another.
+  for (const std::string threads : {"1", "3"})
+    ASSERT_EQ(run({scan, "--from-mask", mask, "--threads", threads, "--out-dir", name(threads),
+                   "--mask", name(threads + "/mask.nii.gz")})
+                  .status,
+              0);
+  for (const char* file : {"mask.nii.gz", "scan_brain.nii.gz", "scan_brain_qc.png"})
+    EXPECT_EQ(readBytes(folder_ / "1" / file), readBytes(folder_ / "3" / file));
+
   // Corrected by hand: one half is cut away, and the voxels inside hold 255.
   Bytes edited = inflate(mask);
   std::fill(edited.begin() + 352, edited.begin() + 352 + 37 * 42 * 20, '\0');
