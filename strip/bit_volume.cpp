@@ -99,4 +99,58 @@ Box grown(const Box& box, const Size& voxels, const Size& size) {
   return result;
 }
 
+BitVolume doubled(const BitVolume& mask, const Size& size) {
+  BitVolume result(size);
+  for (int z = 0; z < size[2]; ++z)
+    for (int y = 0; y < size[1]; ++y) {
+      const auto from = mask.row(y / 2, z / 2);
+      const auto to = result.row(y, z);
+      for (std::size_t w = 0; w < to.size(); ++w) {
+        // Every bit of half a word twice.
+        BitVolume::Word bits = from[w / 2] >> (w % 2 * 32) & 0xffffffff;
+        bits = (bits | bits << 16) & 0x0000ffff0000ffff;
+        bits = (bits | bits << 8) & 0x00ff00ff00ff00ff;
+        bits = (bits | bits << 4) & 0x0f0f0f0f0f0f0f0f;
+        bits = (bits | bits << 2) & 0x3333333333333333;
+        bits = (bits | bits << 1) & 0x5555555555555555;
+        to[w] = bits | bits << 1;
+      }
+      to.back() &= result.lastWord();
+    }
+  return result;
+}
+
+BitVolume cropped(const BitVolume& mask, const Box& box) {
+  BitVolume part(box.size());
+  const int shift = box.first[0] % BitVolume::kBits, skip = box.first[0] / BitVolume::kBits;
+  for (int z = 0; z < part.size()[2]; ++z)
+    for (int y = 0; y < part.size()[1]; ++y) {
+      const auto from = mask.row(y + box.first[1], z + box.first[2]);
+      const auto to = part.row(y, z);
+      for (std::size_t w = 0; w < to.size(); ++w) {
+        const std::size_t i = w + std::size_t(skip);
+        to[w] = from[i] >> shift;
+        if (shift > 0 && i + 1 < from.size()) to[w] |= from[i + 1] << (BitVolume::kBits - shift);
+      }
+      to.back() &= part.lastWord();
+    }
+  return part;
+}
+
+BitVolume uncropped(const BitVolume& part, const Box& box, const Size& size) {
+  BitVolume mask(size);
+  const int shift = box.first[0] % BitVolume::kBits, skip = box.first[0] / BitVolume::kBits;
+  for (int z = 0; z < part.size()[2]; ++z)
+    for (int y = 0; y < part.size()[1]; ++y) {
+      const auto from = part.row(y, z);
+      const auto to = mask.row(y + box.first[1], z + box.first[2]);
+      for (std::size_t w = 0; w < from.size(); ++w) {
+        const std::size_t i = w + std::size_t(skip);
+        to[i] |= from[w] << shift;
+        if (shift > 0 && i + 1 < to.size()) to[i + 1] |= from[w] >> (BitVolume::kBits - shift);
+      }
+    }
+  return mask;
+}
+
 }  // namespace tavrel::strip

@@ -89,4 +89,11 @@ Box boundingBox(const BitVolume& mask);
 /// The box grown by so many voxels on all sides, as far as a volume of this size goes.
 Box grown(const Box& box, const Size& voxels, const Size& size);
 
+/// A mask on the grid of twice the resolution and this size, every voxel as 2 x 2 x 2.
+BitVolume doubled(const BitVolume& mask, const Size& size);
+/// The part of a mask.
+BitVolume cropped(const BitVolume& mask, const Box& box);
+/// A mask of this size with the part in its place and 0 elsewhere.
+BitVolume uncropped(const BitVolume& part, const Box& box, const Size& size);
+
 }  // namespace tavrel::strip

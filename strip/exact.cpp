@@ -1,16 +1,15 @@
-#include "stripping.h"
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 
 #include "body.h"
+#include "stripping.h"
 
 namespace tavrel::strip {
 namespace {
 
-// The automatic choice takes kUsualW5, kThinW5 where the mask of the half resolution is thin and does
-// not leak with it, and less than kUsualW5 in steps of kW5Step while the mask leaks.
+// The automatic choice takes kUsualW5, kThinW5 where the mask of the half resolution is thin and
+// does not leak with it, and less than kUsualW5 in steps of kW5Step while the mask leaks.
 constexpr double kUsualW5 = 1.0, kThinW5 = 1.1, kLeastW5 = 0.7, kW5Step = 0.1;
 
 using Clock = std::chrono::steady_clock;
@@ -153,7 +152,7 @@ std::optional<Candidate> tryWeight(ExactRuns& evolution, double w5, const Grid& 
 
 /// Looks for a weight with which the mask neither leaks nor is thin.
 Candidate chooseExactWeight(ExactRuns& evolution, const Grid& grid, const StripSettings& settings,
-                       const StripObserver& observer) {
+                            const StripObserver& observer) {
   const auto attempt = [&](double w5, auto&& goOn) {
     return tryWeight(evolution, w5, grid, settings, observer, goOn);
   };
@@ -185,7 +184,7 @@ Grid exactGrid(const Grid& grid, const StripSettings& settings) {
 }
 
 Stripped stripExactly(std::unique_ptr<Image> image, const Grid& grid, const StripSettings& settings,
-                   const StripObserver& observer) {
+                      const StripObserver& observer) {
   const Grid work = exactGrid(grid, settings);
   ExactRuns evolution(imageOnGrid(std::move(image), grid, work), work, settings.threads);
   pass(observer.checkpoint);

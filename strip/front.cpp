@@ -5,8 +5,8 @@
 #include <cmath>
 #include <utility>
 
-#include "parallel.h"
 #include "front_kernels.h"
+#include "parallel.h"
 
 namespace tavrel::strip {
 namespace {
@@ -88,7 +88,8 @@ void Front::begin(const BitVolume& inside) {
   box_ = boundingBox(inside);
 }
 
-/// Edge voxels are those with a face neighbour on the other side, the layer those beside edge voxels.
+/// Edge voxels are those with a face neighbour on the other side, the layer those beside edge
+/// voxels.
 void Front::findBand(const BitVolume& inside, const BitVolume& domain) {
   FrontBand& b = band_;
   b.voxels.clear();
@@ -110,13 +111,13 @@ void Front::findBand(const BitVolume& inside, const BitVolume& domain) {
     const auto allowed = domain.row(y, z);
     const auto edges = edgeBits_.row(y, z);
     const int start = (z * image_.size()[1] + y) * image_.rowLength();
-    const int blockRow = ((z / image_.block()) * image_.blocks()[1] + y / image_.block()) *
-                         image_.blocks()[0];
+    const int blockRow =
+        ((z / image_.block()) * image_.blocks()[1] + y / image_.block()) * image_.blocks()[0];
     for (int w = 0; w < r.words; ++w) {
       const Word here = r.here[w];
-      const Word edge = allowed[w] & ((here ^ r.left(w)) | (here ^ r.right(w)) |
-                                      (here ^ r.before[w]) | (here ^ r.after[w]) |
-                                      (here ^ r.below[w]) | (here ^ r.above[w]));
+      const Word edge =
+          allowed[w] & ((here ^ r.left(w)) | (here ^ r.right(w)) | (here ^ r.before[w]) |
+                        (here ^ r.after[w]) | (here ^ r.below[w]) | (here ^ r.above[w]));
       if (!edge) continue;
       edges[w] = edge;
       const int x0 = w * BitVolume::kBits;
@@ -139,7 +140,8 @@ void Front::findBand(const BitVolume& inside, const BitVolume& domain) {
     const auto allowed = domain.row(y, z);
     const int start = (z * image_.size()[1] + y) * image_.rowLength();
     for (int w = 0; w < r.words; ++w) {
-      const Word beside = r.left(w) | r.right(w) | r.before[w] | r.after[w] | r.below[w] | r.above[w];
+      const Word beside =
+          r.left(w) | r.right(w) | r.before[w] | r.after[w] | r.below[w] | r.above[w];
       forBits(beside & ~r.here[w] & allowed[w], w * BitVolume::kBits,
               [&](int x) { b.voxels.push_back(start + x); });
     }
@@ -179,10 +181,12 @@ long Front::step(BitVolume& inside, const FrontSettings& settings) {
   FrontBand& b = band_;
   const std::size_t all = b.voxels.size();
   const FrontView view{image_.rowLength(), image_.rowLength() * image_.size()[1],
-                       b.voxels.data(), b.blocks.data(), b.intensity.data(),
-                       b.nearestX.data(), b.nearestY.data(), b.nearestZ.data(),
-                       b.distance.data(), b.speed.data(), b.source.data(),
-                       phi_.get(), distance_.get(), speed_.get(),
+                       b.voxels.data(),    b.blocks.data(),
+                       b.intensity.data(), b.nearestX.data(),
+                       b.nearestY.data(),  b.nearestZ.data(),
+                       b.distance.data(),  b.speed.data(),
+                       b.source.data(),    phi_.get(),
+                       distance_.get(),    speed_.get(),
                        meanInside_.data(), meanOutside_.data(),
                        float(settings.w3), float(settings.w5)};
   const auto inParts = [&](std::size_t first, std::size_t end, auto&& loop) {

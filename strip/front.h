@@ -2,20 +2,25 @@
 //
 // It solves the equation of the exact evolution with the same weights,
 //
-//   d Phi / d t = -F |grad Phi|,   F = -w3 * curvature - |I - mean inside| + w5 * |I - mean outside|,
+//   d Phi / d t = -F |grad Phi|,   F = -w3 * curvature - |I - mean inside| + w5 * |I - mean
+//   outside|,
 //
-// with Phi the signed distance in voxels (negative inside) and the means taken over windows of about
-// 21 voxels around every point of the surface. It differs from the exact evolution in this:
+// with Phi the signed distance in voxels (negative inside) and the means taken over windows of
+// about 21 voxels around every point of the surface. It differs from the exact evolution in this:
 //
-// - Only the voxels next to the surface (edge voxels: a face neighbour is on the other side) and the
+// - Only the voxels next to the surface (edge voxels: a face neighbour is on the other side) and
+// the
 //   layer of face neighbours around those are carried. Distances of edge voxels come from where the
-//   surface crosses the grid's axes, those of the layer from the Eikonal equation on the edge voxels
-//   (first order upwind; Sethian, "Level Set Methods and Fast Marching Methods", 1999, chapter 8).
-// - Speeds are 32-bit, and speeds off the surface are taken from its nearest point as far as the two
+//   surface crosses the grid's axes, those of the layer from the Eikonal equation on the edge
+//   voxels (first order upwind; Sethian, "Level Set Methods and Fast Marching Methods", 1999,
+//   chapter 8).
+// - Speeds are 32-bit, and speeds off the surface are taken from its nearest point as far as the
+// two
 //   voxels of a crossing tell (Adalsteinsson and Sethian, "The Fast Construction of Extension
 //   Velocities in Level Set Methods", J. Comput. Phys. 148, 1999).
 // - Curvature is the Laplacian of the distance, held between -3 and 3.
-// - The means are of whole blocks of voxels, as exact integer sums; a voxel that changes sides changes
+// - The means are of whole blocks of voxels, as exact integer sums; a voxel that changes sides
+// changes
 //   the sum of its block.
 // - The surface may be held inside a given region, and the number of steps is bounded.
 //
@@ -35,9 +40,9 @@ namespace tavrel::strip {
 
 /// How a surface is moved on one level.
 struct FrontSettings {
-  double w3 = 0.01;         ///< weight of the curvature
-  double w5 = 1;            ///< weight of the outside mean
-  int mostSteps = 12;       ///< end after so many steps
+  double w3 = 0.01;           ///< weight of the curvature
+  double w5 = 1;              ///< weight of the outside mean
+  int mostSteps = 12;         ///< end after so many steps
   double converged = 0.0002;  ///< or when the inside changes by less than this share in a step
   int threads = 1;
   InstructionSet instructions = widestInstructionSet();
@@ -45,13 +50,13 @@ struct FrontSettings {
 
 /// Arrays of the band: edge voxels first by grid index, then the layer. All have one entry a voxel.
 struct FrontBand {
-  std::vector<int> voxels;          ///< index in the level's volume
-  std::vector<int> blocks;          ///< of edge voxels: index of the block
-  std::vector<float> intensity;     ///< of edge voxels: 0 to 1
+  std::vector<int> voxels;                          ///< index in the level's volume
+  std::vector<int> blocks;                          ///< of edge voxels: index of the block
+  std::vector<float> intensity;                     ///< of edge voxels: 0 to 1
   std::vector<float> nearestX, nearestY, nearestZ;  ///< of edge voxels: offset to the surface
-  std::vector<float> distance;      ///< signed
+  std::vector<float> distance;                      ///< signed
   std::vector<float> speed;
-  std::vector<int> source;          ///< of layer voxels: the edge voxel that gives their speed
+  std::vector<int> source;  ///< of layer voxels: the edge voxel that gives their speed
 };
 
 /// A surface on one level; can be used for one mask after another.
@@ -64,9 +69,6 @@ class Front {
   /// @return the number of steps done
   int evolve(BitVolume& inside, const BitVolume& domain, const FrontSettings& settings,
              const Checkpoint& checkpoint = {});
-
-  /// Edge and layer voxels of the last step, one after the other, for tests and benchmarks.
-  std::size_t edgeVoxels() const { return edges_; }
 
  private:
   void begin(const BitVolume& inside);

@@ -46,9 +46,10 @@ struct FrontView {
 }
 
 /// Distance and nearest point of edge voxels [first, end): that of the plane through the crossings.
-[[gnu::always_inline]] inline void crossingLoop(
-    const FrontView& v, std::size_t first, std::size_t end, float* __restrict nx,
-    float* __restrict ny, float* __restrict nz, float* __restrict distances) {
+[[gnu::always_inline]] inline void crossingLoop(const FrontView& v, std::size_t first,
+                                                std::size_t end, float* __restrict nx,
+                                                float* __restrict ny, float* __restrict nz,
+                                                float* __restrict distances) {
   const Index X = v.X, XY = v.XY;
   const Index* voxels = v.voxels;
   const float* phi = v.phi;
@@ -80,8 +81,8 @@ struct FrontView {
 }
 
 /// Distance of layer voxels, and the edge voxel nearest to the surface among their neighbours.
-[[gnu::always_inline]] inline void layerLoop(const FrontView& v, std::size_t first,
-                                             std::size_t end, Index* __restrict source,
+[[gnu::always_inline]] inline void layerLoop(const FrontView& v, std::size_t first, std::size_t end,
+                                             Index* __restrict source,
                                              float* __restrict distances) {
   const Index X = v.X, XY = v.XY;
   const Index* voxels = v.voxels;
@@ -101,8 +102,8 @@ struct FrontView {
 }
 
 /// Speed at edge voxels.
-[[gnu::always_inline]] inline void speedLoop(const FrontView& v, std::size_t first,
-                                             std::size_t end, float* __restrict speeds) {
+[[gnu::always_inline]] inline void speedLoop(const FrontView& v, std::size_t first, std::size_t end,
+                                             float* __restrict speeds) {
   const Index X = v.X, XY = v.XY;
   const Index *voxels = v.voxels, *blocks = v.blocks;
   const float *d = v.distance, *intensity = v.intensity;
@@ -126,7 +127,8 @@ struct FrontView {
   const Index* voxels = v.voxels;
   const float *nx = v.nearestX, *ny = v.nearestY, *nz = v.nearestZ;
   const float* f = v.speed;
-  // Between the voxel and its neighbour where the surface crosses: square / offset is how far that is.
+  // Between the voxel and its neighbour where the surface crosses: square / offset is how far that
+  // is.
   const auto crossing = [](float own, float other, float square, float offset) {
     const float far = std::min(1.0f, square / std::max(std::abs(offset), 1e-20f));
     return offset * offset * (own + far * (other - own));
@@ -164,16 +166,24 @@ struct FrontView {
 enum class FrontLoop { crossings, layer, speeds, extension, move };
 
 /// Runs one of the loops; `step` is for the move, and the extension gives the largest speed.
-[[gnu::always_inline]] inline float runFrontLoop(FrontLoop loop, const FrontView& v, std::size_t first, std::size_t end,
-                          float step) {
+[[gnu::always_inline]] inline float runFrontLoop(FrontLoop loop, const FrontView& v,
+                                                 std::size_t first, std::size_t end, float step) {
   switch (loop) {
     case FrontLoop::crossings:
       crossingLoop(v, first, end, v.nearestX, v.nearestY, v.nearestZ, v.distances);
       break;
-    case FrontLoop::layer: layerLoop(v, first, end, v.source, v.distances); break;
-    case FrontLoop::speeds: speedLoop(v, first, end, v.speeds); break;
-    case FrontLoop::extension: extensionLoop(v, first, end, v.speeds); return largestLoop(v, first, end);
-    case FrontLoop::move: moveLoop(v, first, end, step); break;
+    case FrontLoop::layer:
+      layerLoop(v, first, end, v.source, v.distances);
+      break;
+    case FrontLoop::speeds:
+      speedLoop(v, first, end, v.speeds);
+      break;
+    case FrontLoop::extension:
+      extensionLoop(v, first, end, v.speeds);
+      return largestLoop(v, first, end);
+    case FrontLoop::move:
+      moveLoop(v, first, end, step);
+      break;
   }
   return 0;
 }

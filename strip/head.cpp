@@ -11,10 +11,10 @@ namespace {
 
 // Lengths in mm, areas in mm^2.
 constexpr double kBlockMm = 4;
-constexpr double kUpperPart = 120;   // of the head, whose centre is in the brain
-constexpr double kDepth = 180;       // from the top down to what can be brain
-constexpr double kMargin = 8;        // around the head's box
-constexpr double kTopArea = 1200;    // of the highest slice that counts
+constexpr double kUpperPart = 120;  // of the head, whose centre is in the brain
+constexpr double kDepth = 180;      // from the top down to what can be brain
+constexpr double kMargin = 8;       // around the head's box
+constexpr double kTopArea = 1200;   // of the highest slice that counts
 constexpr double kClose = 12, kBelowSkin = 10;
 constexpr double kLeastHeadMl = 300;
 // Of the way from air to Otsu's threshold: darker tissue belongs to the head.
@@ -35,8 +35,8 @@ BlockMeans blockMeans(const ScanView& scan) {
     means.grid.size[d] = (whole.size[d] + means.voxels[d] - 1) / means.voxels[d];
     means.grid.spacing[d] = whole.spacing[d] * means.voxels[d];
   }
-  const auto offsets = offsetsInto(scan, means.grid.size,
-                                   [&](int axis, int i) { return i / means.voxels[axis]; });
+  const auto offsets =
+      offsetsInto(scan, means.grid.size, [&](int axis, int i) { return i / means.voxels[axis]; });
   const std::size_t n = voxelCount(means.grid.size);
   std::vector<double> sums(n, 0);
   std::vector<int> counts(n, 0);
@@ -193,16 +193,16 @@ std::optional<Head> findHead(const ScanView& scan) {
                [&](float v) { return v < threshold; });
   Head head;
   head.blocks = means.grid;
-  head.air = percentile(std::move(dark), 0.5);
-  const BitVolume bright =
-      brightPiece(means, head.air + kAirShare * (threshold - head.air), head.otherPiece);
+  const float air = percentile(std::move(dark), 0.5);
+  const BitVolume bright = brightPiece(means, air + kAirShare * (threshold - air), head.otherPiece);
   const Spacing& spacing = means.grid.spacing;
   head.mask = bright;
   dilate(head.mask, spacing, kClose);
   erode(head.mask, spacing, kClose);
   fillHoles(head.mask);
   const int top = topSlice(head.mask, spacing);
-  if (top < 0 || millilitres(double(head.mask.count()), spacing) < kLeastHeadMl) return std::nullopt;
+  if (top < 0 || millilitres(double(head.mask.count()), spacing) < kLeastHeadMl)
+    return std::nullopt;
   head.centre = centreOf(head.mask, top, spacing);
   head.box = workBox(head.mask, top, means, Axes(scan).anatomical());
   const auto inside = samplesInside(scan, bright, means, top);

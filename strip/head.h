@@ -16,13 +16,12 @@ namespace tavrel::strip {
 
 /// A head as it was found; lengths in mm in anatomical order from the scan's outer corner.
 struct Head {
-  Grid blocks;              ///< grid of the block means
-  BitVolume mask;           ///< the head on that grid, closed and filled
+  Grid blocks;                   ///< grid of the block means
+  BitVolume mask;                ///< the head on that grid, closed and filled
   std::array<double, 3> centre;  ///< of gravity of the head's upper part
-  Box box;                  ///< voxels of the scan, in anatomical order, to work on
-  float low = 0, high = 0;  ///< intensities of air (or the darkest) and bright tissue
-  double otherPiece = 0;    ///< size of the largest bright object beside the head over the head's
-  float air = 0;            ///< median intensity of what is not the head
+  Box box;                       ///< voxels of the scan, in anatomical order, to work on
+  float low = 0, high = 0;       ///< intensities of air (or the darkest) and bright tissue
+  double otherPiece = 0;  ///< size of the largest bright object beside the head over the head's
 };
 
 /// The largest box in which findHead() may find work, in voxels of the scan in anatomical order.

@@ -23,8 +23,7 @@ class Histogram {
     const Size& size = mask.size();
     for (int z = 0; z < size[2]; ++z)
       for (int y = 0; y < size[1]; ++y) {
-        const std::uint16_t* row =
-            image.values.data() + (std::size_t(z) * size[1] + y) * size[0];
+        const std::uint16_t* row = image.values.data() + (std::size_t(z) * size[1] + y) * size[0];
         for (int w = 0; w < mask.wordsInRow(); ++w)
           forBits(mask.row(y, z)[w], w * BitVolume::kBits, [&](int x) {
             ++counts_[row[x]];
@@ -157,20 +156,20 @@ Judgement judge(const Evidence& e, const VolumeRange& volumes) {
        print("mask loses %.0f %% of its volume when W5 grows", 100 * e.shrinking));
   rule(e.gapless, 0.1, 0.2, "gap",  // 0.01
        print("no dark gap behind %.0f %% of the surface", 100 * e.gapless));
-  rule(e.whiteOverGrey, 1.2, 1.12, "contrast",  // 1.32
-       print("contrast is not T1-like (core %.2f times as bright as the surface)",
-             e.whiteOverGrey));
+  rule(
+      e.whiteOverGrey, 1.2, 1.12, "contrast",  // 1.32
+      print("contrast is not T1-like (core %.2f times as bright as the surface)", e.whiteOverGrey));
   rule(e.emptyAround, 0.8, 0.9, "stripped", "already stripped: nothing around the brain");  // 0.80
-  rule(e.seedInside, 0.65, 0.5, "seed",  // 0.81
+  rule(e.seedInside, 0.65, 0.5, "seed",                                                     // 0.81
        print("seed outside the brain (%.0f %% of it inside the mask)", 100 * e.seedInside));
   rule(e.cutCm2, 5, 10, "cut",  // 2.8
        print("cut by the field of view (%.0f cm2 of the mask at its border)", e.cutCm2));
   rule(e.cutBelowCm2, 20, 30, "cut",  // 15
        print("cut by the field of view (%.0f cm2 of the mask at its bottom)", e.cutBelowCm2));
-  rule(e.widthMm, 165, 175, "leak", print("leak: the mask is %.0f mm wide", e.widthMm));  // 152
+  rule(e.widthMm, 165, 175, "leak", print("leak: the mask is %.0f mm wide", e.widthMm));    // 152
   rule(e.lengthMm, 205, 215, "leak", print("leak: the mask is %.0f mm long", e.lengthMm));  // 180
   rule(e.heightMm, 180, 190, "leak", print("leak: the mask is %.0f mm high", e.heightMm));  // 168
-  rule(e.headWidthMm, 240, 270, "head", print("head is %.0f mm wide", e.headWidthMm));  // 224
+  rule(e.headWidthMm, 240, 270, "head", print("head is %.0f mm wide", e.headWidthMm));      // 224
   rule(e.otherPiece, 0.15, 0.3, "head",
        print("another bright object of %.0f %% of the head's size", 100 * e.otherPiece));
   rule(e.voxelMm3, 27, 43, "resolution", print("voxels of %.0f mm3 are too large", e.voxelMm3));

@@ -43,9 +43,9 @@ struct Evidence {
   double cutCm2 = 0;         ///< of the mask at the field of view's border, but for its bottom
   double cutBelowCm2 = 0;    ///< of the mask at its bottom
   double heightMm = 0, lengthMm = 0, widthMm = 0;  ///< of the mask
-  double headWidthMm = 0;    ///< of the head
-  double otherPiece = 0;     ///< size of the largest bright object beside the head over the head's
-  double voxelMm3 = 1;       ///< volume of a voxel of the scan
+  double headWidthMm = 0;                          ///< of the head
+  double otherPiece = 0;  ///< size of the largest bright object beside the head over the head's
+  double voxelMm3 = 1;    ///< volume of a voxel of the scan
 };
 
 /// What a mask is rated on.

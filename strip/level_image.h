@@ -1,8 +1,8 @@
-// One resolution of a scan as the evolution reads it: intensities as 12-bit integers, and their sums
-// over the surroundings of every block of voxels.
+// One resolution of a scan as the evolution reads it: intensities as 12-bit integers, and their
+// sums over the surroundings of every block of voxels.
 //
-// The volume has a border of one voxel on all sides that the surface never enters, and rows of whole
-// words of a BitVolume: voxel (x, y, z) of the image has the index
+// The volume has a border of one voxel on all sides that the surface never enters, and rows of
+// whole words of a BitVolume: voxel (x, y, z) of the image has the index
 // ((z + 1) * rows + y + 1) * rowLength + x + 1 here, the same as its bit in a mask of `size`.
 #pragma once
 
@@ -32,9 +32,7 @@ Intensities cropped(const Intensities& image, const Box& box);
 /// sum * 2^kCountBits + number.
 using CountedSum = std::int64_t;
 inline constexpr int kCountBits = 24;
-constexpr CountedSum counted(int intensity) {
-  return (CountedSum{intensity} << kCountBits) + 1;
-}
+constexpr CountedSum counted(int intensity) { return (CountedSum{intensity} << kCountBits) + 1; }
 
 /// Intensities with the border, and the sums over windows of blocks.
 class LevelImage {
@@ -44,13 +42,13 @@ class LevelImage {
 
   LevelImage(const Intensities& image, int block);
 
-  const Grid& grid() const { return grid_; }             ///< without the border
-  const Size& size() const { return size_; }             ///< with the border
-  int rowLength() const { return rowLength_; }           ///< voxels from row to row
+  const Grid& grid() const { return grid_; }    ///< without the border
+  const Size& size() const { return size_; }    ///< with the border
+  int rowLength() const { return rowLength_; }  ///< voxels from row to row
   std::span<const std::uint16_t> values() const { return values_; }
   int block() const { return block_; }
-  const Size& blocks() const { return blocks_; }         ///< blocks along x, y, z
-  int reach() const { return kReach / block_; }          ///< of a window, in blocks
+  const Size& blocks() const { return blocks_; }  ///< blocks along x, y, z
+  int reach() const { return kReach / block_; }   ///< of a window, in blocks
   /// Over the window around each block, all voxels of the image.
   std::span<const CountedSum> windows() const { return windows_; }
   /// The voxels without the border.
@@ -77,7 +75,8 @@ class LevelImage {
 class WindowSums {
  public:
   /// @param sums    one a block, x fastest
-  /// @param result  receives the sums of the blocks in `box`; what it holds for others means nothing
+  /// @param result  receives the sums of the blocks in `box`; what it holds for others means
+  /// nothing
   void operator()(std::span<const CountedSum> sums, const Size& blocks, int reach, const Box& box,
                   std::vector<CountedSum>& result);
 

@@ -56,7 +56,8 @@ class Axes {
 using AxisOffsets = std::array<std::vector<std::ptrdiff_t>, 3>;
 
 /// Offsets of stored voxels in a volume in anatomical order.
-/// @param place  for (anatomical axis, anatomical index) the index along that axis of the volume, or
+/// @param place  for (anatomical axis, anatomical index) the index along that axis of the volume,
+/// or
 ///               -1 for what lies outside of it
 template <class Place>
 AxisOffsets offsetsInto(const ScanView& scan, const Size& volume, Place&& place) {

@@ -5,9 +5,9 @@
 #include <cmath>
 #include <mutex>
 
-#include "parallel.h"
 #include "front.h"
 #include "head.h"
+#include "parallel.h"
 #include "weight_choice.h"
 #include "work_image.h"
 
@@ -20,68 +20,13 @@ using Clock = std::chrono::steady_clock;
 constexpr double kCoarsestMm = 2.5;  // the coarsest level's voxels are larger
 constexpr std::array<double, 3> kSeedHalf = {36, 43, 32};
 constexpr double kTrialOpen = 2, kTrialClose = 6;  // finishing on the level of the trials
-constexpr double kHold = 6;    // from the trial's finished mask to where the surface may go
+constexpr double kHold = 6;  // from the trial's finished mask to where the surface may go
 constexpr int kCoarsestSteps = 200, kSteps = 12, kFinestSteps = 5;
+constexpr int kTrialBlock = 2, kFinestBlock = 4;  // edges in voxels, see LevelImage
 constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials' masks are tighter
 // The finest level only has to find the border near the chosen mask: there the brain's own mean
 // counts more, so that the darker voxels of the gap stay out.
 constexpr double kFinestW5 = 0.8;
-
-/// A mask on the grid of twice the resolution, of which it is at least half.
-BitVolume doubled(const BitVolume& mask, const Size& size) {
-  BitVolume result(size);
-  for (int z = 0; z < size[2]; ++z)
-    for (int y = 0; y < size[1]; ++y) {
-      const auto from = mask.row(y / 2, z / 2);
-      const auto to = result.row(y, z);
-      for (std::size_t w = 0; w < to.size(); ++w) {
-        // Every bit of half a word twice.
-        BitVolume::Word bits = from[w / 2] >> (w % 2 * 32) & 0xffffffff;
-        bits = (bits | bits << 16) & 0x0000ffff0000ffff;
-        bits = (bits | bits << 8) & 0x00ff00ff00ff00ff;
-        bits = (bits | bits << 4) & 0x0f0f0f0f0f0f0f0f;
-        bits = (bits | bits << 2) & 0x3333333333333333;
-        bits = (bits | bits << 1) & 0x5555555555555555;
-        to[w] = bits | bits << 1;
-      }
-      to.back() &= result.lastWord();
-    }
-  return result;
-}
-
-BitVolume cropped(const BitVolume& mask, const Box& box) {
-  BitVolume part(box.size());
-  const int shift = box.first[0] % BitVolume::kBits, skip = box.first[0] / BitVolume::kBits;
-  for (int z = 0; z < part.size()[2]; ++z)
-    for (int y = 0; y < part.size()[1]; ++y) {
-      const auto from = mask.row(y + box.first[1], z + box.first[2]);
-      const auto to = part.row(y, z);
-      for (std::size_t w = 0; w < to.size(); ++w) {
-        const std::size_t i = w + std::size_t(skip);
-        to[w] = from[i] >> shift;
-        if (shift > 0 && i + 1 < from.size()) to[w] |= from[i + 1] << (BitVolume::kBits - shift);
-      }
-      to.back() &= part.lastWord();
-    }
-  return part;
-}
-
-/// Puts the part back into an empty volume.
-BitVolume uncropped(const BitVolume& part, const Box& box, const Size& size) {
-  BitVolume mask(size);
-  const int shift = box.first[0] % BitVolume::kBits, skip = box.first[0] / BitVolume::kBits;
-  for (int z = 0; z < part.size()[2]; ++z)
-    for (int y = 0; y < part.size()[1]; ++y) {
-      const auto from = part.row(y, z);
-      const auto to = mask.row(y + box.first[1], z + box.first[2]);
-      for (std::size_t w = 0; w < from.size(); ++w) {
-        const std::size_t i = w + std::size_t(skip);
-        to[i] |= from[w] << shift;
-        if (shift > 0 && i + 1 < to.size()) to[i + 1] |= from[w] >> (BitVolume::kBits - shift);
-      }
-    }
-  return mask;
-}
 
 /// The image at falling resolutions, finest first.
 std::vector<Intensities> pyramid(Intensities finest) {
@@ -117,10 +62,13 @@ class Chain {
   }
 
   /// The level on which weights are compared: the second coarsest.
-  std::size_t trialLevel() const { return levels_.size() - std::min<std::size_t>(2, levels_.size()); }
+  std::size_t trialLevel() const {
+    return levels_.size() - std::min<std::size_t>(2, levels_.size());
+  }
 
   void runTrials() {
-    for (std::size_t l = trialLevel(); l < levels_.size(); ++l) images_.emplace_back(levels_[l], 2);
+    for (std::size_t l = trialLevel(); l < levels_.size(); ++l)
+      images_.emplace_back(levels_[l], kTrialBlock);
     if (settings_.w5)
       addTrials({{*settings_.w5}});
     else
@@ -141,7 +89,7 @@ class Chain {
     dilate(domain, levels_[trialLevel()].grid.spacing, kHold);
     domain = doubled(domain, image.grid.size);
     const Box box = grown(boundingBox(domain), {1, 1, 1}, image.grid.size);
-    const LevelImage level(strip::cropped(image, box), 4);
+    const LevelImage level(cropped(image, box), kFinestBlock);
     BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
     domain = cropped(domain, box);
     inside &= domain;
@@ -219,8 +167,8 @@ class Chain {
     for (std::size_t l = images_.size(); l-- > 0; steps = kSteps) {
       const LevelImage& image = images_[l];
       if (l + 1 < images_.size()) result.raw = doubled(result.raw, image.grid().size);
-      result.raw = evolve(image, *fronts[l], result.raw, image.domain(),
-                          {.w5 = w5, .mostSteps = steps});
+      result.raw =
+          evolve(image, *fronts[l], result.raw, image.domain(), {.w5 = w5, .mostSteps = steps});
     }
     const Grid& grid = images_.front().grid();
     result.finished = result.raw;
@@ -267,8 +215,7 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   if (!head) throw NoHead("holds no head");
   const WorkGrid work(scan, head->box, settings.resampleMm);
   constexpr double kHeadroom = 1.3;  // above the bright tissue's intensity
-  Intensities image =
-      work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low));
+  Intensities image = work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low));
   minimumFilter(image);
   stage("trying weights", 0.2);
   Chain chain(std::move(image), work.fromScan(head->centre), settings, observer);

@@ -1,7 +1,7 @@
 // One scan in memory through the whole method: find the head, evolve, choose W5, finish, judge.
 //
-// Masks hold 1 inside and 0 outside, in the scan's own voxel order; level-set functions are negative
-// inside.
+// Masks hold 1 inside and 0 outside, in the scan's own voxel order; level-set functions are
+// negative inside.
 #pragma once
 
 #include <voxPipeline.h>
@@ -70,8 +70,8 @@ struct StripObserver {
 /// A stripped scan on its own grid.
 struct Stripped {
   std::vector<char> mask;
-  std::vector<float> phi;  ///< empty unless asked for
-  double w5 = 0;           ///< the weight used
+  std::vector<float> phi;           ///< empty unless asked for
+  double w5 = 0;                    ///< the weight used
   std::vector<LevelRecord> levels;  ///< of the exact evolution
   std::vector<TrialRecord> trials;  ///< of the evolution for scans
   Judgement judgement;

@@ -52,8 +52,8 @@ void interpolateRows(const std::vector<T>& values, const Size& from,
       const T* v11 = values.data() + z1 * plane + y1 * X;
       const float w00 = (1 - b) * (1 - c), w10 = b * (1 - c), w01 = (1 - b) * c, w11 = b * c;
       for (std::size_t x = 0; x < X; ++x)
-        joined[x] = w00 * float(v00[x]) + w10 * float(v10[x]) + w01 * float(v01[x]) +
-                    w11 * float(v11[x]);
+        joined[x] =
+            w00 * float(v00[x]) + w10 * float(v10[x]) + w01 * float(v01[x]) + w11 * float(v11[x]);
       for (std::size_t x = 0; x < row.size(); ++x) {
         const auto& [low, high, share] = at[0][x];
         row[x] = joined[low] + share * (joined[high] - joined[low]);
@@ -134,8 +134,8 @@ FieldOfViewCut WorkGrid::cut(const BitVolume& mask) const {
   for (int d = 0; d < 3; ++d)
     for (int side = 0; side < 2; ++side) {
       if (side == 0 ? box_.first[d] > 0 : box_.end[d] < scan_.size[d]) continue;
-      const double cm2 = double(voxels[d][side]) * work_.spacing[(d + 1) % 3] *
-                         work_.spacing[(d + 2) % 3] / 100;
+      const double cm2 =
+          double(voxels[d][side]) * work_.spacing[(d + 1) % 3] * work_.spacing[(d + 2) % 3] / 100;
       (d == 2 && side == 0 ? cut.below : cut.elsewhere) += cm2;
     }
   return cut;

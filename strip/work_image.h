@@ -1,7 +1,8 @@
 // The part of a scan that is worked on: anatomical order, voxels of about 1 mm, 12-bit intensities.
 //
 // Where the scan's voxels are near 1 mm they are taken as they are; small ones are joined by whole
-// factors (mean), others interpolated linearly to cubes of 1 to 2 mm. The mask is brought back to the scan's own grid.
+// factors (mean), others interpolated linearly to cubes of 1 to 2 mm. The mask is brought back to
+// the scan's own grid.
 #pragma once
 
 #include "head.h"

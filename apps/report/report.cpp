@@ -1,18 +1,16 @@
 #include "report.h"
 
 #include <algorithm>
-#include <atomic>
-#include <exception>
-#include <mutex>
-#include <thread>
 
 #include "files.h"
 #include "pages.h"
+#include "parallel.h"
 #include "preview.h"
 #include "scan/interrupt.h"
 #include "scan/nifti/scan.h"
 #include "scan/output.h"
 #include "scan/picture.h"
+#include "threads.h"
 
 namespace tavrel::report {
 namespace {
@@ -56,37 +54,13 @@ void writeScan(const ReportInput& input, std::size_t row) {
   commitTogether(pending, true);
 }
 
-/// Calls work(i) for 0 <= i < count on all cores. @throws the first exception of any of them
-template <class Work>
-void forEach(std::size_t count, Work work) {
-  std::atomic<std::size_t> next = 0;
-  std::exception_ptr failure;
-  std::mutex guard;
-  const auto take = [&] {
-    try {
-      for (std::size_t i; (i = next++) < count;) {
-        scan::checkInterrupted();
-        work(i);
-      }
-    } catch (...) {
-      next = count;
-      const std::lock_guard lock(guard);
-      if (!failure) failure = std::current_exception();
-    }
-  };
-  {
-    std::vector<std::jthread> threads;
-    for (unsigned t = 1; t < std::min<std::size_t>(count, std::thread::hardware_concurrency()); ++t)
-      threads.emplace_back(take);
-    take();
-  }
-  if (failure) std::rethrow_exception(failure);
-}
-
 }  // namespace
 
 void writeReports(const ReportInput& input) {
-  forEach(input.rows.size(), [&](std::size_t row) { writeScan(input, row); });
+  parallelFor(usualThreads(), int(input.rows.size()), [&](int row) {
+    scan::checkInterrupted();
+    writeScan(input, std::size_t(row));
+  });
   const Bytes index = bytesOf(indexPage(input));
   const fs::path target = input.output / "index.html";
   if (readFile(target) == index) return;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <initializer_list>
+#include <string>
 #include <utility>
 
 namespace tavrel::scan {
@@ -29,6 +30,15 @@ class Descriptor {
  private:
   int number_;
 };
+
+/// Everything in a file as far as it can be read, wherever its position is.
+inline std::string contentOf(const Descriptor& file) {
+  std::string result;
+  char chunk[4096];
+  for (ssize_t got; (got = pread(file.get(), chunk, sizeof chunk, off_t(result.size()))) > 0;)
+    result.append(chunk, std::size_t(got));
+  return result;
+}
 
 /// Opens what is closed of standard input, output and error, so that no file of the program's own
 /// gets their numbers and the messages with them.

@@ -29,14 +29,6 @@ constexpr char kInterrupted[] = "was interrupted; the next run does it";
   throw OutputError(text(file.string(), " cannot be written: ", std::strerror(error)));
 }
 
-std::string content(int file) {
-  std::string result;
-  char chunk[4096];
-  for (ssize_t got; (got = pread(file, chunk, sizeof chunk, off_t(result.size()))) > 0;)
-    result.append(chunk, std::size_t(got));
-  return result;
-}
-
 /// A note that was torn by a crash tells of no more than that.
 Unfinished parse(const json& note) {
   Unfinished result{.reason = kInterrupted, .masks = {}};
@@ -84,7 +76,7 @@ std::optional<Claim> Claim::take(const fs::path& path) {
 }
 
 Claim::Claim(fs::path path, Descriptor file) : path_(std::move(path)), file_(std::move(file)) {
-  const std::string text = content(file_.get());
+  const std::string text = scan::contentOf(file_);
   if (!text.empty()) note_ = parse(json::parse(text, nullptr, false));
 }
 

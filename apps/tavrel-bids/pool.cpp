@@ -32,14 +32,6 @@ constexpr int kPause = 50;        // ms until signals and time limits are looked
 constexpr auto kPatience = 5s;    // until what was asked to end is killed
 constexpr int kUnanswered = 125;  // exit status of a child that has no answer
 
-std::string content(int file) {
-  std::string result;
-  char chunk[4096];
-  for (ssize_t got; (got = pread(file, chunk, sizeof chunk, off_t(result.size()))) > 0;)
-    result.append(chunk, std::size_t(got));
-  return result;
-}
-
 /// The life of a child: its work, its answer, its end.
 [[noreturn]] void live(const std::function<std::string()>& work, int answer, pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -103,7 +95,7 @@ void Pool::killLate() {
 }
 
 Ended Pool::end(Child& child, int status) const {
-  Ended ended{child.index, content(child.answer.get()), ""};
+  Ended ended{child.index, scan::contentOf(child.answer), ""};
   const int signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   if (!signal && WEXITSTATUS(status) == 0) return ended;
   ended.answer.clear();
