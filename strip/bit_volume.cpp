@@ -4,13 +4,28 @@
 #include <functional>
 
 namespace tavrel::strip {
+namespace {
+
+/// Whether each of eight bytes is not 0, in the lowest bits.
+BitVolume::Word packEight(const char* bytes) {
+  BitVolume::Word word = 0;
+  for (int i = 0; i < 8; ++i)
+    word |= BitVolume::Word(static_cast<unsigned char>(bytes[i])) << 8 * i;
+  // Join the bits of every byte in its lowest, then bring these together in the highest byte.
+  for (const int shift : {4, 2, 1}) word |= word >> shift;
+  return (word & 0x0101010101010101) * 0x0102040810204080 >> 56;
+}
+
+}  // namespace
 
 BitVolume::BitVolume(std::span<const char> mask, const Size& size) : BitVolume(size) {
   const std::size_t rows = std::size_t(size[1]) * size[2];
   for (std::size_t r = 0; r < rows; ++r) {
     const auto voxels = mask.subspan(r * size[0], size[0]);
     Word* words = words_.data() + r * wordsInRow_;
-    for (int x = 0; x < size[0]; ++x) words[x / kBits] |= Word(voxels[x] != 0) << (x % kBits);
+    int x = 0;
+    for (; x + 8 <= size[0]; x += 8) words[x / kBits] |= packEight(&voxels[x]) << (x % kBits);
+    for (; x < size[0]; ++x) words[x / kBits] |= Word(voxels[x] != 0) << (x % kBits);
   }
 }
 

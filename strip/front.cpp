@@ -60,6 +60,49 @@ struct Rows {
   Word right(int w) const { return here[w] >> 1 | (w + 1 < words ? here[w + 1] << 63 : 0); }
 };
 
+/// Sets the bits of a box's rows to those of rule(rows, word) that the domain holds.
+template <class Rule>
+void markRows(const BitVolume& of, const BitVolume& domain, const Box& box, int threads,
+              BitVolume& bits, Rule&& rule) {
+  parallelRanges(threads, box.end[2] - box.first[2], [&](int from, int to) {
+    for (int z = box.first[2] + from; z < box.first[2] + to; ++z)
+      for (int y = box.first[1]; y < box.end[1]; ++y) {
+        const Rows rows(of, y, z);
+        const Word* allowed = domain.row(y, z).data();
+        Word* out = bits.row(y, z).data();
+        for (int w = 0; w < rows.words; ++w) out[w] = allowed[w] & rule(rows, w);
+      }
+  });
+}
+
+/// Where the voxels of each plane of a box's rows come in a list of all, and the list's end.
+std::vector<std::size_t> placesInList(const BitVolume& bits, const Box& box, std::size_t first) {
+  std::vector<std::size_t> places = {first};
+  for (int z = box.first[2]; z < box.end[2]; ++z) {
+    for (int y = box.first[1]; y < box.end[1]; ++y)
+      for (const Word word : bits.row(y, z))
+        if (word) first += std::size_t(std::popcount(word));
+    places.push_back(first);
+  }
+  return places;
+}
+
+/// Calls list(word, x of its first voxel, y, z, place in the list) for a box's words with voxels;
+/// gives the place after them.
+template <class List>
+void listRows(const BitVolume& bits, const Box& box, int threads,
+              const std::vector<std::size_t>& places, List&& list) {
+  parallelRanges(threads, box.end[2] - box.first[2], [&](int from, int to) {
+    std::size_t k = places[std::size_t(from)];
+    for (int z = box.first[2] + from; z < box.first[2] + to; ++z)
+      for (int y = box.first[1]; y < box.end[1]; ++y) {
+        const Word* words = bits.row(y, z).data();
+        for (int w = 0; w < bits.wordsInRow(); ++w)
+          if (words[w]) k = list(words[w], w * BitVolume::kBits, y, z, k);
+      }
+  });
+}
+
 }  // namespace
 
 Front::Front(const LevelImage& image)
@@ -69,87 +112,83 @@ Front::Front(const LevelImage& image)
       speed_(std::make_unique_for_overwrite<float[]>(image.values().size())),
       meanInside_(voxelCount(image.blocks())),
       meanOutside_(voxelCount(image.blocks())),
-      edgeBits_(image.size()) {}
+      edgeBits_(image.size()),
+      layerBits_(image.size()) {}
 
 /// Phi is half a voxel on either side of the surface, and nothing is left of another mask's speeds,
 /// of which those beyond a domain would be read.
-void Front::begin(const BitVolume& inside) {
-  std::fill_n(phi_.get(), image_.values().size(), 0.5f);
-  std::fill_n(distance_.get(), image_.values().size(), kFar);
-  std::fill_n(speed_.get(), image_.values().size(), 0.0f);
+void Front::begin(const BitVolume& inside, int threads) {
+  const std::size_t plane = inside.wordsInPlane() * BitVolume::kBits;
   const auto words = inside.words();
-  for (std::size_t w = 0; w < words.size(); ++w)
-    if (words[w])
+  parallelRanges(threads, image_.size()[2], [&](int from, int to) {
+    const std::size_t first = std::size_t(from) * plane, end = std::size_t(to) * plane;
+    std::fill(phi_.get() + first, phi_.get() + end, 0.5f);
+    std::fill(distance_.get() + first, distance_.get() + end, kFar);
+    std::fill(speed_.get() + first, speed_.get() + end, 0.0f);
+    for (std::size_t w = first / BitVolume::kBits; w < end / BitVolume::kBits; ++w)
       forBits(words[w], 0, [&](int bit) {
         phi_[w * BitVolume::kBits + bit] = -0.5f;
         distance_[w * BitVolume::kBits + bit] = -kFar;
       });
-  inBlocks_ = image_.blockSums(inside);
+  });
+  inBlocks_ = image_.blockSums(inside, threads);
   box_ = boundingBox(inside);
 }
 
 /// Edge voxels are those with a face neighbour on the other side, the layer those beside edge
 /// voxels.
-void Front::findBand(const BitVolume& inside, const BitVolume& domain) {
-  FrontBand& b = band_;
-  b.voxels.clear();
-  b.blocks.clear();
-  b.intensity.clear();
-  const Box search = grown(box_, {2, 2, 2}, image_.size());
-  const auto within = [&](Box box) {  // rows with neighbours
+void Front::findBand(const BitVolume& inside, const BitVolume& domain, int threads) {
+  const auto withNeighbours = [&](Box box) {  // rows that have some
     for (int d = 1; d < 3; ++d) {
       box.first[d] = std::max(box.first[d], 1);
       box.end[d] = std::min(box.end[d], image_.size()[d] - 1);
     }
     return box;
   };
+  FrontBand& b = band_;
   std::fill(edgeBits_.words().begin(), edgeBits_.words().end(), 0);
-  Box found{image_.size(), {}};
-  const auto values = image_.values();
-  forRowsOf(within(search), [&](int y, int z) {
-    const Rows r(inside, y, z);
-    const auto allowed = domain.row(y, z);
-    const auto edges = edgeBits_.row(y, z);
-    const int start = (z * image_.size()[1] + y) * image_.rowLength();
-    const int blockRow =
-        ((z / image_.block()) * image_.blocks()[1] + y / image_.block()) * image_.blocks()[0];
-    for (int w = 0; w < r.words; ++w) {
-      const Word here = r.here[w];
-      const Word edge =
-          allowed[w] & ((here ^ r.left(w)) | (here ^ r.right(w)) | (here ^ r.before[w]) |
-                        (here ^ r.after[w]) | (here ^ r.below[w]) | (here ^ r.above[w]));
-      if (!edge) continue;
-      edges[w] = edge;
-      const int x0 = w * BitVolume::kBits;
-      forBits(edge, x0, [&](int x) {
-        b.voxels.push_back(start + x);
-        b.blocks.push_back(blockRow + x / image_.block());
-        b.intensity.push_back(float(values[start + x]) * (1.0f / kFullScale));
-      });
-      found.first = {std::min(found.first[0], x0 + std::countr_zero(edge)),
-                     std::min(found.first[1], y), std::min(found.first[2], z)};
-      found.end = {std::max(found.end[0], x0 + BitVolume::kBits - std::countl_zero(edge)),
-                   std::max(found.end[1], y + 1), std::max(found.end[2], z + 1)};
-    }
+  const Box search = withNeighbours(grown(box_, {2, 2, 2}, image_.size()));
+  markRows(inside, domain, search, threads, edgeBits_, [](const Rows& r, int w) {
+    const Word here = r.here[w];
+    return (here ^ r.left(w)) | (here ^ r.right(w)) | (here ^ r.before[w]) | (here ^ r.after[w]) |
+           (here ^ r.below[w]) | (here ^ r.above[w]);
   });
-  edges_ = b.voxels.size();
-  box_ = found;
+  const auto edgesAt = placesInList(edgeBits_, search, 0);
+  edges_ = edgesAt.back();
+  box_ = boundingBox(edgeBits_);
   if (edges_ == 0) return;
-  forRowsOf(within(grown(found, {1, 1, 1}, image_.size())), [&](int y, int z) {
-    const Rows r(edgeBits_, y, z);
-    const auto allowed = domain.row(y, z);
-    const int start = (z * image_.size()[1] + y) * image_.rowLength();
-    for (int w = 0; w < r.words; ++w) {
-      const Word beside =
-          r.left(w) | r.right(w) | r.before[w] | r.after[w] | r.below[w] | r.above[w];
-      forBits(beside & ~r.here[w] & allowed[w], w * BitVolume::kBits,
-              [&](int x) { b.voxels.push_back(start + x); });
-    }
+  const Box beside = withNeighbours(grown(box_, {1, 1, 1}, image_.size()));
+  markRows(edgeBits_, domain, beside, threads, layerBits_, [](const Rows& r, int w) {
+    return ~r.here[w] &
+           (r.left(w) | r.right(w) | r.before[w] | r.after[w] | r.below[w] | r.above[w]);
   });
-  for (auto* array : {&b.nearestX, &b.nearestY, &b.nearestZ}) array->resize(edges_);
-  b.distance.resize(b.voxels.size());
-  b.speed.resize(b.voxels.size());
-  b.source.resize(b.voxels.size());
+  const auto layerAt = placesInList(layerBits_, beside, edges_);
+  b.resize(edges_, layerAt.back());
+  listRows(edgeBits_, search, threads, edgesAt, [this](auto... row) { return listEdges(row...); });
+  listRows(layerBits_, beside, threads, layerAt, [this](auto... row) { return listLayer(row...); });
+}
+
+/// Edge voxels of a word, from the k-th of the band on. Returns the number of the next.
+std::size_t Front::listEdges(Word word, int x0, int y, int z, std::size_t k) {
+  const int shift = std::countr_zero(unsigned(image_.block()));
+  const int start = (z * image_.size()[1] + y) * image_.rowLength();
+  const int blockRow = ((z >> shift) * image_.blocks()[1] + (y >> shift)) * image_.blocks()[0];
+  const std::uint16_t* values = image_.values().data() + start;
+  int *voxels = band_.voxels.data(), *blocks = band_.blocks.data();
+  float* intensity = band_.intensity.data();
+  forBits(word, x0, [&](int x) {
+    voxels[k] = start + x;
+    blocks[k] = blockRow + (x >> shift);
+    intensity[k++] = float(values[x]) * (1.0f / kFullScale);
+  });
+  return k;
+}
+
+std::size_t Front::listLayer(Word word, int x0, int y, int z, std::size_t k) {
+  int* voxels = band_.voxels.data();
+  forBits(word, (z * image_.size()[1] + y) * image_.rowLength() + x0,
+          [&](int voxel) { voxels[k++] = voxel; });
+  return k;
 }
 
 /// The two means of every block in the band's box.
@@ -176,7 +215,7 @@ void Front::updateMeans() {
 }
 
 /// One step for all of the band. Returns by how many voxels the inside grew.
-long Front::step(BitVolume& inside, const FrontSettings& settings) {
+long Front::step(BitVolume& inside, const FrontSettings& settings, int threads) {
   Kernel* const kernel = kernelFor(settings.instructions);
   FrontBand& b = band_;
   const std::size_t all = b.voxels.size();
@@ -190,8 +229,6 @@ long Front::step(BitVolume& inside, const FrontSettings& settings) {
                        meanInside_.data(), meanOutside_.data(),
                        float(settings.w3), float(settings.w5)};
   const auto inParts = [&](std::size_t first, std::size_t end, auto&& loop) {
-    constexpr std::size_t kFew = 20000;  // not worth a thread
-    const int threads = end - first < kFew ? 1 : settings.threads;
     parallelRanges(threads, int(end - first), [&](int from, int to) {
       loop(first + std::size_t(from), first + std::size_t(to));
     });
@@ -222,23 +259,39 @@ long Front::step(BitVolume& inside, const FrontSettings& settings) {
     for (std::size_t k = from; k < to; ++k) b.speed[k] = speed_[b.source[k]];
   });
   run(FrontLoop::move, 0, all, fastest > 0 ? 1 / fastest : 0.0f);
-  return takeOver(inside);
+  return takeOver(inside, threads);
 }
 
-/// Phi, sides and the blocks' sums from the moved band.
-long Front::takeOver(BitVolume& inside) {
+/// Phi, sides and the blocks' sums from the moved band. Threads take whole planes of blocks.
+long Front::takeOver(BitVolume& inside, int threads) {
+  std::atomic<long> grown = 0;
+  const int slab = image_.block() * image_.rowLength() * image_.size()[1];
+  const auto layer = band_.voxels.begin() + std::ptrdiff_t(edges_);
+  parallelRanges(threads, image_.blocks()[2], [&](int from, int to) {
+    const auto part = [&](auto first, auto end) {
+      const auto at = [&](int block) {
+        return std::size_t(std::lower_bound(first, end, block * slab) - band_.voxels.begin());
+      };
+      grown += takeOverPart(inside, at(from), at(to));
+    };
+    part(band_.voxels.begin(), layer);
+    part(layer, band_.voxels.end());
+  });
+  return grown;
+}
+
+long Front::takeOverPart(BitVolume& inside, std::size_t first, std::size_t end) {
   long grown = 0;
   const auto words = inside.words();
-  const Size& size = image_.size();
-  const int X = image_.rowLength();
-  for (std::size_t k = 0; k < band_.voxels.size(); ++k) {
+  const int X = image_.rowLength(), Y = image_.size()[1], B = image_.block();
+  for (std::size_t k = first; k < end; ++k) {
     const int v = band_.voxels[k];
     const float moved = band_.distance[k];
     const float before = std::exchange(phi_[v], moved);
     distance_[v] = moved < 0 ? -kFar : kFar;
     if ((moved < 0) == (before < 0)) continue;
     words[v / BitVolume::kBits] ^= Word{1} << (v % BitVolume::kBits);
-    const int x = v % X, y = v / X % size[1], z = v / X / size[1], B = image_.block();
+    const int x = v % X, y = v / X % Y, z = v / X / Y;
     CountedSum& sum =
         inBlocks_[(std::size_t(z / B) * image_.blocks()[1] + y / B) * image_.blocks()[0] + x / B];
     const CountedSum own = counted(image_.values()[v]);
@@ -250,15 +303,17 @@ long Front::takeOver(BitVolume& inside) {
 
 int Front::evolve(BitVolume& inside, const BitVolume& domain, const FrontSettings& settings,
                   const Checkpoint& checkpoint) {
-  begin(inside);
+  constexpr std::size_t kFew = 1'000'000;  // voxels of a level that is not worth a thread
+  const int threads = image_.values().size() < kFew ? 1 : settings.threads;
+  begin(inside, threads);
   double now = double(inside.count()), before = now, earlier = now;
   int steps = 0;
   while (steps < settings.mostSteps) {
     pass(checkpoint);
-    findBand(inside, domain);
+    findBand(inside, domain, threads);
     if (edges_ == 0) break;
     updateMeans();
-    const double next = now + double(step(inside, settings));
+    const double next = now + double(step(inside, settings, threads));
     earlier = std::exchange(before, std::exchange(now, next));
     ++steps;
     if (steps < 3) continue;

@@ -57,6 +57,13 @@ struct FrontBand {
   std::vector<float> distance;                      ///< signed
   std::vector<float> speed;
   std::vector<int> source;  ///< of layer voxels: the edge voxel that gives their speed
+
+  void resize(std::size_t edges, std::size_t all) {
+    for (auto* array : {&intensity, &nearestX, &nearestY, &nearestZ}) array->resize(edges);
+    blocks.resize(edges);
+    for (auto* array : {&distance, &speed}) array->resize(all);
+    for (auto* array : {&voxels, &source}) array->resize(all);
+  }
 };
 
 /// A surface on one level; can be used for one mask after another.
@@ -71,18 +78,21 @@ class Front {
              const Checkpoint& checkpoint = {});
 
  private:
-  void begin(const BitVolume& inside);
-  void findBand(const BitVolume& inside, const BitVolume& domain);
+  void begin(const BitVolume& inside, int threads);
+  void findBand(const BitVolume& inside, const BitVolume& domain, int threads);
+  std::size_t listEdges(BitVolume::Word word, int x0, int y, int z, std::size_t k);
+  std::size_t listLayer(BitVolume::Word word, int x0, int y, int z, std::size_t k);
   void updateMeans();
-  long step(BitVolume& inside, const FrontSettings& settings);
-  long takeOver(BitVolume& inside);
+  long step(BitVolume& inside, const FrontSettings& settings, int threads);
+  long takeOver(BitVolume& inside, int threads);
+  long takeOverPart(BitVolume& inside, std::size_t first, std::size_t end);
 
   const LevelImage& image_;
   std::unique_ptr<float[]> phi_, distance_, speed_;  // per voxel of the level; see kernels
   std::vector<CountedSum> inBlocks_, inWindows_;
   std::vector<float> meanInside_, meanOutside_;  // per block
   WindowSums windowSums_;
-  BitVolume edgeBits_;
+  BitVolume edgeBits_, layerBits_;
   FrontBand band_;
   std::size_t edges_ = 0;
   Box box_;  // around the band

@@ -27,7 +27,7 @@ struct BlockMeans {
   std::vector<float> values;
 };
 
-BlockMeans blockMeans(const ScanView& scan) {
+BlockMeans blockMeans(const ScanView& scan, int threads) {
   BlockMeans means;
   const Grid whole = Axes(scan).anatomical();
   for (int d = 0; d < 3; ++d) {
@@ -40,7 +40,7 @@ BlockMeans blockMeans(const ScanView& scan) {
   const std::size_t n = voxelCount(means.grid.size);
   std::vector<double> sums(n, 0);
   std::vector<int> counts(n, 0);
-  forStoredVoxels(scan, offsets, [&](std::ptrdiff_t block, float value) {
+  forStoredVoxels(scan, offsets, threads, [&](std::ptrdiff_t block, float value) {
     if (!std::isfinite(value)) return;
     sums[block] += double(value);
     ++counts[block];
@@ -166,7 +166,7 @@ std::vector<float> samplesInside(const ScanView& scan, BitVolume inner, const Bl
     return i % every || (axis == 2 && (block < lowest || block > top)) ? -1 : block;
   });
   std::vector<float> samples;
-  forStoredVoxels(scan, offsets, [&](std::ptrdiff_t block, float value) {
+  forStoredVoxels(scan, offsets, 1, [&](std::ptrdiff_t block, float value) {
     if (wanted[block] && std::isfinite(value)) samples.push_back(value);
   });
   return samples;
@@ -182,8 +182,8 @@ Box largestWorkBox(const ScanView& scan) {
   return box;
 }
 
-std::optional<Head> findHead(const ScanView& scan) {
-  BlockMeans means = blockMeans(scan);
+std::optional<Head> findHead(const ScanView& scan, int threads) {
+  BlockMeans means = blockMeans(scan, threads);
   const float low = percentile(means.values, 0.001), high = percentile(means.values, 0.995);
   if (!(high > low)) return std::nullopt;
   for (float& value : means.values) value = std::clamp(value, low, high);

@@ -28,6 +28,6 @@ struct Head {
 Box largestWorkBox(const ScanView& scan);
 
 /// Finds the head, or nothing where there is none.
-std::optional<Head> findHead(const ScanView& scan);
+std::optional<Head> findHead(const ScanView& scan, int threads = 1);
 
 }  // namespace tavrel::strip

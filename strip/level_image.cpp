@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "parallel.h"
+
 namespace tavrel::strip {
 namespace {
 
@@ -72,34 +74,32 @@ Intensities halved(const Intensities& image) {
   return half;
 }
 
-Intensities cropped(const Intensities& image, const Box& box) {
-  Intensities part{{box.size(), image.grid.spacing}, {}};
-  part.values.reserve(voxelCount(part.grid.size));
-  const Size& size = image.grid.size;
-  for (int z = box.first[2]; z < box.end[2]; ++z)
-    for (int y = box.first[1]; y < box.end[1]; ++y) {
-      const auto row = image.values.begin() + (std::ptrdiff_t(z) * size[1] + y) * size[0];
-      part.values.insert(part.values.end(), row + box.first[0], row + box.end[0]);
-    }
-  return part;
-}
-
-LevelImage::LevelImage(const Intensities& image, int block)
-    : grid_(image.grid),
+LevelImage::LevelImage(const Intensities& image, const Box& part, int block, int threads)
+    : grid_{part.size(), image.grid.spacing},
       size_{grid_.size[0] + 2, grid_.size[1] + 2, grid_.size[2] + 2},
       block_(block),
       domain_(size_) {
   rowLength_ = domain_.wordsInRow() * BitVolume::kBits;
+  voxels_ = std::size_t(rowLength_) * size_[1] * size_[2];
+  values_ = std::make_unique_for_overwrite<Value[]>(voxels_);
   for (int d = 0; d < 3; ++d) blocks_[d] = (size_[d] + block - 1) / block;
-  values_.assign(std::size_t(rowLength_) * size_[1] * size_[2], 0);
-  const Value* in = image.values.data();
-  for (int z = 1; z <= grid_.size[2]; ++z)
-    for (int y = 1; y <= grid_.size[1]; ++y, in += grid_.size[0]) {
-      std::copy_n(in, grid_.size[0],
-                  values_.begin() + (std::ptrdiff_t(z) * size_[1] + y) * rowLength_ + 1);
-      domain_.setRange(y, z, 1, 1 + grid_.size[0]);
-    }
-  const auto sums = blockSums(domain_);
+  const auto fillRow = [&](int y, int z) {
+    Value* out = values_.get() + (std::size_t(z) * size_[1] + y) * rowLength_;
+    std::fill_n(out, rowLength_, Value{0});
+    if (y == 0 || y > grid_.size[1] || z == 0 || z > grid_.size[2]) return;
+    const Value* in =
+        image.values.data() +
+        (std::size_t(part.first[2] + z - 1) * image.grid.size[1] + part.first[1] + y - 1) *
+            image.grid.size[0] +
+        part.first[0];
+    std::copy_n(in, grid_.size[0], out + 1);
+    domain_.setRange(y, z, 1, 1 + grid_.size[0]);
+  };
+  parallelRanges(threads, size_[2], [&](int from, int to) {
+    for (int z = from; z < to; ++z)
+      for (int y = 0; y < size_[1]; ++y) fillRow(y, z);
+  });
+  const auto sums = blockSums(domain_, threads);
   WindowSums()(sums, blocks_, reach(), {{0, 0, 0}, blocks_}, windows_);
 }
 
@@ -127,18 +127,21 @@ BitVolume LevelImage::withoutBorder(const BitVolume& mask) const {
   return result;
 }
 
-std::vector<CountedSum> LevelImage::blockSums(const BitVolume& mask) const {
+std::vector<CountedSum> LevelImage::blockSums(const BitVolume& mask, int threads) const {
   std::vector<CountedSum> sums(voxelCount(blocks_), 0);
-  for (int z = 0; z < size_[2]; ++z)
-    for (int y = 0; y < size_[1]; ++y) {
-      const Value* values = values_.data() + (std::size_t(z) * size_[1] + y) * rowLength_;
-      CountedSum* out =
-          sums.data() + (std::size_t(z / block_) * blocks_[1] + y / block_) * blocks_[0];
-      const auto words = mask.row(y, z);
-      for (int w = 0; w < mask.wordsInRow(); ++w)
-        forBits(words[w], w * BitVolume::kBits,
-                [&](int x) { out[x / block_] += counted(values[x]); });
-    }
+  const auto addRow = [&](int y, int z) {
+    const Value* values = values_.get() + (std::size_t(z) * size_[1] + y) * rowLength_;
+    CountedSum* out =
+        sums.data() + (std::size_t(z / block_) * blocks_[1] + y / block_) * blocks_[0];
+    const auto words = mask.row(y, z);
+    const int block = block_;
+    for (int w = 0; w < mask.wordsInRow(); ++w)
+      forBits(words[w], w * BitVolume::kBits, [&](int x) { out[x / block] += counted(values[x]); });
+  };
+  parallelRanges(threads, blocks_[2], [&](int from, int to) {
+    for (int z = from * block_; z < std::min(to * block_, size_[2]); ++z)
+      for (int y = 0; y < size_[1]; ++y) addRow(y, z);
+  });
   return sums;
 }
 

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -25,8 +26,6 @@ inline constexpr int kFullScale = 4096;
 void minimumFilter(Intensities& image);
 /// Half the resolution: the least of 2 x 2 x 2 voxels; a last odd voxel stands alone.
 Intensities halved(const Intensities& image);
-/// The part of a volume.
-Intensities cropped(const Intensities& image, const Box& box);
 
 /// Number and sum of the intensities of some voxels in one integer, so that both are added at once:
 /// sum * 2^kCountBits + number.
@@ -40,12 +39,16 @@ class LevelImage {
   /// Edge of a block and half-width of a window, in voxels: a window is some 21 voxels wide.
   static constexpr int kReach = 10;
 
-  LevelImage(const Intensities& image, int block);
+  /// @param block  edge of a block in voxels, a power of two
+  LevelImage(const Intensities& image, int block)
+      : LevelImage(image, {{0, 0, 0}, image.grid.size}, block) {}
+  /// Of a part of a volume.
+  LevelImage(const Intensities& image, const Box& part, int block, int threads = 1);
 
   const Grid& grid() const { return grid_; }    ///< without the border
   const Size& size() const { return size_; }    ///< with the border
   int rowLength() const { return rowLength_; }  ///< voxels from row to row
-  std::span<const std::uint16_t> values() const { return values_; }
+  std::span<const std::uint16_t> values() const { return {values_.get(), voxels_}; }
   int block() const { return block_; }
   const Size& blocks() const { return blocks_; }  ///< blocks along x, y, z
   int reach() const { return kReach / block_; }   ///< of a window, in blocks
@@ -58,14 +61,15 @@ class LevelImage {
   BitVolume withBorder(const BitVolume& mask) const;
   BitVolume withoutBorder(const BitVolume& mask) const;
   /// Sums of every block over the voxels of a mask with the border.
-  std::vector<CountedSum> blockSums(const BitVolume& mask) const;
+  std::vector<CountedSum> blockSums(const BitVolume& mask, int threads = 1) const;
 
  private:
   Grid grid_;
   Size size_;
   int rowLength_, block_;
   Size blocks_;
-  std::vector<std::uint16_t> values_;
+  std::size_t voxels_;  // with those between the rows
+  std::unique_ptr<std::uint16_t[]> values_;
   BitVolume domain_;
   std::vector<CountedSum> windows_;
 };

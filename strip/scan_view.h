@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "geometry.h"
+#include "parallel.h"
 
 namespace tavrel::strip {
 
@@ -20,7 +21,7 @@ namespace tavrel::strip {
 struct ScanView {
   Grid grid;                               ///< as stored
   std::optional<Orientation> orientation;  ///< absent: the storage is taken for anatomical
-  /// Fills the span with voxels as stored, from index `first` on.
+  /// Fills the span with voxels as stored, from index `first` on; threads may call it at once.
   std::function<void(std::size_t first, std::span<float> voxels)> read;
 };
 
@@ -74,22 +75,30 @@ AxisOffsets offsetsInto(const ScanView& scan, const Size& volume, Place&& place)
   return offsets;
 }
 
-/// Calls f(offset, intensity) for every stored voxel that goes somewhere, in stored order.
+/// Calls f(offset, intensity) for every stored voxel that goes somewhere. Threads take whole runs
+/// of stored planes with the same offset: what goes to one offset comes in stored order, from one
+/// thread.
 template <class F>
-void forStoredVoxels(const ScanView& scan, const AxisOffsets& offsets, F&& f) {
+void forStoredVoxels(const ScanView& scan, const AxisOffsets& offsets, int threads, F&& f) {
   const auto& [X, Y, Z] = scan.grid.size;
-  std::vector<float> plane(std::size_t(X) * Y);
-  for (int z = 0; z < Z; ++z) {
-    if (offsets[2][z] < 0) continue;
-    scan.read(std::size_t(z) * plane.size(), plane);
-    for (int y = 0; y < Y; ++y) {
-      if (offsets[1][y] < 0) continue;
-      const std::ptrdiff_t row = offsets[2][z] + offsets[1][y];
-      const float* in = plane.data() + std::size_t(y) * X;
-      for (int x = 0; x < X; ++x)
-        if (offsets[0][x] >= 0) f(row + offsets[0][x], in[x]);
+  std::vector<int> runs;  // first plane of each
+  for (int z = 0; z < Z; ++z)
+    if (z == 0 || offsets[2][z] != offsets[2][z - 1]) runs.push_back(z);
+  runs.push_back(Z);
+  parallelRanges(threads, int(runs.size()) - 1, [&](int from, int to) {
+    std::vector<float> plane(std::size_t(X) * Y);
+    for (int z = runs[from]; z < runs[to]; ++z) {
+      if (offsets[2][z] < 0) continue;
+      scan.read(std::size_t(z) * plane.size(), plane);
+      for (int y = 0; y < Y; ++y) {
+        if (offsets[1][y] < 0) continue;
+        const std::ptrdiff_t row = offsets[2][z] + offsets[1][y];
+        const float* in = plane.data() + std::size_t(y) * X;
+        for (int x = 0; x < X; ++x)
+          if (offsets[0][x] >= 0) f(row + offsets[0][x], in[x]);
+      }
     }
-  }
+  });
 }
 
 }  // namespace tavrel::strip

@@ -89,7 +89,7 @@ class Chain {
     dilate(domain, levels_[trialLevel()].grid.spacing, kHold);
     domain = doubled(domain, image.grid.size);
     const Box box = grown(boundingBox(domain), {1, 1, 1}, image.grid.size);
-    const LevelImage level(cropped(image, box), kFinestBlock);
+    const LevelImage level(image, box, kFinestBlock, settings_.threads);
     BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
     domain = cropped(domain, box);
     inside &= domain;
@@ -211,11 +211,12 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
     if (observer.onStage) observer.onStage(name, done);
   };
   stage("finding the head", 0);
-  const auto head = findHead(scan);
+  const auto head = findHead(scan, settings.threads);
   if (!head) throw NoHead("holds no head");
   const WorkGrid work(scan, head->box, settings.resampleMm);
   constexpr double kHeadroom = 1.3;  // above the bright tissue's intensity
-  Intensities image = work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low));
+  Intensities image = work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low),
+                                 settings.threads);
   minimumFilter(image);
   stage("trying weights", 0.2);
   Chain chain(std::move(image), work.fromScan(head->centre), settings, observer);
@@ -231,7 +232,7 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   evidence.voxelMm3 = 1000 * millilitres(1, scan.grid.spacing);
   evidence.headWidthMm = boundingBox(head->mask).size()[0] * head->blocks.spacing[0];
   Stripped result;
-  result.mask = work.toScan(scan, mask);
+  result.mask = work.toScan(scan, mask, settings.threads);
   result.w5 = chain.w5();
   result.trials = chain.records();
   result.judgement = judge(evidence, settings.volumes);

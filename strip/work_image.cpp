@@ -39,27 +39,32 @@ std::vector<Between> axisBetween(int toSize, double ratio, int fromSize) {
 /// Calls f(y, z, row of interpolated values) for every row of `to`, whose corner is that of `from`.
 template <class T, class F>
 void interpolateRows(const std::vector<T>& values, const Size& from,
-                     const std::array<std::vector<Between>, 3>& at, F&& f) {
+                     const std::array<std::vector<Between>, 3>& at, int threads, F&& f) {
   const std::size_t X = std::size_t(from[0]), plane = X * from[1];
-  std::vector<float> joined(X), row(at[0].size());
-  for (std::size_t z = 0; z < at[2].size(); ++z)
-    for (std::size_t y = 0; y < at[1].size(); ++y) {
-      const auto [z0, z1, c] = at[2][z];
-      const auto [y0, y1, b] = at[1][y];
-      const T* v00 = values.data() + z0 * plane + y0 * X;
-      const T* v10 = values.data() + z0 * plane + y1 * X;
-      const T* v01 = values.data() + z1 * plane + y0 * X;
-      const T* v11 = values.data() + z1 * plane + y1 * X;
-      const float w00 = (1 - b) * (1 - c), w10 = b * (1 - c), w01 = (1 - b) * c, w11 = b * c;
-      for (std::size_t x = 0; x < X; ++x)
-        joined[x] =
-            w00 * float(v00[x]) + w10 * float(v10[x]) + w01 * float(v01[x]) + w11 * float(v11[x]);
-      for (std::size_t x = 0; x < row.size(); ++x) {
-        const auto& [low, high, share] = at[0][x];
-        row[x] = joined[low] + share * (joined[high] - joined[low]);
-      }
-      f(int(y), int(z), row);
+  const auto interpolate = [&](int y, int z, std::vector<float>& joined, std::vector<float>& row) {
+    const auto [z0, z1, c] = at[2][z];
+    const auto [y0, y1, b] = at[1][y];
+    const T* v00 = values.data() + z0 * plane + y0 * X;
+    const T* v10 = values.data() + z0 * plane + y1 * X;
+    const T* v01 = values.data() + z1 * plane + y0 * X;
+    const T* v11 = values.data() + z1 * plane + y1 * X;
+    const float w00 = (1 - b) * (1 - c), w10 = b * (1 - c), w01 = (1 - b) * c, w11 = b * c;
+    for (std::size_t x = 0; x < X; ++x)
+      joined[x] =
+          w00 * float(v00[x]) + w10 * float(v10[x]) + w01 * float(v01[x]) + w11 * float(v11[x]);
+    for (std::size_t x = 0; x < row.size(); ++x) {
+      const auto& [low, high, share] = at[0][x];
+      row[x] = joined[low] + share * (joined[high] - joined[low]);
     }
+  };
+  parallelRanges(threads, int(at[2].size()), [&](int first, int end) {
+    std::vector<float> joined(X), row(at[0].size());
+    for (int z = first; z < end; ++z)
+      for (int y = 0; y < int(at[1].size()); ++y) {
+        interpolate(y, z, joined, row);
+        f(y, z, row);
+      }
+  });
 }
 
 }  // namespace
@@ -82,7 +87,7 @@ std::array<double, 3> WorkGrid::fromScan(const std::array<double, 3>& mm) const 
   return result;
 }
 
-Intensities WorkGrid::image(const ScanView& scan, double low, double high) const {
+Intensities WorkGrid::image(const ScanView& scan, double low, double high, int threads) const {
   const double scale = kFullScale / (high - low);
   const auto level = [&](double value) {
     return std::uint16_t(std::clamp((value - low) * scale, 0.0, double(kFullScale)) + 0.5);
@@ -94,14 +99,14 @@ Intensities WorkGrid::image(const ScanView& scan, double low, double high) const
   Intensities result{work_, std::vector<std::uint16_t>(voxelCount(work_.size))};
   const bool single = factor_ == Size{1, 1, 1};
   if (single && !interpolated()) {
-    forStoredVoxels(scan, offsets, [&](std::ptrdiff_t voxel, float value) {
+    forStoredVoxels(scan, offsets, threads, [&](std::ptrdiff_t voxel, float value) {
       result.values[voxel] = level(std::isfinite(value) ? value : low);
     });
     return result;
   }
   // Joined and interpolated before the clamping, so that an edge keeps its place.
   std::vector<float> joined(voxelCount(joined_.size), 0), counts(single ? 0 : joined.size(), 0);
-  forStoredVoxels(scan, offsets, [&](std::ptrdiff_t voxel, float value) {
+  forStoredVoxels(scan, offsets, threads, [&](std::ptrdiff_t voxel, float value) {
     joined[voxel] += std::isfinite(value) ? value : float(low);
     if (!single) ++counts[voxel];
   });
@@ -109,10 +114,11 @@ Intensities WorkGrid::image(const ScanView& scan, double low, double high) const
   std::array<std::vector<Between>, 3> at;
   for (int d = 0; d < 3; ++d)
     at[d] = axisBetween(work_.size[d], work_.spacing[d] / joined_.spacing[d], joined_.size[d]);
-  auto out = result.values.begin();
-  interpolateRows(joined, joined_.size, at, [&](int, int, const std::vector<float>& row) {
-    out = std::transform(row.begin(), row.end(), out, level);
-  });
+  interpolateRows(joined, joined_.size, at, threads,
+                  [&](int y, int z, const std::vector<float>& row) {
+                    const auto out = (std::ptrdiff_t(z) * work_.size[1] + y) * work_.size[0];
+                    std::transform(row.begin(), row.end(), result.values.begin() + out, level);
+                  });
   return result;
 }
 
@@ -141,9 +147,8 @@ FieldOfViewCut WorkGrid::cut(const BitVolume& mask) const {
   return cut;
 }
 
-std::vector<char> WorkGrid::toScan(const ScanView& scan, const BitVolume& mask) const {
-  std::vector<char> voxels(voxelCount(work_.size)), result(voxelCount(scan.grid.size), 0);
-  mask.unpack(voxels);
+std::vector<char> WorkGrid::toScan(const ScanView& scan, const BitVolume& mask, int threads) const {
+  std::vector<char> result(voxelCount(scan.grid.size), 0);
   // Strides of the scan's storage along the anatomical axes.
   std::array<std::vector<std::ptrdiff_t>, 3> stored;
   Axes(scan).forAxes([&](int axis, int d, bool ascending) {
@@ -153,13 +158,27 @@ std::vector<char> WorkGrid::toScan(const ScanView& scan, const BitVolume& mask) 
     for (int i = box_.first[d]; i < box_.end[d]; ++i)
       stored[d].push_back((ascending ? i : n - 1 - i) * stride);
   });
+  if (factor_ == Size{1, 1, 1} && !interpolated()) {
+    parallelRanges(threads, work_.size[2], [&](int first, int end) {
+      for (int z = first; z < end; ++z)
+        for (int y = 0; y < work_.size[1]; ++y) {
+          char* out = result.data() + stored[1][y] + stored[2][z];
+          for (int w = 0; w < mask.wordsInRow(); ++w)
+            forBits(mask.row(y, z)[w], w * BitVolume::kBits, [&](int x) { out[stored[0][x]] = 1; });
+        }
+    });
+    return result;
+  }
+  std::vector<char> voxels(voxelCount(work_.size));
+  mask.unpack(voxels);
   std::array<std::vector<Between>, 3> at;
   for (int d = 0; d < 3; ++d)
     at[d] = axisBetween(int(stored[d].size()), scan_.spacing[d] / work_.spacing[d], work_.size[d]);
-  interpolateRows(voxels, work_.size, at, [&](int y, int z, const std::vector<float>& row) {
-    char* out = result.data() + stored[1][y] + stored[2][z];
-    for (std::size_t x = 0; x < row.size(); ++x) out[stored[0][x]] = row[x] >= 0.5f;
-  });
+  interpolateRows(voxels, work_.size, at, threads,
+                  [&](int y, int z, const std::vector<float>& row) {
+                    char* out = result.data() + stored[1][y] + stored[2][z];
+                    for (std::size_t x = 0; x < row.size(); ++x) out[stored[0][x]] = row[x] >= 0.5f;
+                  });
   return result;
 }
 

@@ -25,11 +25,11 @@ class WorkGrid {
   /// Millimetres from the working grid's outer corner of a point told from that of the scan.
   std::array<double, 3> fromScan(const std::array<double, 3>& mm) const;
   /// The scan's voxels with 0 for `low` (and what is no number) and kFullScale for `high`.
-  Intensities image(const ScanView& scan, double low, double high) const;
+  Intensities image(const ScanView& scan, double low, double high, int threads = 1) const;
   /// Where a mask on the working grid is cut off by the scan's border.
   FieldOfViewCut cut(const BitVolume& mask) const;
   /// The mask on the scan's grid as stored.
-  std::vector<char> toScan(const ScanView& scan, const BitVolume& mask) const;
+  std::vector<char> toScan(const ScanView& scan, const BitVolume& mask, int threads = 1) const;
 
  private:
   bool interpolated() const { return !(work_ == joined_); }
