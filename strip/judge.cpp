@@ -93,7 +93,18 @@ std::string print(const char* format, Args... args) {
   return line;
 }
 
+/// Whole, or with three digits where it is small.
+std::string number(double value) { return print(value < 10 ? "%.3g" : "%.0f", value); }
+
 }  // namespace
+
+double lengthScale(const VolumeRange& volumes) {
+  constexpr VolumeRange kAdult;
+  const double middle = std::sqrt(volumes.least * volumes.most);
+  if (!(middle > 0) || (middle >= kAdult.least && middle <= kAdult.most)) return 1;
+  const double scale = std::cbrt(middle / std::sqrt(kAdult.least * kAdult.most));
+  return std::max(std::round(1000 * scale), 1.0) / 1000;
+}
 
 void examine(const Trial& trial, Evidence& e) {
   const Spacing& mm = trial.image.grid.spacing;
@@ -129,7 +140,7 @@ class Rules {
   }
   void volume(double ml, const VolumeRange& range) {
     const std::string text =
-        print("volume %.0f mL is outside %g to %g", ml, range.least, range.most);
+        print("volume %s mL is outside %g to %g", number(ml).c_str(), range.least, range.most);
     if (range.least > 0) (*this)(ml, 1.1 * range.least, range.least, "volume", text);
     (*this)(ml, 0.95 * range.most, range.most, "volume", text);
   }
@@ -162,17 +173,25 @@ Judgement judge(const Evidence& e, const VolumeRange& volumes) {
   rule(e.emptyAround, 0.8, 0.9, "stripped", "already stripped: nothing around the brain");  // 0.80
   rule(e.seedInside, 0.65, 0.5, "seed",                                                     // 0.81
        print("seed outside the brain (%.0f %% of it inside the mask)", 100 * e.seedInside));
+  const double scale = e.scale, area = scale * scale, volume = area * scale;
   rule(e.cutCm2, 5, 10, "cut",  // 2.8
-       print("cut by the field of view (%.0f cm2 of the mask at its border)", e.cutCm2));
+       print("cut by the field of view (%s cm2 of the mask at its border)",
+             number(area * e.cutCm2).c_str()));
   rule(e.cutBelowCm2, 20, 30, "cut",  // 15
-       print("cut by the field of view (%.0f cm2 of the mask at its bottom)", e.cutBelowCm2));
-  rule(e.widthMm, 165, 175, "leak", print("leak: the mask is %.0f mm wide", e.widthMm));    // 152
-  rule(e.lengthMm, 205, 215, "leak", print("leak: the mask is %.0f mm long", e.lengthMm));  // 180
-  rule(e.heightMm, 180, 190, "leak", print("leak: the mask is %.0f mm high", e.heightMm));  // 168
-  rule(e.headWidthMm, 240, 270, "head", print("head is %.0f mm wide", e.headWidthMm));      // 224
+       print("cut by the field of view (%s cm2 of the mask at its bottom)",
+             number(area * e.cutBelowCm2).c_str()));
+  const auto leak = [&](double mm, double sound, double limit, const char* how) {
+    rule(mm, sound, limit, "leak", print("leak: the mask is %.0f mm %s", scale * mm, how));
+  };
+  leak(e.widthMm, 165, 175, "wide");     // 152
+  leak(e.lengthMm, 205, 215, "long");    // 180
+  leak(e.heightMm, 180, 190, "high");    // 168
+  rule(e.headWidthMm, 240, 270, "head",  // 224
+       print("head is %.0f mm wide", scale * e.headWidthMm));
   rule(e.otherPiece, 0.15, 0.3, "head",
        print("another bright object of %.0f %% of the head's size", 100 * e.otherPiece));
-  rule(e.voxelMm3, 27, 43, "resolution", print("voxels of %.0f mm3 are too large", e.voxelMm3));
+  rule(e.voxelMm3, 27, 43, "resolution",
+       print("voxels of %s mm3 are too large", number(volume * e.voxelMm3).c_str()));
   return rule.judgement;
 }
 

@@ -19,6 +19,10 @@ struct VolumeRange {
   double least = 700, most = 2200;
 };
 
+/// Lengths of heads with brains of these volumes over those of adults, to three decimals: 1 where
+/// the range's (geometric) middle can be an adult's brain, else by the cube root of the volumes.
+double lengthScale(const VolumeRange& volumes);
+
 /// Something that makes a mask doubtful.
 struct Flag {
   std::string code;  ///< one word, for programs: "volume"
@@ -31,9 +35,10 @@ struct Judgement {
   double confidence = 1;    ///< 0 to 1
 };
 
-/// The figures of a mask that the rules look at.
+/// The figures of a mask that the rules look at; but for its volume scaled to an adult's head.
 struct Evidence {
-  double volumeMl = 0;       ///< of the final mask
+  double scale = 1;          ///< of this head's lengths over those of an adult's
+  double volumeMl = 0;       ///< of the final mask, not scaled
   double agreement = 1;      ///< of the mask with those of other weights, 0 to 1
   double shrinking = 0;      ///< largest share of the volume lost when W5 grows
   double gapless = 0;        ///< share of the surface with nothing dark behind it

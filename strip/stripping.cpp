@@ -28,6 +28,23 @@ constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials
 // counts more, so that the darker voxels of the gap stay out.
 constexpr double kFinestW5 = 0.8;
 
+/// A scan and its settings as if the head were an adult's: all lengths of the method are for those.
+struct AdultSized {
+  AdultSized(const ScanView& given, const StripSettings& givenSettings)
+      : scale(lengthScale(givenSettings.volumes)), scan(given), settings(givenSettings) {
+    if (scale == 1) return;
+    for (double& mm : scan.grid.spacing) mm /= scale;
+    if (settings.resampleMm) *settings.resampleMm /= scale;
+    settings.volumes.least /= givenMl(1);
+    settings.volumes.most /= givenMl(1);
+  }
+  double givenMl(double adultMl) const { return adultMl * scale * scale * scale; }
+
+  double scale;
+  ScanView scan;
+  StripSettings settings;
+};
+
 /// The image at falling resolutions, finest first.
 std::vector<Intensities> pyramid(Intensities finest) {
   std::vector<Intensities> levels;
@@ -201,15 +218,21 @@ class Chain {
 }  // namespace
 
 Grid largestWorkGrid(const ScanView& scan, const StripSettings& settings) {
-  return WorkGrid(scan, largestWorkBox(scan), settings.resampleMm).grid();
+  const AdultSized adult(scan, settings);
+  Grid grid = WorkGrid(adult.scan, largestWorkBox(adult.scan), adult.settings.resampleMm).grid();
+  for (double& mm : grid.spacing) mm *= adult.scale;
+  return grid;
 }
 
-Stripped stripScan(const ScanView& scan, const StripSettings& settings,
+Stripped stripScan(const ScanView& given, const StripSettings& givenSettings,
                    const StripObserver& observer) {
   const auto stage = [&](const char* name, double done) {
     pass(observer.checkpoint);
     if (observer.onStage) observer.onStage(name, done);
   };
+  const AdultSized adult(given, givenSettings);
+  const ScanView& scan = adult.scan;
+  const StripSettings& settings = adult.settings;
   stage("finding the head", 0);
   const auto head = findHead(scan, settings.threads);
   if (!head) throw NoHead("holds no head");
@@ -227,7 +250,8 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   const FieldOfViewCut cut = work.cut(mask);
   evidence.cutCm2 = cut.elsewhere;
   evidence.cutBelowCm2 = cut.below;
-  evidence.volumeMl = millilitres(double(mask.count()), work.grid().spacing);
+  evidence.scale = adult.scale;
+  evidence.volumeMl = adult.givenMl(millilitres(double(mask.count()), work.grid().spacing));
   evidence.otherPiece = head->otherPiece;
   evidence.voxelMm3 = 1000 * millilitres(1, scan.grid.spacing);
   evidence.headWidthMm = boundingBox(head->mask).size()[0] * head->blocks.spacing[0];
@@ -235,7 +259,8 @@ Stripped stripScan(const ScanView& scan, const StripSettings& settings,
   result.mask = work.toScan(scan, mask, settings.threads);
   result.w5 = chain.w5();
   result.trials = chain.records();
-  result.judgement = judge(evidence, settings.volumes);
+  for (TrialRecord& trial : result.trials) trial.ml = adult.givenMl(trial.ml);
+  result.judgement = judge(evidence, givenSettings.volumes);
   return result;
 }
 

@@ -103,4 +103,21 @@ TEST(Stripping, ThreadsChangeNothingAndTheObserverMayEndTheWork) {
   }
 }
 
+TEST(Stripping, BrainsOfAnotherSizeAreStrippedAndJudgedAsThoseOfAdults) {
+  const TestScan adult = phantomHead(2);
+  TestScan small = adult;
+  for (double& mm : small.grid.spacing) mm /= 4;
+  StripSettings settings, ofSmall;
+  ofSmall.volumes = {settings.volumes.least / 64, settings.volumes.most / 64};
+  const Stripped large = stripScan(adult.view(), settings), same = stripScan(small.view(), ofSmall);
+  EXPECT_EQ(same.mask, large.mask);
+  EXPECT_EQ(codes(same.judgement), codes(large.judgement));
+  EXPECT_NEAR(64 * same.trials[0].ml, large.trials[0].ml, 1e-6);
+  EXPECT_EQ(largestWorkGrid(small.view(), ofSmall).spacing[0], 0.5);
+  // A range that only allows more leaves the method as it is.
+  settings.volumes = {500, 2500};
+  EXPECT_EQ(stripScan(adult.view(), settings).mask, large.mask);
+  EXPECT_THROW(stripScan(small.view(), settings), NoHead);
+}
+
 }  // namespace
