@@ -31,11 +31,12 @@ def tile(row, path):
 
 
 def assemble(tiles, columns):
-    height = max(tile.height for tile in tiles)
-    columns = min(columns, len(tiles))
-    sheet = Image.new("RGB", (columns * WIDTH, -(-len(tiles) // columns) * height), "black")
-    for n, picture in enumerate(tiles):
-        sheet.paste(picture, (n % columns * WIDTH, n // columns * height))
+    rows = [tiles[n : n + columns] for n in range(0, len(tiles), columns)]
+    heights = [max(tile.height for tile in row) for row in rows]
+    sheet = Image.new("RGB", (len(rows[0]) * WIDTH, sum(heights)), "black")
+    for n, row in enumerate(rows):
+        for column, picture in enumerate(row):
+            sheet.paste(picture, (column * WIDTH, sum(heights[:n])))
     return sheet
 
 
