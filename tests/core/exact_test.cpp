@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "exact/step.h"
-#include "level_set_support.h"
+#include "grids.h"
 
 namespace {
 
@@ -57,7 +57,9 @@ void disturb(int stage, Random& r, const Band& b, const LevelSet& e) {
     // The fastest voxel has speed 1, and where the speed is the distance the new value is 0.
     if (stage == 3)
       set(b.Fext, e.Spar_Fext, i,
-          i == 0 ? 1 : r.below(3) ? r.between(-1, 1) : std::clamp(e.Spar_sdf[i], -1.0, 1.0));
+          i == 0       ? 1
+          : r.below(3) ? r.between(-1, 1)
+                       : std::clamp(e.Spar_sdf[i], -1.0, 1.0));
   }
 }
 
@@ -109,81 +111,56 @@ void compareStep(Level& level, vox3DMat<double, char>& Phi, const double* fastPh
 Weights randomWeights(Random& r) {
   const Weights choices[] = {{0, 0.01, 1, 1, 0},    {0, 0.01, 1, 1.2, 0}, {0.1, 0.2, 0.7, -0.5, 0},
                              {1, 0.3, 0, 2, 0},     {0, 0, 0, 0, 0},      {0, 0.01, 1, 0, 0.4},
-                             {-0.3, 0, 1e-3, 5, 0}, {0, 1, -1, 1, -2},
-                             {0, 1, 0, 0, 0}};
+                             {-0.3, 0, 1e-3, 5, 0}, {0, 1, -1, 1, -2},    {0, 1, 0, 0, 0}};
   return choices[r.below(9)];
 }
 
-struct Case {
-  Point size;
-  int function, image;
-  unsigned seed;
-  int steps = 1;
-  bool disturbed = false;
-};
-
-void compare(const Case& c, tavrel::exact::Workspace& memory) {
-  SCOPED_TRACE(testing::Message() << c.size[0] << "x" << c.size[1] << "x" << c.size[2]
-                                  << " function " << c.function << " image " << c.image << " seed "
-                                  << c.seed);
-  Random r(c.seed);
-  const Grid<double> start = randomFunction(c.function, c.size, r);
-  const auto image = toMatrix<3>(randomImage(c.image, c.size, r)), Phi = toMatrix<3>(start);
-  const int bwt = 1 + static_cast<int>(c.seed) % 3, threads = 1 + static_cast<int>(c.seed) % 4;
+/// Some steps on a random function and image, which may be disturbed between the stages.
+void compare(Point size, int function, int imageKind, unsigned seed, int steps, bool disturbed,
+             tavrel::exact::Workspace& memory) {
+  SCOPED_TRACE(testing::Message() << size[0] << "x" << size[1] << "x" << size[2] << " function "
+                                  << function << " image " << imageKind << " seed " << seed);
+  Random r(seed);
+  const Grid<double> start = randomFunction(function, size, r);
+  const auto image = toMatrix<Image>(randomImage(imageKind, size, r)), Phi = toMatrix<Image>(start);
+  const int bwt = 1 + static_cast<int>(seed) % 3, threads = 1 + static_cast<int>(seed) % 4;
   std::vector<double> fast = start.p;
-  Level level(fast.data(), image->p, {c.size[0], c.size[1], c.size[2]}, memory, threads, bwt);
+  Level level(fast.data(), image->p, {size[0], size[1], size[2]}, memory, threads, bwt);
   const Weights w = randomWeights(r);
-  for (int step = 0; step < c.steps && !testing::Test::HasFailure(); ++step)
-    compareStep(level, *Phi, fast.data(), *image, bwt, w, c.disturbed ? &r : nullptr);
+  for (int step = 0; step < steps && !testing::Test::HasFailure(); ++step)
+    compareStep(level, *Phi, fast.data(), *image, bwt, w, disturbed ? &r : nullptr);
 }
 
 /// Sizes from a single voxel to boxes that hold whole windows of the region term, with rows that
 /// end before, at and after a multiple of 64.
 TEST(ExactStep, EqualsThePlainOneStageByStage) {
+  const Point sizes[] = {{1, 1, 1},  {3, 2, 1},  {1, 7, 5},   {9, 1, 4},
+                         {2, 2, 2},  {5, 6, 7},  {16, 9, 8},  {23, 22, 25},
+                         {65, 4, 3}, {3, 40, 6}, {128, 3, 2}, {12, 31, 24}};
   tavrel::exact::Workspace memory;  // shared by all, whatever their sizes
   unsigned seed = 0;
-  for (Point size : {Point{1, 1, 1},
-                     {3, 2, 1},
-                     {1, 7, 5},
-                     {9, 1, 4},
-                     {2, 2, 2},
-                     {5, 6, 7},
-                     {16, 9, 8},
-                     {23, 22, 25},
-                     {65, 4, 3},
-                     {3, 40, 6},
-                     {128, 3, 2},
-                     {12, 31, 24}}) {
+  for (const Point size : sizes) {
     const int voxels = size[0] * size[1] * size[2];
     for (int function = 0; function < kFunctions; ++function) {
       if (voxels > 5000 && function > kSpots) continue;  // nearly all edge voxels: slow
       for (int repeat = 0; repeat < (voxels < 3000 ? 4 : 1); ++repeat, ++seed) {
-        compare({size, function, static_cast<int>(seed) % kImages, seed}, memory);
+        compare(size, function, static_cast<int>(seed) % kImages, seed, 1, false, memory);
         if (HasFailure()) return;
       }
     }
   }
 }
 
-TEST(ExactStep, EqualsThePlainOneOverManySteps) {
+TEST(ExactStep, EqualsThePlainOneOverManyStepsAndOnDisturbedFields) {
   tavrel::exact::Workspace memory;
-  for (unsigned seed = 1; seed <= 6; ++seed) {
-    const int odd = static_cast<int>(seed) % 2;
-    compare({{18 + odd, 15, 13 + static_cast<int>(seed)},
-             odd ? kMask : kBlobs,
-             static_cast<int>(seed) % kBroken,
-             seed,
-             8},
-            memory);
+  for (int n = 1; n <= 6; ++n) {
+    const Point size{18 + n % 2, 15, 13 + n};
+    compare(size, n % 2 ? kMask : kBlobs, n % kBroken, n, 8, false, memory);
   }
-}
-
-TEST(ExactStep, EqualsThePlainOneOnDisturbedFields) {
-  tavrel::exact::Workspace memory;
   for (unsigned seed = 1; seed <= 40 && !HasFailure(); ++seed) {
     Random r(seed);
     const Point size{3 + r.below(12), 3 + r.below(12), 1 + r.below(12)};
-    compare({size, static_cast<int>(seed) % kFunctions, kNoisy, seed, 2, true}, memory);
+    compare(size, static_cast<int>(seed) % kFunctions, kNoisy, seed, 2, true, memory);
   }
 }
 

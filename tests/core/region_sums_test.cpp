@@ -6,18 +6,15 @@
 
 #include <cmath>
 #include <functional>
-#include <limits>
 #include <vector>
 
-#include "level_set_support.h"
+#include "grids.h"
 
 namespace {
 
 using namespace tavrel::test;
 using tavrel::InstructionSet;
 using tavrel::exact::RegionSums;
-
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 struct Case {
   const char* name;
@@ -46,7 +43,7 @@ const Case cases[] = {
     {"outliers", [](Random& r) { return r.between(0, 1) * (r.below(300) ? 1 : 1e12); }},
     {"huge", [](Random& r) { return r.between(0, 1) * 1e308; }},
     {"infinite", [](Random& r) { return r.below(2000) ? 0.5 : kInfinity; }},
-    {"not a number", [](Random& r) { return r.below(2000) ? 0.5 : std::nan(""); }},
+    {"not a number", [](Random& r) { return r.below(2000) ? 0.5 : kNaN; }},
 };
 
 /// Sides in blobs, as an evolution has them, or voxel by voxel.

@@ -1,5 +1,5 @@
-// What the tests of the evolution share: grids, both dimensions under one name, comparison in all
-// bits, random functions and images.
+// What the tests of matrices and of the evolution share: plain grids to compare with, both
+// dimensions under one name, comparison in all bits, random functions and images.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,6 +13,7 @@
 #include <memory>
 #include <random>
 #include <span>
+#include <type_traits>
 #include <vector>
 
 #include "vox2DLevelSet.h"
@@ -22,7 +23,10 @@ namespace tavrel::test {
 
 using plain::Point;
 
-/// A dense grid; the voxel q is `p[index(q)]`. A 2-D grid has size[2] = 1.
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+/// A dense grid. A 2-D grid has size[2] = 1.
 template <class T>
 struct Grid {
   Point size{1, 1, 1};
@@ -31,13 +35,13 @@ struct Grid {
   Grid() = default;
   explicit Grid(Point s, T value = T{})
       : size(s), p(static_cast<std::size_t>(s[0]) * s[1] * s[2], value) {}
-  int index(Point q) const { return q[0] + q[1] * size[0] + q[2] * size[0] * size[1]; }
-  T& operator[](Point q) { return p[index(q)]; }
-  const T& operator[](Point q) const { return p[index(q)]; }
+  T& operator[](Point q) { return p[q[0] + q[1] * size[0] + q[2] * size[0] * size[1]]; }
+  const T& operator[](Point q) const { return const_cast<Grid&>(*this)[q]; }
   template <class F>
   void scan(F f) const {
     plain::scan(size, f);
   }
+  bool operator==(const Grid&) const = default;
 };
 
 /// A grid whose voxel (x, y, z) is value(x, y, z).
@@ -48,67 +52,71 @@ Grid<T> filled(Point size, F value) {
   return g;
 }
 
-/// What names the 2-D and the 3-D class apart.
-template <int D>
-struct Twin;
-template <>
-struct Twin<3> {
-  static constexpr int D = 3;
-  template <class T>
-  using LevelSet = vox3DLevelSet<T, char>;
-  template <class T>
-  using Matrix = vox3DMat<T, char>;
-  template <class T = double>
-  static std::unique_ptr<Matrix<T>> matrix(Point s) {
-    return std::make_unique<Matrix<T>>(s[0], s[1], s[2]);
-  }
-  static constexpr const char* destructorLine = "empty vox3DLevelSet destructed\n";
-};
-template <>
-struct Twin<2> {
-  static constexpr int D = 2;
-  template <class T>
-  using LevelSet = vox2DLevelSet<T, char>;
-  template <class T>
-  using Matrix = vox2DMat<T, char>;
-  template <class T = double>
-  static std::unique_ptr<Matrix<T>> matrix(Point s) {
-    return std::make_unique<Matrix<T>>(s[0], s[1]);
-  }
-  static constexpr const char* destructorLine = "empty vox2DLevelSet destructed\n";
-};
+// ---- the documented classes ---------------------------------------------------------------------
 
+template <int D, class T, class U>
+using MatrixOf = std::conditional_t<D == 3, vox3DMat<T, U>, vox2DMat<T, U>>;
 template <int D, class T = double>
-auto toMatrix(const Grid<double>& g) {
-  auto m = Twin<D>::template matrix<T>(g.size);
+using LevelSetOf = std::conditional_t<D == 3, vox3DLevelSet<T, char>, vox2DLevelSet<T, char>>;
+using Image = vox3DMat<double, char>;
+using Mask = vox3DMat<char, double>;
+using Slice = vox2DMat<double, char>;
+using MaskSlice = vox2DMat<char, double>;
+
+template <class Matrix>
+Point sizeOf(const Matrix& m) {
+  if constexpr (requires { m.sizeZ; }) {
+    return {m.sizeX, m.sizeY, m.sizeZ};
+  } else {
+    return {m.sizeX, m.sizeY, 1};
+  }
+}
+
+template <class Matrix, class T>
+std::unique_ptr<Matrix> toMatrix(const Grid<T>& g) {
+  auto m = std::make_unique<Matrix>();
+  if constexpr (requires { m->sizeZ; }) {
+    m->setup(g.size[0], g.size[1], g.size[2]);
+  } else {
+    m->setup(g.size[0], g.size[1]);
+  }
   std::copy(g.p.begin(), g.p.end(), m->p);
   return m;
 }
 
-// ---- comparison in all bits -------------------------------------------------------------------
+/// The numbers that the voxels stand for.
+template <class Matrix>
+Grid<double> toGrid(const Matrix& m) {
+  Grid<double> g(sizeOf(m));
+  std::transform(m.p, m.p + g.p.size(), g.p.begin(), [](auto v) { return number(v); });
+  return g;
+}
+/// The same of a new matrix that an operation returned, and which goes with it.
+template <class Matrix>
+Grid<double> toGrid(Matrix* m) {
+  return toGrid(*std::unique_ptr<Matrix>(m));
+}
+
+// ---- comparison in all bits ---------------------------------------------------------------------
 
 inline bool same(double a, double b) {
   return std::bit_cast<std::uint64_t>(a) == std::bit_cast<std::uint64_t>(b) ||
          (std::isnan(a) && std::isnan(b));
 }
-inline bool same(int a, int b) { return a == b; }
 
-/// The elements of `got` against those of `want`; names the first that differs.
-template <class T, class U>
-void expectSame(const char* field, const T* got, std::span<U> want) {
+/// The elements of `got` against those of `wanted`; names the first that differs.
+template <class T, class Range>
+void expectSame(const char* field, const T* got, const Range& wanted) {
+  const std::span want(wanted);
   ASSERT_TRUE(got != nullptr || want.empty()) << field << " does not exist";
   std::size_t differing = 0, first = 0;
   for (std::size_t n = want.size(); n-- > 0;) {
-    if (!same(got[n], want[n])) ++differing, first = n;
+    if (!same(number(got[n]), number(want[n]))) ++differing, first = n;
   }
   if (differing == 0) return;
   ADD_FAILURE() << field << ": " << differing << " of " << want.size() << " differ, first ["
                 << first << "] = " << std::setprecision(17) << +got[first] << " instead of "
                 << +want[first];
-}
-template <class T, class U>
-void expectSame(const char* field, const T* got, const std::vector<U>& want) {
-  expectSame(field, got, std::span(want));
 }
 
 // ---- random functions and images ----------------------------------------------------------------
@@ -138,7 +146,7 @@ inline Grid<double> waves(Point size, Random& r) {
   });
 }
 
-enum Function { kBlobs, kMask, kBall, kPlane, kSpots, kTies, kNoise, kScales, kOneSided };
+enum FunctionKind { kBlobs, kMask, kBall, kPlane, kSpots, kTies, kNoise, kScales, kOneSided };
 constexpr int kFunctions = kOneSided + 1;
 
 inline Grid<double> randomFunction(int kind, Point size, Random& r) {
@@ -163,7 +171,7 @@ inline Grid<double> randomFunction(int kind, Point size, Random& r) {
   return g;
 }
 
-enum Image { kSmooth, kNoisy, kTwoValued, kConstant, kHalfway, kSigned, kOutliers, kBroken };
+enum ImageKind { kSmooth, kNoisy, kTwoValued, kConstant, kHalfway, kSigned, kOutliers, kBroken };
 constexpr int kImages = kBroken + 1;
 
 inline Grid<double> randomImage(int kind, Point size, Random& r) {
@@ -178,7 +186,7 @@ inline Grid<double> randomImage(int kind, Point size, Random& r) {
     if (kind == kSigned) v = r.between(-3, 3);
     if (kind == kOutliers && r.below(50) == 0) v = std::ldexp(r.between(-1, 1), r.below(90) - 30);
     if (kind == kBroken && r.below(200) == 0)  // goes through as the arithmetic has it
-      v = r.below(2) ? std::nan("") : std::numeric_limits<double>::infinity();
+      v = r.below(2) ? kNaN : kInfinity;
   }
   return g;
 }
