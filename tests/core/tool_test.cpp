@@ -4,10 +4,11 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
+#include <filesystem>
 #include <limits>
 #include <numeric>
 
+#include "grids.h"
 #include "phantom.h"
 #include "process.h"
 
@@ -19,36 +20,26 @@ namespace tavrel::test {
 namespace {
 
 const std::array<std::string, 3> kFormats{"byte", "word", "float"};
-constexpr char kGreyscaleOnly[] = "Skull stripping only works on grayscale images.\n";
 
 /// The bytes of a raw file that holds `values`.
-template <class Stored, class Value>
-std::string rawBytes(const std::vector<Value>& values) {
+template <class Stored>
+std::string rawBytes(const std::vector<double>& values) {
   const std::vector<Stored> stored(values.begin(), values.end());
   return {reinterpret_cast<const char*>(stored.data()), stored.size() * sizeof(Stored)};
 }
 
-struct Outputs {
-  std::string mask, stripped, phi;
-  bool operator==(const Outputs&) const = default;
-};
+using Sizes = std::array<int, 3>;
+using Outputs = std::array<std::string, 3>;  ///< mask, stripped image, level-set function
 
 class ToolTest : public FolderTest {
  protected:
-  using Sizes = std::array<int, 3>;
-
   /// The nine arguments of a run on the file `image`.
   std::vector<std::string> arguments(const std::string& w5, const Sizes& sizes,
                                      const std::string& format = "byte") const {
-    return {w5,
-            std::to_string(sizes[0]),
-            std::to_string(sizes[1]),
-            std::to_string(sizes[2]),
-            path("image"),
-            format,
-            path("mask"),
-            path("stripped"),
-            path("phi")};
+    std::vector<std::string> all{w5};
+    for (const int size : sizes) all.push_back(std::to_string(size));
+    all.insert(all.end(), {path("image"), format, path("mask"), path("stripped"), path("phi")});
+    return all;
   }
 
   static Finished tavrel(const std::vector<std::string>& args) { return run(TAVREL_COMMAND, args); }
@@ -88,41 +79,35 @@ std::string echo(const std::vector<std::string>& a, const std::string& w5,
 
 const std::string kSorting = "double sorting called\ndouble sorting called\n";
 
-TEST_F(ToolTest, TooFewArgumentsPrintTheUsage) {
+TEST_F(ToolTest, WrongArgumentsAreRefusedBeforeAnything) {
   const std::string usage =
       "Usuage:Tavrel [W5] [ImgWidth] [ImgHeight] [ImgSlices] [RawImageFileName] "
       "[ImageDataFormat: byte, word or float]\n"
       "                          [RawMaskFileName] [RawSSFileName] [RawPhiFileName]\n";
   std::vector<std::string> eight = arguments("1", {8, 8, 8});
   eight.pop_back();
-  for (const auto& args : {std::vector<std::string>{}, {"--help"}, {"-h"}, eight}) {
-    const Finished finished = tavrel(args);
-    EXPECT_EQ(finished.out, usage);
+  for (const auto& args : {std::vector<std::string>{}, {"--help"}, {"-h"}, eight})
+    EXPECT_EQ(tavrel(args), (Finished{1, usage, ""}));
+  const std::string formats = "For data format, please enter: byte, word or float.\n";
+  for (const std::string word : {"Byte", "bytes", "double", "", " word", "0"})
+    EXPECT_EQ(tavrel(arguments("1", {8, 8, 8}, word)), (Finished{1, formats, ""})) << word;
+  for (const Sizes& sizes : {Sizes{-1, 8, 8}, {8, 8, -8}, {-1, 0, 8}, {1290, 1290, 1290}}) {
+    const Finished finished = tavrel(arguments("1", sizes));
+    EXPECT_TRUE(finished.out.starts_with("Image sizes must not be negative, and")) << finished;
+    EXPECT_EQ(std::count(finished.out.begin(), finished.out.end(), '\n'), 1) << finished;
     EXPECT_EQ(finished.err, "");
     EXPECT_EQ(finished.status, 1);
   }
-  EXPECT_TRUE(files().empty());
-}
-
-TEST_F(ToolTest, UnknownFormatWordIsRefused) {
-  for (const std::string word : {"Byte", "BYTE", "bytes", "double", "", " word", "0"}) {
-    const Finished finished = tavrel(arguments("1", {8, 8, 8}, word));
-    EXPECT_EQ(finished.out, "For data format, please enter: byte, word or float.\n") << word;
-    EXPECT_EQ(finished.err, "");
-    EXPECT_EQ(finished.status, 1);
-  }
-  EXPECT_TRUE(files().empty());
-}
-
-TEST_F(ToolTest, OtherFormatCodesAreRefusedAfterNineLines) {
+  // The function is given a code where the command is given a word.
   std::vector<std::string> args = arguments("1.25", {8, 9, 10});
-  for (const int code : {3, -1, 4, std::numeric_limits<int>::min()}) {
+  for (const int code : {3, -1, std::numeric_limits<int>::min()}) {
     testing::internal::CaptureStdout();
     EXPECT_FALSE(Tavrel(8, 9, 10, args[4].data(), code, 1.25, args[6].data(), args[7].data(),
                         args[8].data()));
     const std::string whole = echo(args, "1.25", std::to_string(code));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              whole.substr(0, whole.find("\n8\t9\t10\n") + 1) + kGreyscaleOnly);
+              whole.substr(0, whole.find("\n8\t9\t10\n") + 1) +
+                  "Skull stripping only works on grayscale images.\n");
   }
   EXPECT_TRUE(files().empty());
 }
@@ -132,10 +117,8 @@ TEST_F(ToolTest, RunEchoesItsArgumentsInOrder) {
   for (std::size_t code = 0; code < kFormats.size(); ++code) {
     writePhantom(sizes, kFormats[code]);
     const auto args = arguments("1.23456789", sizes, kFormats[code]);
-    const Finished finished = tavrel(args);
-    EXPECT_EQ(finished.out, echo(args, "1.23457", std::to_string(code)) + kSorting);
-    EXPECT_EQ(finished.err, "");
-    EXPECT_EQ(finished.status, 0);
+    const std::string out = echo(args, "1.23457", std::to_string(code)) + kSorting;
+    EXPECT_EQ(tavrel(args), (Finished{0, out, ""}));
   }
   for (const auto& [text, echoed] : {std::pair{"abc", "0"}, {"1e-7x", "1e-07"}, {"-2", "-2"}}) {
     const auto args = arguments(text, sizes, "float");
@@ -164,19 +147,8 @@ TEST_F(ToolTest, ReaderTellsOfZeroSizesAndMissingFiles) {
   // Also where the machine could not hold the volume.
   for (const Sizes& sizes : {Sizes{8, 8, 8}, {1280, 1280, 1280}}) {
     const auto args = arguments("1", sizes);
-    EXPECT_EQ(tavrel(args),
-              (Finished{0, echo(args, "1", "0"),
-                        "  Error opening file " + path("image") + " for reading in data \n"}));
-  }
-  EXPECT_TRUE(files().empty());
-}
-
-TEST_F(ToolTest, ImpossibleSizesAreRefusedBeforeAnything) {
-  for (const Sizes& sizes : {Sizes{-1, 8, 8}, {8, 8, -8}, {-1, 0, 8}, {1290, 1290, 1290}}) {
-    const Finished finished = tavrel(arguments("1", sizes));
-    EXPECT_EQ(std::count(finished.out.begin(), finished.out.end(), '\n'), 1) << finished.out;
-    EXPECT_EQ(finished.err, "");
-    EXPECT_EQ(finished.status, 1);
+    const std::string line = "  Error opening file " + path("image") + " for reading in data \n";
+    EXPECT_EQ(tavrel(args), (Finished{0, echo(args, "1", "0"), line}));
   }
   EXPECT_TRUE(files().empty());
 }
@@ -186,14 +158,13 @@ TEST_F(ToolTest, LackOfMemoryIsReported) {
   GTEST_SKIP() << "AddressSanitizer needs more address space than the limit leaves";
 #endif
   writeFile(path("image"), "");
-  std::string line = "ulimit -v 200000 && exec " TAVREL_COMMAND;
-  for (const std::string& arg : arguments("1", {300, 300, 300})) line += " '" + arg + "'";
-  const Finished finished = run("/bin/sh", {"-c", line});
-  EXPECT_TRUE(
-      finished.out.ends_with("\nNot enough memory for a volume of 300 x 300 x 300 voxels.\n"))
-      << finished.out;
-  EXPECT_EQ(finished.err, "");
-  EXPECT_EQ(finished.status, 1);
+  const auto args = arguments("1", {300, 300, 300});
+  const Finished finished = Process(TAVREL_COMMAND, args, [] {
+                              const rlimit memory = {200 << 20, 200 << 20};
+                              setrlimit(RLIMIT_AS, &memory);
+                            }).wait();
+  const std::string line = "Not enough memory for a volume of 300 x 300 x 300 voxels.\n";
+  EXPECT_EQ(finished, (Finished{1, echo(args, "1", "0") + line, ""}));
   EXPECT_EQ(files(), std::set<std::string>{"image"});
 }
 
@@ -212,18 +183,23 @@ TEST_F(ToolTest, UnwritableOutputEndsTheRunAndKeepsEarlierFiles) {
     EXPECT_EQ(files(), left);
     left.insert(name);
   }
-  auto args = arguments("1", sizes);
-  args[7] = "/dev/full";
-  const Finished finished = tavrel(args);
-  EXPECT_EQ(finished.err, "  Error writing file /dev/full \n");
-  EXPECT_EQ(finished.status, 1);
-  const Finished limited = Process(TAVREL_COMMAND, arguments("1", sizes), [] {
-                             const rlimit fileSize = {4096, 4096};
-                             setrlimit(RLIMIT_FSIZE, &fileSize);
-                           }).wait();
-  EXPECT_EQ(limited.err, "  Error writing file " + path("phi") + " \n");
-  EXPECT_EQ(limited.status, 1);
-  EXPECT_EQ(files(), (std::set<std::string>{"image", "mask"}));
+}
+
+TEST_F(ToolTest, FullDiskLeavesNoPartialFile) {
+  writePhantom({9, 10, 11});
+  auto args = arguments("1", {9, 10, 11});
+  std::filesystem::create_symlink("elsewhere", path("link"));
+  // A limit on the size of files stands for the full disk. A link is the user's, and stays.
+  for (const std::string& phi : {std::string("/dev/full"), path("phi"), path("link")}) {
+    args[8] = phi;
+    const Finished finished = Process(TAVREL_COMMAND, args, [] {
+                                const rlimit fileSize = {4096, 4096};
+                                setrlimit(RLIMIT_FSIZE, &fileSize);
+                              }).wait();
+    EXPECT_EQ(finished.err, "  Error writing file " + phi + " \n");
+    EXPECT_EQ(finished.status, 1);
+  }
+  EXPECT_EQ(files(), (std::set<std::string>{"elsewhere", "image", "link"}));
 }
 
 TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
@@ -231,11 +207,11 @@ TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
   std::vector<double> values = writePhantom(sizes);
   for (const char* name : {"mask", "stripped", "phi"})  // to be replaced
     writeFile(path(name), std::string(200000, 'x'));
-  const Outputs bytes = strip(arguments("0.8", sizes));
-  ASSERT_EQ(bytes.mask.size(), values.size());
-  EXPECT_EQ(bytes.mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
-  EXPECT_EQ(bytes.phi.size(), 24u * 24 * 24 * sizeof(float));
-  const auto inside = std::count(bytes.mask.begin(), bytes.mask.end(), '\1');
+  const auto [mask, stripped, phi] = strip(arguments("0.8", sizes));
+  ASSERT_EQ(mask.size(), values.size());
+  EXPECT_EQ(mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
+  EXPECT_EQ(phi.size(), 24u * 24 * 24 * sizeof(float));
+  const auto inside = std::count(mask.begin(), mask.end(), '\1');
   EXPECT_GT(inside, 1000);
   EXPECT_LT(inside, std::ssize(values) / 2);
 
@@ -246,20 +222,11 @@ TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
   const Outputs words = strip(arguments("0.8", sizes, "word"));
   writeImage(values, "float");
   const Outputs floats = strip(arguments("0.8", sizes, "float"));
-  EXPECT_EQ(floats.mask, words.mask);
-  EXPECT_EQ(floats.phi, words.phi);
-
-  ASSERT_EQ(floats.mask.size(), values.size());
-  ASSERT_EQ(words.mask.size(), values.size());
-  std::vector<float> wantFloats;
-  std::vector<int> wantWords;
-  for (std::size_t n = 0; n < values.size(); ++n) {
-    wantFloats.push_back(static_cast<float>(values[n]) * static_cast<float>(floats.mask[n]));
-    wantWords.push_back(static_cast<int>(values[n]) * words.mask[n]);
-  }
-  EXPECT_TRUE(std::signbit(wantFloats[0]) && wantFloats[0] == 0);
-  EXPECT_EQ(floats.stripped, rawBytes<float>(wantFloats));
-  EXPECT_EQ(words.stripped, rawBytes<std::int16_t>(wantWords));
+  ASSERT_EQ(words[0].size(), values.size());
+  for (std::size_t n = 0; n < values.size(); ++n) values[n] *= words[0][n];
+  EXPECT_TRUE(std::signbit(values[0]) && values[0] == 0);
+  EXPECT_EQ(words, (Outputs{words[0], rawBytes<std::int16_t>(values), words[2]}));
+  EXPECT_EQ(floats, (Outputs{words[0], rawBytes<float>(values), words[2]}));
 }
 
 TEST_F(ToolTest, FindsTheBrainOfAPhantom) {
@@ -269,7 +236,7 @@ TEST_F(ToolTest, FindsTheBrainOfAPhantom) {
   const double brainVoxels = std::accumulate(brain.begin(), brain.end(), 0.0);
   double smaller = 0;
   for (const char* w5 : {"0.8", "1.0", "1.2"}) {
-    const std::string mask = strip(arguments(w5, sizes)).mask;
+    const std::string mask = strip(arguments(w5, sizes))[0];
     ASSERT_EQ(mask.size(), brain.size());
     const double voxels = std::accumulate(mask.begin(), mask.end(), 0.0);
     const double common = std::inner_product(mask.begin(), mask.end(), brain.begin(), 0.0);
@@ -282,24 +249,21 @@ TEST_F(ToolTest, FindsTheBrainOfAPhantom) {
 /// Random command lines and files: whatever they are, the command ends by itself with status 0
 /// or 1.
 TEST_F(ToolTest, SurvivesRandomArgumentsAndFiles) {
-  std::uint64_t drawn = 0;
-  const auto pick = [&](std::uint64_t choices) {
-    return static_cast<std::uint64_t>(uniformAt(2026, drawn++) * static_cast<double>(choices));
-  };
+  Random r(2026);
   const std::vector<std::string> numbers{
       "",     "-",     "abc", "0x10",       "1e9", "nan", "inf",
       "-inf", "1e308", "-1",  "3000000000", "+7",  " 9",  "99999999999999999999"};
   for (int round = 0; round < 120; ++round) {
-    std::string bytes(pick(12000), '\0');
-    const std::uint64_t values = pick(2) ? 256 : 2;
-    for (char& byte : bytes) byte = static_cast<char>(pick(values));
+    std::string bytes(r.below(12000), '\0');
+    const int values = r.below(2) ? 256 : 2;
+    for (char& byte : bytes) byte = static_cast<char>(r.below(values));
     writeFile(path("image"), bytes);
-    const auto size = [&] { return static_cast<int>(1 + pick(pick(3) ? 14 : 40)); };
-    auto args = arguments(std::to_string(-1 + 4 * uniformAt(2026, drawn++)),
-                          {size(), size(), size()}, kFormats[pick(3)]);
-    if (pick(4) == 0) args[pick(4)] = numbers[pick(numbers.size())];
-    if (pick(8) == 0) args[4 + pick(5)] = path(pick(2) ? "image" : "");
-    if (pick(16) == 0) args.resize(pick(12));
+    const auto size = [&] { return 1 + r.below(r.below(3) ? 14 : 40); };
+    auto args =
+        arguments(std::to_string(r.between(-1, 3)), {size(), size(), size()}, kFormats[r.below(3)]);
+    if (r.below(4) == 0) args[r.below(4)] = numbers[r.below(14)];
+    if (r.below(8) == 0) args[4 + r.below(5)] = path(r.below(2) ? "image" : "");
+    if (r.below(16) == 0) args.resize(r.below(12));
     const Finished finished = tavrel(args);
     ASSERT_TRUE(finished.status == 0 || finished.status == 1)
         << "round " << round << ", status " << finished.status << '\n'
