@@ -119,7 +119,8 @@ Weights randomWeights(Random& r) {
 void compare(Point size, int function, int imageKind, unsigned seed, int steps, bool disturbed,
              tavrel::exact::Workspace& memory) {
   SCOPED_TRACE(testing::Message() << size[0] << "x" << size[1] << "x" << size[2] << " function "
-                                  << function << " image " << imageKind << " seed " << seed);
+                                  << function << " image " << kImages[imageKind].name << " seed "
+                                  << seed);
   Random r(seed);
   const Grid<double> start = randomFunction(function, size, r);
   const auto image = toMatrix<Image>(randomImage(imageKind, size, r)), Phi = toMatrix<Image>(start);
@@ -144,7 +145,8 @@ TEST(ExactStep, EqualsThePlainOneStageByStage) {
     for (int function = 0; function < kFunctions; ++function) {
       if (voxels > 5000 && function > kSpots) continue;  // nearly all edge voxels: slow
       for (int repeat = 0; repeat < (voxels < 3000 ? 4 : 1); ++repeat, ++seed) {
-        compare(size, function, static_cast<int>(seed) % kImages, seed, 1, false, memory);
+        compare(size, function, static_cast<int>(seed % std::size(kImages)), seed, 1, false,
+                memory);
         if (HasFailure()) return;
       }
     }
@@ -160,7 +162,7 @@ TEST(ExactStep, EqualsThePlainOneOverManyStepsAndOnDisturbedFields) {
   for (unsigned seed = 1; seed <= 40 && !HasFailure(); ++seed) {
     Random r(seed);
     const Point size{3 + r.below(12), 3 + r.below(12), 1 + r.below(12)};
-    compare(size, static_cast<int>(seed) % kFunctions, kNoisy, seed, 2, true, memory);
+    compare(size, static_cast<int>(seed) % kFunctions, kUniform, seed, 2, true, memory);
   }
 }
 

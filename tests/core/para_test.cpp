@@ -175,38 +175,35 @@ TEST(Numbers, ConvertWithoutFailing) {
 // ---- sorting utilities -------------------------------------------------------------------------
 
 template <class T>
-std::vector<T> sorted(std::vector<T> v, int (*compare)(const void*, const void*)) {
-  std::qsort(v.data(), v.size(), sizeof(T), compare);
-  return v;
+int compared(int (*compare)(const void*, const void*), T a, T b) {
+  return compare(&a, &b);
 }
 
-TEST(Comparators, SortAscendingWithNaNLast) {
-  const auto doubles = sorted<double>({kNaN, 0.7, 0.3, kNaN, -1.0, 1.5}, comparedouble);
-  EXPECT_EQ(std::vector(doubles.begin(), doubles.end() - 2), (std::vector{-1.0, 0.3, 0.7, 1.5}));
-  EXPECT_TRUE(std::isnan(doubles[4]) && std::isnan(doubles[5]));
-  EXPECT_EQ(sorted<float>({2.5f, -1.f, 0.f}, comparefloat), (std::vector{-1.f, 0.f, 2.5f}));
-  EXPECT_EQ(sorted<int>({7, INT_MIN, 0, INT_MAX, -1}, compareint),
-            (std::vector{INT_MIN, -1, 0, 7, INT_MAX}));
-  EXPECT_EQ(sorted<char>({2, '\xFD', 0}, comparechar), (std::vector{'\xFD', '\0', '\2'}));
-  const char a = -3, b = 2;
-  EXPECT_EQ(comparechar(&a, &b), -5);
-  const int i = 30, j = 12;
-  EXPECT_EQ(compareint(&i, &j), 18);
-  const double x = 0.0, y = -0.0;
-  EXPECT_EQ(comparedouble(&x, &y), 0);
+TEST(Comparators, AscendWithNaNLast) {
+  EXPECT_EQ(compared(comparedouble, 0.3, 0.7), -1);
+  EXPECT_EQ(compared(comparedouble, kNaN, 0.7), 1);
+  EXPECT_EQ(compared(comparedouble, 0.7, kNaN), -1);
+  EXPECT_EQ(compared(comparedouble, kNaN, kNaN), 0);
+  EXPECT_EQ(compared(comparedouble, 0.0, -0.0), 0);
+  EXPECT_EQ(compared(comparefloat, 2.5f, -1.f), 1);
+  EXPECT_EQ(compared(compareint, 30, 12), 18);
+  EXPECT_EQ(compared(compareint, INT_MIN, INT_MAX), INT_MIN);
+  EXPECT_EQ(compared(compareint, INT_MAX, -1), INT_MAX);
+  EXPECT_EQ(compared(comparechar, '\xFD', '\2'), -5);
 }
 
 template <class Record>
 void checkOrdered(int (*compare)(const void*, const void*)) {
-  Record a(1, 0.5), b(2, 0.5), c(3, kNaN);
-  EXPECT_EQ(compare(&a, &b), -1) << "distances are never equal";
-  EXPECT_EQ(compare(&b, &a), -1);
-  EXPECT_EQ(compare(&c, &a), 1);
-  EXPECT_EQ(compare(&a, &c), -1);
-  b.setup(4, 0.25);
-  EXPECT_EQ(compare(&a, &b), 1);
-  EXPECT_EQ(b.ind, 4);
-  EXPECT_EQ(Record().data, 0.0);
+  const Record a(1, 0.5), b(2, 0.5), c(3, kNaN);
+  EXPECT_EQ(compared(compare, a, b), -1) << "distances are never equal";
+  EXPECT_EQ(compared(compare, b, a), -1);
+  EXPECT_EQ(compared(compare, c, a), 1);
+  EXPECT_EQ(compared(compare, a, c), -1);
+  Record near;
+  EXPECT_EQ(near.data, 0.0);
+  near.setup(4, 0.25);
+  EXPECT_EQ(near.ind, 4);
+  EXPECT_EQ(compared(compare, a, near), 1);
 }
 
 TEST(Comparators, OrderRecordsByDistance) {
@@ -229,25 +226,21 @@ TEST(Triples, TableSortsByKeys) {
 }
 
 TEST(Reductions, MaximumAndFirstMinimum) {
-  double v[] = {-4, 3, 4, -4.5}, max = -1;
-  maxabs(v, 3, &max);
-  EXPECT_EQ(max, 4.0);
-  maxabs(v, 4, &max);
-  EXPECT_EQ(max, 4.5);
+  const auto most = [](auto... v) {
+    std::array array{v...};
+    auto max = array[0];
+    maxabs(array.data(), sizeof...(v), &max);
+    return max;
+  };
+  EXPECT_EQ(most(-4.0, 3.0, 4.0), 4.0);
+  EXPECT_EQ(most(-4.0, kNaN, 4.0, -4.5), 4.5) << "keeps the maximum so far";
+  EXPECT_EQ(most(3u, 4000000000u), 4000000000u);
   int m[] = {2, 1, 1}, min = -1, index = -1;
+  maxabs(m, 0, &min);
   minvandi(m, 0, &min, &index);
-  EXPECT_EQ(index, -1);
+  EXPECT_EQ(std::pair(min, index), std::pair(-1, -1));
   minvandi(m, 3, &min, &index);
-  EXPECT_EQ(min, 1);
-  EXPECT_EQ(index, 1);
-  maxabs(v, 0, &max);
-  EXPECT_EQ(max, 4.5);
-  v[1] = kNaN;  // keeps the maximum so far
-  maxabs(v, 4, &max);
-  EXPECT_EQ(max, 4.5);
-  unsigned u[] = {3, 4000000000u}, most = 0;
-  maxabs(u, 2, &most);
-  EXPECT_EQ(most, 4000000000u);
+  EXPECT_EQ(std::pair(min, index), std::pair(1, 1));
 }
 
 TEST(Reductions, ExactMultiples) {
