@@ -166,12 +166,4 @@ TEST(ExactStep, EqualsThePlainOneOverManyStepsAndOnDisturbedFields) {
   }
 }
 
-TEST(ExactStep, WithoutAnInterfaceDoesNothing) {
-  tavrel::exact::Workspace memory;
-  std::vector<double> Phi(60, -0.25);
-  const auto result = Level(Phi.data(), Phi.data(), {3, 4, 5}, memory).step({.w1 = 1, .w4 = 1});
-  EXPECT_EQ(result.n_edge + result.n_nbt + result.insideChange, 0);
-  EXPECT_EQ(Phi, std::vector<double>(60, -0.25));
-}
-
 }  // namespace

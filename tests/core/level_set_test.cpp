@@ -31,17 +31,21 @@ struct Step {
   }
   Step(const Grid<double>& function, const Weights& w) : Step(function, w, function) {}
   int neighbour(int i, int k) {
-    if constexpr (D == 3) {
-      return object.spar_nbt_6neigh_ind[6 * i + k];
-    } else {
-      return object.spar_nbt_4neigh_ind[4 * i + k];
-    }
+    return tavrel::plain::Face<LevelSetOf<D, T>>::neighbours(object)[2 * D * i + k];
   }
 };
 
 template <int D>
 Point cube(int n) {
   return {n, n, D == 3 ? n : 1};
+}
+
+/// A voxel in the middle of a cube of an odd number of voxels an axis.
+template <int D>
+Grid<double> single(int n, double value, double others) {
+  Grid<double> g(cube<D>(n), others);
+  g.p[g.p.size() / 2] = value;
+  return g;
 }
 
 template <class Dimension>
@@ -75,10 +79,8 @@ TYPED_TEST(PlainStep, PlaneIsItsOwnDistance) {
 
 TYPED_TEST(PlainStep, SingleVoxelFillsEveryField) {
   constexpr int D = TypeParam::value;
-  const int z = D == 3 ? 5 : 0, centre = 5 + 11 * 5 + 121 * z, n = D == 3 ? 275 : 45;
-  Step<D> s(filled(cube<D>(11),
-                   [=](int x, int y, int k) { return x == 5 && y == 5 && k == z ? 0.5 : -0.5; }),
-            {});
+  const int centre = D == 3 ? 665 : 60, n = D == 3 ? 275 : 45;
+  Step<D> s(single<D>(11, 0.5, -0.5), {});
   auto& e = s.object;
   EXPECT_EQ((std::array{e.n_pedge, e.n_nedge, e.n_edge, e.n_ptest, e.n_ntest, e.n_nbt}),
             (std::array{1, 2 * D, 2 * D + 1, 0, n - 2 * D - 1, n}));
@@ -91,20 +93,17 @@ TYPED_TEST(PlainStep, SingleVoxelFillsEveryField) {
   for (int i = 0; i < n; ++i) EXPECT_EQ(e.mask_indices->p[e.ori_nbt_ind[i]], i);
   const int offsets[] = {1, -1, 11, -11, 121, -121};
   for (int k = 0; k < 2 * D; ++k) EXPECT_EQ(e.ori_nbt_ind[s.neighbour(0, k)], centre + offsets[k]);
-  EXPECT_EQ(tavrel::number(e.label->p[centre]), 1);
-  EXPECT_EQ(tavrel::number(e.label->p[centre + 1]), -1);
-  EXPECT_EQ(tavrel::number(e.label->p[centre + 2]), -2);
-  EXPECT_EQ(tavrel::number(e.label->p[centre + 4]), -3);
-  EXPECT_EQ(e.mask_nbt->p[centre + 3], 1);
-  EXPECT_EQ(e.mask_nbt->p[centre + 4], 0);
+  const int labels[] = {1, -1, -2, -2, -3};
+  for (int x = 0; x < 5; ++x) {
+    EXPECT_EQ(tavrel::number(e.label->p[centre + x]), labels[x]);
+    EXPECT_EQ(e.mask_nbt->p[centre + x], x < 4);
+  }
   EXPECT_EQ(e.mask_indices->p[centre + 4], n);
 }
 
 TYPED_TEST(PlainStep, ZeroOnTheVoxelIsOnTheInterface) {
   constexpr int D = TypeParam::value;
-  const auto Phi = filled(cube<D>(7), [](int x, int y, int z) {
-    return x == 3 && y == 3 && z == (D == 3 ? 3 : 0) ? 0.0 : 0.5;
-  });
+  const auto Phi = single<D>(7, 0, 0.5);
   const Step<D> s(Phi, {.w1 = 1});
   const int i = s.object.n_pedge;
   EXPECT_EQ(s.object.n_nedge, 1);
@@ -274,11 +273,7 @@ struct Between : LevelSetOf<D> {
     this->n_nbt = 3;
     std::fill_n(links, 6 * D, 2);
     std::copy_n(std::array{0, 1}.begin(), 2, links + 4 * D);
-    if constexpr (D == 3) {
-      this->spar_nbt_6neigh_ind = links;
-    } else {
-      this->spar_nbt_4neigh_ind = links;
-    }
+    tavrel::plain::Face<LevelSetOf<D>>::neighbours(*this) = links;
     this->Spar_usdf = new double[5]{0.5, 0.5, 1.5, 1e5, 1e5};
     this->Spar_Fext = new double[5]{3, 4, 0, -1e5, 1e5};
   }
@@ -316,15 +311,8 @@ TEST(ByHand, LabelnbtWorksFromLabelsAndIndices) {
   EXPECT_EQ(e.mask_indices->p[4], 24);
 }
 
-/// A voxel inside in the middle of a cube of 5, or outside where everything else is inside.
-std::unique_ptr<Image> single(double side) {
-  auto Phi = toMatrix<Image>(Grid<double>({5, 5, 5}, -side));
-  Phi->p[62] = side;
-  return Phi;
-}
-
 TEST(Guards, EndTheProcess) {
-  const auto Phi = single(1);
+  const auto Phi = toMatrix<Image>(single<3>(5, 1, -1));
   vox3DLevelSet<double, char> e;
   e.LabelEdges(Phi.get());
   e.mxn = 24;
@@ -337,7 +325,7 @@ TEST(Guards, EndTheProcess) {
 }
 
 TEST(Guards, TellOfDiagonalNeighboursOutsideABandOfNoWidth) {
-  const auto Phi = single(-1);
+  const auto Phi = toMatrix<Image>(single<3>(5, -1, 1));
   vox3DLevelSet<double, char> e;
   e.Initialize(Phi.get(), 0);
   delete std::exchange(e.label, nullptr);  // is not looked at without the region term

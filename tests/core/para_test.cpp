@@ -225,7 +225,7 @@ TEST(Triples, TableSortsByKeys) {
   EXPECT_EQ(comparetriple(&b, &a), -1);
 }
 
-TEST(Reductions, MaximumAndFirstMinimum) {
+TEST(Reductions, MaximumFirstMinimumAndMultiples) {
   const auto most = [](auto... v) {
     std::array array{v...};
     auto max = array[0];
@@ -241,9 +241,6 @@ TEST(Reductions, MaximumAndFirstMinimum) {
   EXPECT_EQ(std::pair(min, index), std::pair(-1, -1));
   minvandi(m, 3, &min, &index);
   EXPECT_EQ(std::pair(min, index), std::pair(1, 1));
-}
-
-TEST(Reductions, ExactMultiples) {
   EXPECT_EQ(istimes(6.0, 3.0), 1);
   EXPECT_EQ(istimes(6.5, 3.0), 0);
   EXPECT_EQ(istimes(6.0, 0.0), 0);

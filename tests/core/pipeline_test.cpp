@@ -233,16 +233,6 @@ TEST(Evolve, ReportsWhatDoesNotFitAndDoesNotEndTheProcess) {
   EXPECT_THROW(run.prepared(), std::length_error);
 }
 
-TEST(Pyramid, KnowsWhichVolumesFit) {
-  using tavrel::Pyramid;
-  EXPECT_EQ(Pyramid::padded(181), 184);
-  EXPECT_TRUE(Pyramid::fits(0, 1 << 30, 1 << 30));
-  EXPECT_TRUE(Pyramid::fits(1288, 1290 - 2, 1290 - 2));
-  EXPECT_FALSE(Pyramid::fits(1290, 1290, 1290)) << "1292 padded";
-  EXPECT_FALSE(Pyramid::fits(std::numeric_limits<int>::max(), 1, 1));
-  EXPECT_FALSE(Pyramid::fits(-4, -4, 4));
-}
-
 // ---- last stage -------------------------------------------------------------------------------
 
 TEST(Finish, RefinesSlicesOnlyAfterHalvingAndDilatesOnce) {

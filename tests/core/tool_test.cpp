@@ -91,7 +91,10 @@ TEST_F(ToolTest, WrongArgumentsAreRefusedBeforeAnything) {
   const std::string formats = "For data format, please enter: byte, word or float.\n";
   for (const std::string word : {"Byte", "bytes", "double", "", " word", "0"})
     EXPECT_EQ(tavrel(arguments("1", {8, 8, 8}, word)), (Finished{1, formats, ""})) << word;
-  for (const Sizes& sizes : {Sizes{-1, 8, 8}, {8, 8, -8}, {-1, 0, 8}, {1290, 1290, 1290}}) {
+  constexpr int most = std::numeric_limits<int>::max();
+  // The last ones have 1292 voxels an axis with their padding, or more than can be counted.
+  for (const Sizes& sizes :
+       {Sizes{-1, 8, 8}, {8, 8, -8}, {-1, 0, 8}, {1289, 1290, 1290}, {most, 1, 1}}) {
     const Finished finished = tavrel(arguments("1", sizes));
     EXPECT_TRUE(finished.out.starts_with("Image sizes must not be negative, and")) << finished;
     EXPECT_EQ(std::count(finished.out.begin(), finished.out.end(), '\n'), 1) << finished;
@@ -120,21 +123,14 @@ TEST_F(ToolTest, RunEchoesItsArgumentsInOrder) {
     const std::string out = echo(args, "1.23457", std::to_string(code)) + kSorting;
     EXPECT_EQ(tavrel(args), (Finished{0, out, ""}));
   }
+  // Text after numbers and further arguments are ignored.
   for (const auto& [text, echoed] : {std::pair{"abc", "0"}, {"1e-7x", "1e-07"}, {"-2", "-2"}}) {
-    const auto args = arguments(text, sizes, "float");
-    EXPECT_EQ(tavrel(args).out, echo(args, echoed, "2") + kSorting);
+    auto args = arguments(text, sizes, "float");
+    const std::string out = echo(args, echoed, "2") + kSorting;
+    args[1] += "px";
+    args.insert(args.end(), {"more", path("never"), ""});
+    EXPECT_EQ(tavrel(args), (Finished{0, out, ""}));
   }
-}
-
-TEST_F(ToolTest, ExtraArgumentsAndTextAfterNumbersAreIgnored) {
-  const Sizes sizes{14, 16, 15};
-  writePhantom(sizes);
-  auto args = arguments("0", sizes);
-  const Outputs plain = strip(args);
-  args.insert(args.end(), {"more", path("never"), ""});
-  args[0] = "not a number";
-  args[1] += "px";
-  EXPECT_EQ(strip(args), plain);
   EXPECT_EQ(files(), (std::set<std::string>{"image", "mask", "phi", "stripped"}));
 }
 
@@ -145,7 +141,7 @@ TEST_F(ToolTest, ReaderTellsOfZeroSizesAndMissingFiles) {
     EXPECT_EQ(tavrel(args), (Finished{0, echo(args, "1", "0") + line, ""}));
   }
   // Also where the machine could not hold the volume.
-  for (const Sizes& sizes : {Sizes{8, 8, 8}, {1280, 1280, 1280}}) {
+  for (const Sizes& sizes : {Sizes{8, 8, 8}, {1288, 1288, 1288}}) {
     const auto args = arguments("1", sizes);
     const std::string line = "  Error opening file " + path("image") + " for reading in data \n";
     EXPECT_EQ(tavrel(args), (Finished{0, echo(args, "1", "0"), line}));
@@ -210,10 +206,8 @@ TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
   const auto [mask, stripped, phi] = strip(arguments("0.8", sizes));
   ASSERT_EQ(mask.size(), values.size());
   EXPECT_EQ(mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
+  EXPECT_EQ(stripped.size(), values.size());
   EXPECT_EQ(phi.size(), 24u * 24 * 24 * sizeof(float));
-  const auto inside = std::count(mask.begin(), mask.end(), '\1');
-  EXPECT_GT(inside, 1000);
-  EXPECT_LT(inside, std::ssize(values) / 2);
 
   // A shift and a scale that are exact in every format leave the mask alone or nearly so; whatever
   // the mask is, the product has to be exact, with negative zeros where a negative float goes.
