@@ -37,10 +37,6 @@ struct Grid {
       : size(s), p(static_cast<std::size_t>(s[0]) * s[1] * s[2], value) {}
   T& operator[](Point q) { return p[q[0] + q[1] * size[0] + q[2] * size[0] * size[1]]; }
   const T& operator[](Point q) const { return const_cast<Grid&>(*this)[q]; }
-  template <class F>
-  void scan(F f) const {
-    plain::scan(size, f);
-  }
   bool operator==(const Grid&) const = default;
 };
 
@@ -48,7 +44,7 @@ struct Grid {
 template <class T = double, class F>
 Grid<T> filled(Point size, F value) {
   Grid<T> g(size);
-  g.scan([&](Point q) { g[q] = value(q[0], q[1], q[2]); });
+  plain::scan(size, [&](Point q) { g[q] = value(q[0], q[1], q[2]); });
   return g;
 }
 
@@ -156,7 +152,7 @@ inline Grid<double> randomFunction(int kind, Point size, Random& r) {
   const double radius = r.between(0.4, 9), slope = r.between(0.1, 3);
   const int axis = r.below(3);
   const int ties[] = {-2, -1, -1, 0, 0, 1, 1, 2};
-  g.scan([&](Point q) {
+  plain::scan(size, [&](Point q) {
     double& v = g[q];
     if (kind == kBlobs) v += shift;
     if (kind == kMask) v = v < shift ? -0.5 : 0.5;

@@ -22,7 +22,7 @@ using tavrel::StepReport;
 std::unique_ptr<Image> head(Point size, unsigned seed) {
   Random r(seed);
   Grid<double> g = waves(size, r);
-  g.scan([&](Point q) {
+  tavrel::plain::scan(size, [&](Point q) {
     double d = 0;
     for (int a = 0; a < 3; ++a) d += std::pow((q[a] + 0.5) / size[a] * 2 - 1, 2);
     g[q] = std::floor(d < 0.55 ? 170 + 60 * g[q] + r.below(12) : 30 + r.below(25));
@@ -147,12 +147,11 @@ auto fields(const StepReport& s) {
   return std::tuple(s.level, s.levels, s.iteration, s.inside, s.ratio, s.n_edge, s.n_nbt);
 }
 
-/// The first head is large enough for changes on both sides of the threshold.
 TEST(Evolve, EqualsThePlainClassWithAnyNumberOfThreads) {
-  const std::tuple<Point, double, std::array<int, 3>> runs[] = {
-      {{40, 44, 38}, 1.0, {1000, 1000, 1000}}, {{18, 23, 15}, 1.3, {4, 2, 3}}};
-  for (const auto& [size, w5, limits] : runs) {
-    Case run(size, 12, w5);
+  const std::pair<double, std::array<int, 3>> runs[] = {{1.0, {1000, 1000, 1000}},
+                                                        {1.3, {4, 2, 3}}};
+  for (const auto& [w5, limits] : runs) {
+    Case run({18, 23, 15}, 5, w5);
     std::copy(limits.begin(), limits.end(), run.P.max_iter);
     const auto start = run.prepared();
     std::vector<Evolved<3>> want;
@@ -184,6 +183,25 @@ TEST(Evolve, EqualsThePlainClassWithAnyNumberOfThreads) {
       EXPECT_EQ(toGrid(*volumes.image), toGrid(*start.image));
     }
   }
+}
+
+/// On a head large enough for changes on both sides of the threshold.
+TEST(Evolve, EndsALevelAtTheFirstSmallChange) {
+  const Case run({40, 44, 38}, 12);
+  auto volumes = run.prepared();
+  double most = 0, least = 1;
+  int ends = 0;
+  tavrel::EvolutionObserver observer;
+  observer.onStep = [&](const StepReport& r) {
+    const bool small = r.ratio < 0.0002;
+    ends += small;
+    double& nearest = small ? most : least;
+    nearest = small ? std::max(nearest, r.ratio) : std::min(nearest, r.ratio);
+  };
+  tavrel::evolve(volumes, run.P, observer);
+  EXPECT_EQ(ends, 3);
+  EXPECT_GT(most, 0.0001);
+  EXPECT_LT(least, 0.0003);
 }
 
 TEST(Evolve, EndsWithAnEmptyMask) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <limits>
+#include <map>
 #include <numeric>
 
 #include "grids.h"
@@ -21,11 +22,14 @@ namespace {
 
 const std::array<std::string, 3> kFormats{"byte", "word", "float"};
 
-/// The bytes of a raw file that holds `values`.
-template <class Stored>
-std::string rawBytes(const std::vector<double>& values) {
-  const std::vector<Stored> stored(values.begin(), values.end());
-  return {reinterpret_cast<const char*>(stored.data()), stored.size() * sizeof(Stored)};
+/// The bytes of a raw file of a format that holds `values`.
+std::string rawBytes(const std::vector<double>& values, const std::string& format) {
+  const auto bytes = [&](auto zero) {
+    const std::vector<decltype(zero)> stored(values.begin(), values.end());
+    return std::string(reinterpret_cast<const char*>(stored.data()), stored.size() * sizeof zero);
+  };
+  if (format == "byte") return bytes(std::uint8_t{});
+  return format == "word" ? bytes(std::int16_t{}) : bytes(0.f);
 }
 
 using Sizes = std::array<int, 3>;
@@ -56,14 +60,8 @@ class ToolTest : public FolderTest {
   std::vector<double> writePhantom(const Sizes& sizes, const std::string& format = "byte") const {
     std::vector<double> values = makePhantom(sizes[0], sizes[1], sizes[2]).image;
     for (double& v : values) v = std::floor(std::clamp(230 * v, 0.0, 255.0));
-    writeImage(values, format);
+    writeFile(path("image"), rawBytes(values, format));
     return values;
-  }
-
-  void writeImage(const std::vector<double>& values, const std::string& format) const {
-    writeFile(path("image"), format == "byte"   ? rawBytes<std::uint8_t>(values)
-                             : format == "word" ? rawBytes<std::int16_t>(values)
-                                                : rawBytes<float>(values));
   }
 };
 
@@ -164,12 +162,23 @@ TEST_F(ToolTest, LackOfMemoryIsReported) {
   EXPECT_EQ(files(), std::set<std::string>{"image"});
 }
 
-TEST_F(ToolTest, UnwritableOutputEndsTheRunAndKeepsEarlierFiles) {
-  const Sizes sizes{9, 10, 11};
-  writePhantom(sizes);
-  std::set<std::string> left{"image"};
+TEST_F(ToolTest, FailedWritesEndTheRunAndKeepEarlierFiles) {
+  writePhantom({9, 10, 11});
+  std::filesystem::create_symlink("elsewhere", path("link"));
+  // A limit on the size of files stands for the full disk. A link is the user's, and stays.
+  for (const std::string& phi : {std::string("/dev/full"), path("phi"), path("link")}) {
+    auto args = arguments("1", {9, 10, 11});
+    args[8] = phi;
+    const Finished finished = Process(TAVREL_COMMAND, args, [] {
+                                const rlimit fileSize = {4096, 4096};
+                                setrlimit(RLIMIT_FSIZE, &fileSize);
+                              }).wait();
+    EXPECT_EQ(finished.err, "  Error writing file " + phi + " \n");
+    EXPECT_EQ(finished.status, 1);
+  }
+  std::set<std::string> left{"elsewhere", "image", "link"};
   for (const auto& [position, name] : {std::pair{8, "phi"}, {6, "mask"}, {7, "stripped"}}) {
-    auto args = arguments("1", sizes);
+    auto args = arguments("1", {9, 10, 11});
     args[position] = path("no-such-folder/file");
     const Finished finished = tavrel(args);
     EXPECT_EQ(finished.err,
@@ -181,46 +190,26 @@ TEST_F(ToolTest, UnwritableOutputEndsTheRunAndKeepsEarlierFiles) {
   }
 }
 
-TEST_F(ToolTest, FullDiskLeavesNoPartialFile) {
-  writePhantom({9, 10, 11});
-  auto args = arguments("1", {9, 10, 11});
-  std::filesystem::create_symlink("elsewhere", path("link"));
-  // A limit on the size of files stands for the full disk. A link is the user's, and stays.
-  for (const std::string& phi : {std::string("/dev/full"), path("phi"), path("link")}) {
-    args[8] = phi;
-    const Finished finished = Process(TAVREL_COMMAND, args, [] {
-                                const rlimit fileSize = {4096, 4096};
-                                setrlimit(RLIMIT_FSIZE, &fileSize);
-                              }).wait();
-    EXPECT_EQ(finished.err, "  Error writing file " + phi + " \n");
-    EXPECT_EQ(finished.status, 1);
-  }
-  EXPECT_EQ(files(), (std::set<std::string>{"elsewhere", "image", "link"}));
-}
-
 TEST_F(ToolTest, StrippedImageIsTheImageTimesTheMask) {
   const Sizes sizes{22, 24, 23};
   std::vector<double> values = writePhantom(sizes);
-  for (const char* name : {"mask", "stripped", "phi"})  // to be replaced
-    writeFile(path(name), std::string(200000, 'x'));
-  const auto [mask, stripped, phi] = strip(arguments("0.8", sizes));
-  ASSERT_EQ(mask.size(), values.size());
-  EXPECT_EQ(mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
-  EXPECT_EQ(stripped.size(), values.size());
-  EXPECT_EQ(phi.size(), 24u * 24 * 24 * sizeof(float));
-
-  // A shift and a scale that are exact in every format leave the mask alone or nearly so; whatever
-  // the mask is, the product has to be exact, with negative zeros where a negative float goes.
-  for (double& v : values) v = 4 * v - 100;
-  writeImage(values, "word");
-  const Outputs words = strip(arguments("0.8", sizes, "word"));
-  writeImage(values, "float");
-  const Outputs floats = strip(arguments("0.8", sizes, "float"));
-  ASSERT_EQ(words[0].size(), values.size());
-  for (std::size_t n = 0; n < values.size(); ++n) values[n] *= words[0][n];
-  EXPECT_TRUE(std::signbit(values[0]) && values[0] == 0);
-  EXPECT_EQ(words, (Outputs{words[0], rawBytes<std::int16_t>(values), words[2]}));
-  EXPECT_EQ(floats, (Outputs{words[0], rawBytes<float>(values), words[2]}));
+  std::map<std::string, Outputs> outputs;
+  for (const std::string& format : kFormats) {
+    // A shift and a scale that are exact in the other formats, with negative values.
+    for (double& v : values) v = format == "word" ? 4 * v - 100 : v;
+    writeFile(path("image"), rawBytes(values, format));
+    for (const char* name : {"mask", "stripped", "phi"})  // to be replaced
+      writeFile(path(name), std::string(200000, 'x'));
+    const auto& [mask, stripped, phi] = outputs[format] = strip(arguments("0.8", sizes, format));
+    ASSERT_EQ(mask.size(), values.size());
+    EXPECT_EQ(mask.find_first_not_of(std::string("\0\1", 2)), std::string::npos);
+    EXPECT_EQ(phi.size(), 24u * 24 * 24 * sizeof(float));
+    std::vector<double> product = values;  // with negative zeros where a negative float goes
+    for (std::size_t n = 0; n < values.size(); ++n) product[n] *= mask[n];
+    EXPECT_EQ(stripped, rawBytes(product, format));
+  }
+  EXPECT_EQ(outputs["word"][0], outputs["float"][0]);
+  EXPECT_EQ(outputs["word"][2], outputs["float"][2]);
 }
 
 TEST_F(ToolTest, FindsTheBrainOfAPhantom) {

@@ -19,6 +19,8 @@
 namespace {
 
 using namespace tavrel::test;
+using tavrel::plain::forBox;
+using tavrel::plain::scan;
 
 constexpr int kMost = std::numeric_limits<int>::max();
 
@@ -82,14 +84,12 @@ TEST(Matrix, MayEndTwice) {
 
 TEST(Matrix, SlicesGoOutAndIn) {
   const auto g = randomGrid({4, 3, 5});
-  const auto m = toMatrix<Mask>(g);
-  Mask rebuilt(4, 3, 5);
-  for (int k = 0; k < 5; ++k) {
-    const std::unique_ptr<MaskSlice> slice(m->getslice(k));
-    EXPECT_EQ(slice->p[3 + 2 * 4], m->p[3 + 2 * 4 + k * 12]);
-    rebuilt.setslice(slice.get(), k);
-  }
-  EXPECT_EQ(toGrid(rebuilt), g);
+  const auto m = toMatrix<Mask>(g), reversed = toMatrix<Mask>(Grid<double>(g.size));
+  for (int k = 0; k < 5; ++k)
+    reversed->setslice(std::unique_ptr<MaskSlice>(m->getslice(k)).get(), 4 - k);
+  EXPECT_EQ(toGrid(*reversed), filled(g.size, [&](int x, int y, int z) {
+              return g[{x, y, 4 - z}];
+            }));
 }
 
 TEST(Matrix, ProductWithMaskKeepsSignsOfZero) {
@@ -113,8 +113,8 @@ TEST(Matrix, SeedSpansFractions) {
       const auto m = toMatrix<Mask>(Grid<double>(sizes));
       std::apply([&](auto... edges) { m->setseed(edges...); }, box);
       Grid<double> want(sizes);
-      want.scan(
-          [&, first = first, end = end](Point q) { want[q] = q[axis] >= first && q[axis] < end; });
+      scan(sizes,
+           [&, first = first, end = end](Point q) { want[q] = q[axis] >= first && q[axis] < end; });
       EXPECT_EQ(toGrid(*m), want) << size << " along " << axis;
     }
   }
@@ -175,12 +175,11 @@ void checkResampling() {
       return old[{i * f[0], j * f[1], k * f[2]}];
     });
     auto smallest = first;
-    old.scan([&](Point q) {
+    scan(old.size, [&](Point q) {
       double& least = smallest[{q[0] / f[0], q[1] / f[1], q[2] / f[2]}];
       least = std::min(least, old[q]);
     });
     const auto m = toMatrix<Matrix>(old);
-    EXPECT_EQ(toGrid(m->downsampleby2(n[0], n[1], n[2], "simple")), first);
     EXPECT_EQ(toGrid(m->downsampleby2(n[0], n[1], n[2], "min")), smallest);
     m->selfdownsampleby2(n[0], n[1], n[2], "simple");
     EXPECT_EQ(toGrid(*m), first);
@@ -242,7 +241,7 @@ TEST(MinimumFilter, TakesSmallestFaceNeighbour) {
   for (const Point size : {Point{6, 5, 4}, {3, 3, 3}, {10, 10, 2}, {2, 9, 9}}) {
     const auto g = randomGrid(size, 50, -9);
     auto want = g;
-    g.scan([&](Point q) {
+    scan(g.size, [&](Point q) {
       double least = 100;
       for (int a = 0; a < 3; ++a) {
         if (q[a] % (size[a] - 1) == 0) return;
@@ -262,8 +261,8 @@ TEST(MinimumFilter, TakesSmallestFaceNeighbour) {
 Grid<double> dilated(const Grid<double>& g, int passes) {
   if (passes == 0) return g;
   Grid<double> result = g;
-  g.scan([&](Point q) {
-    if (g[q] > 0) tavrel::plain::forBox(q, 1, g.size, [&](Point b) { result[b] = 1; });
+  scan(g.size, [&](Point q) {
+    if (g[q] > 0) forBox(q, 1, g.size, [&](Point b) { result[b] = 1; });
   });
   return dilated(result, passes - 1);
 }
@@ -327,12 +326,11 @@ TEST_F(RawFile, WritesEveryFormat) {
   EXPECT_EQ(written<char>(chars, 1), bytesOf({1, 0, 254, 255}));
   EXPECT_EQ(written<char>(chars, 2), bytesOf({0, 0, 0x80, 0x3F, 0, 0, 0, 0xC0}));
   EXPECT_EQ(written<char>(row({-2}), 3), bytesOf({0, 0, 0, 0, 0, 0, 0, 0xC0}));
-}
 
-TEST_F(RawFile, WritesLowBitsOfLargeValues) {
-  const auto v = row({4294967296.0 + 258, -4294967296.0 - 1, 1e300, -0x1p63, kNaN, -kInfinity});
-  EXPECT_EQ(written(v, 0), bytesOf({2, 255, 0, 0, 0, 0}));
-  EXPECT_EQ(written(v, 1), bytesOf({2, 1, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0}));
+  // The low bits of large values.
+  const auto large = row({4294967296.0 + 258, -4294967296.0 - 1, 1e300, -0x1p63, kNaN, -kInfinity});
+  EXPECT_EQ(written(large, 0), bytesOf({2, 255, 0, 0, 0, 0}));
+  EXPECT_EQ(written(large, 1), bytesOf({2, 1, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST_F(RawFile, ReadsEveryFormat) {
