@@ -158,7 +158,7 @@ TEST(BalloonPara, ReadsArgumentVector) {
 
 TEST(Numbers, ConvertWithoutFailing) {
   EXPECT_EQ(tavrel::toInteger(" -12abc"), -12);
-  EXPECT_EQ(tavrel::toInteger("abc"), 0);
+  EXPECT_EQ(tavrel::toInteger("0x10"), 0);
   EXPECT_EQ(tavrel::toInteger("99999999999999999999"), INT_MAX);
   EXPECT_EQ(tavrel::toInteger("-4294967297"), INT_MIN);
   EXPECT_EQ(tavrel::toReal("1e-2x"), 0.01);

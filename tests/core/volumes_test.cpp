@@ -63,7 +63,7 @@ void checkShared() {
 
   const auto phi = toMatrix<Real>(row({-0.5, 0.0, 0.5, kNaN}));
   EXPECT_EQ(toGrid(phi->Phi2VeC()), row({1, 0, 0, 1}));
-  EXPECT_EQ(toGrid(phi->thresholding(-0.5, 0.0)), row({1, 1, 0, 0}));
+  EXPECT_EQ(toGrid(phi->thresholding(0.0, 0.0)), row({0, 1, 0, 0}));
   EXPECT_EQ(toGrid(toMatrix<Small>(row({1, 0, -3}))->VeC2Phi()), row({-0.5, 0.5, 3.5}));
   const auto codes = toMatrix<Small>(row({-3, -2, -1, 1, 2, 3}));
   EXPECT_EQ(toGrid(codes->thresholding(-1, 1)), row({0, 0, 1, 1, 0, 0}));
