@@ -116,8 +116,7 @@ Weights randomWeights(Random& r) {
 void compare(Point size, int function, int imageKind, unsigned seed, int steps, bool disturbed,
              tavrel::exact::Workspace& memory) {
   SCOPED_TRACE(testing::Message() << size[0] << "x" << size[1] << "x" << size[2] << " function "
-                                  << function << " image " << kImages[imageKind].name << " seed "
-                                  << seed);
+                                  << function << " image " << imageKind << " seed " << seed);
   Random r(seed);
   const Grid<double> start = randomFunction(function, size, r);
   const auto image = toMatrix<Image>(randomImage(imageKind, size, r)), Phi = toMatrix<Image>(start);

@@ -167,40 +167,36 @@ inline Grid<double> randomFunction(int kind, Point size, Random& r) {
   return g;
 }
 
-/// What an image is made of: sums that cross binades, round half-way or leave the range of tables;
-/// from `kBroken` on, what goes through as the arithmetic has it.
-struct ImageKind {
-  const char* name;
-  double (*value)(Random&);  ///< of one voxel
-};
-inline const ImageKind kImages[] = {
-    {"uniform", [](Random& r) { return r.between(0, 1); }},
-    {"bytes normalised", [](Random& r) { return r.below(256) / 255.0; }},
-    {"bytes", [](Random& r) { return double(r.below(256)); }},
-    {"two values", [](Random& r) { return double(r.below(2)); }},
-    {"ones", [](Random&) { return 1.0; }},                      // every power of two is met exactly
-    {"up to four", [](Random& r) { return r.between(0, 4); }},  // sums leave the tables at the top
-    {"just below one", [](Random&) { return std::nextafter(1.0, 0.0); }},
-    // Odd multiples of half an ulp of sums in [2^e, 2^(e+1)), for small to large e.
-    {"half-way", [](Random& r) { return std::ldexp(2 * r.below(1 << 20) + 1, r.below(12) - 53); }},
-    {"half-way now and then",
-     [](Random& r) { return r.below(256) / 256.0 + (r.below(9) ? 0 : std::ldexp(1, -44)); }},
-    {"many scales", [](Random& r) { return std::ldexp(r.between(0, 1), r.below(60) - 55); }},
-    {"below the last place", [](Random& r) { return r.below(30) ? std::ldexp(1, -60) : 3.0; }},
-    {"sparse and tiny",
-     [](Random& r) { return r.below(400) ? 0 : std::ldexp(1, r.below(5) - 50); }},
-    {"denormal", [](Random& r) { return r.between(0, 1) * 1e-310; }},
-    {"some negative", [](Random& r) { return r.between(-0.1, 1); }},
-    {"negative", [](Random& r) { return r.below(4) ? -r.between(0, 1) : -0.0; }},
-    {"outliers", [](Random& r) { return r.between(0, 1) * (r.below(300) ? 1 : 1e12); }},
-    {"huge", [](Random& r) { return r.between(0, 1) * 1e308; }},
-    {"infinite", [](Random& r) { return r.below(2000) ? 0.5 : kInfinity; }},
-    {"not a number", [](Random& r) { return r.below(2000) ? 0.5 : kNaN; }},
+/// Voxels of images: sums that cross binades, round half-way or leave the range of tables; from
+/// `kBroken` on, what goes through as the arithmetic has it.
+inline double (*const kImages[])(Random&) = {
+    [](Random& r) { return r.between(0, 1); },
+    [](Random& r) { return r.below(256) / 255.0; },
+    [](Random& r) { return double(r.below(256)); },
+    [](Random& r) { return double(r.below(2)); },
+    [](Random&) { return 1.0; },                // every power of two is met exactly
+    [](Random& r) { return r.between(0, 4); },  // sums leave the tables at the top
+    [](Random&) { return std::nextafter(1.0, 0.0); },
+    // Odd multiples of half an ulp of sums in [2^e, 2^(e+1)), for small to large e; now and then.
+    [](Random& r) { return std::ldexp(2 * r.below(1 << 20) + 1, r.below(12) - 53); },
+    [](Random& r) { return r.below(256) / 256.0 + (r.below(9) ? 0 : std::ldexp(1, -44)); },
+    // Many scales, below the last place, sparse and tiny, denormal.
+    [](Random& r) { return std::ldexp(r.between(0, 1), r.below(60) - 55); },
+    [](Random& r) { return r.below(30) ? std::ldexp(1, -60) : 3.0; },
+    [](Random& r) { return r.below(400) ? 0 : std::ldexp(1, r.below(5) - 50); },
+    [](Random& r) { return r.between(0, 1) * 1e-310; },
+    // Some negative, nearly all negative, with outliers, huge.
+    [](Random& r) { return r.between(-0.1, 1); },
+    [](Random& r) { return r.below(4) ? -r.between(0, 1) : -0.0; },
+    [](Random& r) { return r.between(0, 1) * (r.below(300) ? 1 : 1e12); },
+    [](Random& r) { return r.between(0, 1) * 1e308; },
+    [](Random& r) { return r.below(2000) ? 0.5 : kInfinity; },
+    [](Random& r) { return r.below(2000) ? 0.5 : kNaN; },
 };
 constexpr int kUniform = 0, kBroken = 16;
 
 inline Grid<double> randomImage(int kind, Point size, Random& r) {
-  return filled(size, [&](int, int, int) { return kImages[kind].value(r); });
+  return filled(size, [&](int, int, int) { return kImages[kind](r); });
 }
 
 }  // namespace tavrel::test

@@ -198,8 +198,7 @@ TYPED_TEST(PlainStep, NoInterfaceChangesNothing) {
 TYPED_TEST(PlainStep, OnlyAnUnusedObjectSpeaks) {
   constexpr int D = TypeParam::value;
   const auto unused = runApart([] { LevelSetOf<D>(); });
-  const std::string line =
-      D == 3 ? "empty vox3DLevelSet destructed\n" : "empty vox2DLevelSet destructed\n";
+  const std::string line = "empty vox" + std::to_string(D) + "DLevelSet destructed\n";
   EXPECT_EQ(unused, (Finished{Finished::returned, line, ""}));
   const auto used = runApart(
       [] { Step<D>(filled(cube<D>(6), [](int x, int, int) { return x - 2.5; }), {.w4 = 1}); });

@@ -33,7 +33,7 @@ TEST(RegionSums, EqualPlainLoopsInEveryBit) {
   for (Point size : sizes) {
     for (int kind = 0; kind < std::ssize(kImages); ++kind) {
       SCOPED_TRACE(testing::Message()
-                   << kImages[kind].name << " " << size[0] << "x" << size[1] << "x" << size[2]);
+                   << "image " << kind << " " << size[0] << "x" << size[1] << "x" << size[2]);
       Random r(++seed);
       const Grid<double> image = randomImage(kind, size, r);
       const std::vector<char> label = randomLabels(waves(size, r), seed % 3 > 0, r);
