@@ -3,6 +3,9 @@
 // Volumes are stored with x fastest, then y, then z. Lengths are in millimetres.
 #pragma once
 
+#include "detail/voxCxx20.h"
+
+// Nothing below is meant for less.
 #include <array>
 #include <cstddef>
 #include <functional>

@@ -5,12 +5,13 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <limits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "arguments.h"
+#include "grids.h"
 #include "process.h"
 #include "voxBalloonPara.h"
 #include "voxPara.h"
@@ -18,10 +19,7 @@
 
 namespace {
 
-using tavrel::test::Finished;
-using tavrel::test::runApart;
-
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+using namespace tavrel::test;
 
 char in[] = "in.raw", mask[] = "mask.raw", ss[] = "ss.raw", templ[] = "t.raw";
 
@@ -30,34 +28,32 @@ void fill(voxPara& P, int size, int seg_dn) {
                            0.3, 0.4, 0.5, 0.6, 1, 2, 0.01, 4, 5, 6, 7.25, 100, 200, 300);
 }
 
-std::vector<int> limits(const voxPara& P) { return {P.max_iter, P.max_iter + P.levels()}; }
-
-/// Arguments "argv[0] in mask ss ..." ended by a null pointer; an empty word is one, too.
-class Arguments {
- public:
-  explicit Arguments(std::vector<std::string> words) : words_(std::move(words)) {
-    for (std::string& word : words_) argv_.push_back(word.empty() ? nullptr : word.data());
-    argv_.push_back(nullptr);
-  }
-  char** argv() { return argv_.data(); }
-
- private:
-  std::vector<std::string> words_;
-  std::vector<char*> argv_{nullptr};  // argv[0] is not looked at
-};
+/// An argument vector, ended by a null pointer; an empty word is one, too.
+std::vector<char*> argvOf(std::vector<std::string>& words) {
+  std::vector<char*> argv{nullptr};  // argv[0] is not looked at
+  for (std::string& word : words) argv.push_back(word.empty() ? nullptr : word.data());
+  argv.push_back(nullptr);
+  return argv;
+}
 
 TEST(Padding, FillsUpToMultiple) {
-  const auto padding = [](int size, int dn) {
-    const std::unique_ptr<int[]> p(calextension(size, dn));
-    return std::array{p[0], p[1]};
-  };
-  EXPECT_EQ(padding(181, 2), (std::array{1, 2}));
-  EXPECT_EQ(padding(182, 2), (std::array{1, 1}));
-  EXPECT_EQ(padding(184, 2), (std::array{0, 0}));
-  EXPECT_EQ(padding(1, 2), (std::array{1, 2}));
-  EXPECT_EQ(padding(0, 5), (std::array{0, 0}));
-  EXPECT_EQ(padding(7, -3), (std::array{0, 0}));
-  for (const int dn : {40, 2000, INT_MAX}) EXPECT_EQ(padding(7, dn)[1], INT_MAX) << dn;
+  const std::array<int, 4> cases[] = {{181, 2, 1, 2},
+                                      {182, 2, 1, 1},
+                                      {184, 2, 0, 0},
+                                      {1, 2, 1, 2},
+                                      {0, 5, 0, 0},
+                                      {7, -3, 0, 0},
+                                      {7, 40, INT_MAX, INT_MAX},
+                                      {7, INT_MAX, INT_MAX, INT_MAX}};
+  for (const auto& [size, dn, before, after] : cases) {
+    const std::unique_ptr<int[]> padding(calextension(size, dn));
+    EXPECT_EQ(std::pair(padding[0], padding[1]), std::pair(before, after)) << size << " " << dn;
+  }
+}
+
+template <class Record>
+std::string printed(const Record& P) {
+  return runApart([&] { P.printPara(); }).out;
 }
 
 TEST(Para, FillsFieldsInOrder) {
@@ -65,8 +61,7 @@ TEST(Para, FillsFieldsInOrder) {
   fill(P, 181, 1);
   EXPECT_EQ((std::array{P.ori_fn, P.mask_fn, P.SS_fn, P.template_fn}),
             (std::array<char*, 4>{in, mask, ss, nullptr}));
-  EXPECT_EQ((std::array{P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp}), (std::array{0, 1, 1, 2, 0, 0}));
-  EXPECT_EQ(runApart([&] { P.printPara(); }).out,
+  EXPECT_EQ(printed(P),
             "displaying parameters:\n"
             "original data file name:in.raw\nmask file name:mask.raw\nSS file name:ss.raw\n"
             "ori format:1\nmask format:0\nSS format:2\ntemplate format:-1\n"
@@ -76,19 +71,19 @@ TEST(Para, FillsFieldsInOrder) {
             "seed: 0.1 0.2 0.3 0.4 0.5 0.6 \n"
             "weighting: 1 2 0.01 4 5 6 7.25\n"
             "max_iter: 100 200 \n");
-  P.setup2VolumeParameters(in, mask, ss, templ, 1, 0, 2, 3, 181, 217, 184, 0, 0, 0, 2, 1.0, 0.1,
-                           0.2, 0.3, 0.4, 0.5, 0.6, 1, 2, 3, 4, 5, 6, 7, 100, 200, 300);
-  EXPECT_EQ((std::array{P.Xn, P.Xp, P.Yn, P.Yp, P.Zn, P.Zp}), (std::array{1, 2, 1, 2, 0, 0}));
-  const std::string printed = runApart([&] { P.printPara(); }).out;
-  EXPECT_NE(printed.find("SS file name:ss.raw\ntemplate file name:t.raw\nori"), std::string::npos);
-  EXPECT_NE(printed.find("template format:3\n"), std::string::npos);
+  P.template_fn = templ;
+  EXPECT_NE(printed(P).find("SS file name:ss.raw\ntemplate file name:t.raw\nori"),
+            std::string::npos);
+  const std::string empty = "displaying parameters:\nobject is empty\n";
+  EXPECT_EQ(printed(voxPara()), empty);
+  EXPECT_EQ(printed(voxBalloonPara()), empty);
 }
 
 TEST(Para, AsManyLimitsAsLevels) {
   voxPara P;
   const auto limitsFor = [&](int seg_dn) {
     fill(P, 181, seg_dn);
-    return limits(P);
+    return std::vector(P.max_iter, P.max_iter + P.levels());
   };
   EXPECT_EQ(limitsFor(2), (std::vector{100, 200, 300}));
   EXPECT_EQ(limitsFor(4), (std::vector{100, 200, 300, 300, 300}));
@@ -98,60 +93,45 @@ TEST(Para, AsManyLimitsAsLevels) {
   EXPECT_EQ(limitsFor(INT_MAX).size(), 32u);
 }
 
-TEST(Para, EmptyRecordPrintsSo) {
-  EXPECT_EQ(runApart([] { voxPara().printPara(); }).out,
-            "displaying parameters:\nobject is empty\n");
-  EXPECT_EQ(runApart([] { voxBalloonPara().printPara(); }).out,
-            "displaying parameters:\nobject is empty\n");
-}
-
+/// An argument vector fills what the same arguments of a call fill; the rest stays as it was.
 TEST(Para, ReadsArgumentVectors) {
+  // What the numbers belong to: the template (t), z (z), the seed in the plane (s) and along z (S).
+  const std::string kinds = "...t..z..z..ssssSS..........";
   const struct {
     void (voxPara::*fill)(char**);
-    int paths, segPosition;
-    const char* printed;
-  } cases[] = {
-      {&voxPara::setupBalloon, 3, 13,
-       "Balloon setup called\n|4 5 6 -1|sizX:7 sizY:8 sizZ:9\ndownsample X:10downsample "
-       "Y:11downsample Z:12seg dn:1\nextension X:1020 1021extension Y:2044 2044extension Z:4091 "
-       "4092\nseed: 15 16 17 18 19 20 \nweighting: 21 22 23 24 25 26 27\nmax_iter: 28 29 \n"},
-      {&voxPara::setup2Volume, 4, 15,
-       "2Volume setup called\n|5 6 7 8|sizX:9 sizY:10 sizZ:11\ndownsample X:12downsample "
-       "Y:13downsample Z:14seg dn:1\nextension X:4091 4092extension Y:8187 8187extension Z:16378 "
-       "16379\nseed: 17 18 19 20 21 22 \nweighting: 23 24 25 26 27 28 29\nmax_iter: 30 31 \n"},
-      {&voxPara::setup2DBalloon, 3, 11,
-       "2DBalloon setup called\n|4 5 6 -1|sizX:7 sizY:8 sizZ:-3\ndownsample X:9downsample "
-       "Y:10downsample Z:0seg dn:1\nextension X:508 509extension Y:1020 1020extension Z:-5 "
-       "0\nseed: 13 14 15 16 0 0 \nweighting: 17 18 19 20 21 22 23\nmax_iter: 24 25 \n"},
-      {&voxPara::setup2D2Volume, 4, 13,
-       "2D2Volume setup called\n|5 6 7 8|sizX:9 sizY:10 sizZ:-3\ndownsample X:11downsample "
-       "Y:12downsample Z:0seg dn:1\nextension X:2043 2044extension Y:4091 4091extension Z:-5 "
-       "0\nseed: -4 0 0 0 0 0 \nweighting: 15 16 17 18 19 20 21\nmax_iter: 22 23 \n"}};
+    std::string name, lacks;
+  } cases[] = {{&voxPara::setupBalloon, "Balloon", "t"},
+               {&voxPara::setup2Volume, "2Volume", ""},
+               {&voxPara::setup2DBalloon, "2DBalloon", "tzS"},
+               {&voxPara::setup2D2Volume, "2D2Volume", "zsS"}};
   for (const auto& c : cases) {
-    std::vector<std::string> words{"in", "", "ss"};  // an absent path does not end the vector
-    if (c.paths == 4) words.push_back("template");
-    for (int n = c.paths + 1; n <= 40; ++n)
-      words.push_back(n == c.segPosition ? "1" : std::to_string(n));
-    Arguments arguments(words);
-    const std::string printed = runApart([&] {
-                                  voxPara P;
-                                  P.sizeZ = -3;
-                                  P.Zn = -5;
-                                  P.seedxmin = -4;
-                                  (P.*c.fill)(arguments.argv());
-                                }).out;
-    // The first line, the format codes, and all from the sizes on.
-    std::string shown = printed.substr(0, printed.find("displaying")) + '|';
-    for (const char* name : {"ori", "mask", "SS", "template"}) {
-      const auto at = printed.find(name + std::string(" format:")) + std::string(name).size() + 8;
-      shown += printed.substr(at, printed.find('\n', at) - at) + (*name == 't' ? '|' : ' ');
+    const auto has = [&](char kind) { return c.lacks.find(kind) == std::string::npos; };
+    std::vector<std::string> words{in, "", ss};  // an absent path does not end the vector
+    if (has('t')) words.push_back(templ);
+    std::array<double, 28> values{0, 0, 0, -1, 0, 0, -3};  // of a record that has no arguments yet
+    for (std::size_t n = 0; n < values.size(); ++n) {
+      if (!has(kinds[n])) continue;
+      values[n] = n == 10 ? 2 : n + 20.0;  // three levels
+      words.push_back(std::to_string(static_cast<int>(values[n])));
     }
-    EXPECT_EQ(shown + printed.substr(printed.find("sizX")), c.printed);
-    EXPECT_NE(printed.find("mask file name:\nSS file name:ss\n"), std::string::npos);
-    EXPECT_EQ(printed.find("template file name:template\n") != std::string::npos, c.paths == 4);
+    std::vector<char*> argv = argvOf(words);
+    const Finished filled = runApart([&] {
+      voxPara P;
+      P.sizeZ = -3;
+      P.Zn = -5;
+      (P.*c.fill)(argv.data());
+      std::cout << P.gamma;
+    });
+    voxPara want;
+    const auto call = [&](auto... v) {
+      want.setup2VolumeParameters(in, nullptr, ss, has('t') ? templ : nullptr, v...);
+    };
+    std::apply(call, values);
+    if (!has('z')) want.Zn = -5, want.Zp = 0;
+    EXPECT_EQ(filled.out, c.name + " setup called\n" + printed(want) + "31");
   }
-  Arguments none({});
-  EXPECT_EQ(runApart([&] { voxPara().setupBalloon(none.argv()); }).status, Finished::returned);
+  char* none[] = {nullptr, nullptr};
+  EXPECT_EQ(runApart([&] { voxPara().setupBalloon(none); }).status, Finished::returned);
 }
 
 struct FilledPara : voxPara {
@@ -159,15 +139,16 @@ struct FilledPara : voxPara {
 };
 
 TEST(Records, MayEndTwice) {
-  tavrel::test::endTwice<triple>(1, 2, 3, 4);
-  tavrel::test::endTwice<FilledPara>();
-  tavrel::test::endTwice<voxBalloonPara>();
+  endTwice<triple>(1, 2, 3, 4);
+  endTwice<FilledPara>();
+  endTwice<voxBalloonPara>();
 }
 
 TEST(BalloonPara, ReadsArgumentVector) {
-  Arguments arguments({"in", "2", "181", "217", "184", "0", "1", "0", "2", "0.5", "out", "1"});
+  std::vector<std::string> words{"in", "2", "181", "217", "184", "0",
+                                 "1",  "0", "2",   "0.5", "out", "1"};
   EXPECT_EQ(runApart([&] {
-              const voxBalloonPara P(arguments.argv());
+              const voxBalloonPara P(argvOf(words).data());
               std::cout << P.gamma << P.out_fn << P.out_datatype;
             }).out,
             "displaying parameters:\ndataname:in\nformat:2\nsizX:181 sizY:217 sizZ:184\n"
@@ -177,7 +158,7 @@ TEST(BalloonPara, ReadsArgumentVector) {
 
 TEST(Numbers, ConvertWithoutFailing) {
   EXPECT_EQ(tavrel::toInteger(" -12abc"), -12);
-  EXPECT_EQ(tavrel::toInteger("abc"), 0);
+  EXPECT_EQ(tavrel::toInteger("0x10"), 0);
   EXPECT_EQ(tavrel::toInteger("99999999999999999999"), INT_MAX);
   EXPECT_EQ(tavrel::toInteger("-4294967297"), INT_MIN);
   EXPECT_EQ(tavrel::toReal("1e-2x"), 0.01);
@@ -187,41 +168,38 @@ TEST(Numbers, ConvertWithoutFailing) {
 // ---- sorting utilities -------------------------------------------------------------------------
 
 template <class T>
-std::vector<T> sorted(std::vector<T> v, int (*compare)(const void*, const void*)) {
-  std::qsort(v.data(), v.size(), sizeof(T), compare);
-  return v;
+int compared(int (*compare)(const void*, const void*), T a, T b) {
+  return compare(&a, &b);
 }
 
-TEST(Comparators, SortAscendingWithNaNLast) {
-  const auto doubles = sorted<double>({kNaN, 0.7, 0.3, kNaN, -1.0, 1.5}, comparedouble);
-  EXPECT_EQ(std::vector(doubles.begin(), doubles.end() - 2), (std::vector{-1.0, 0.3, 0.7, 1.5}));
-  EXPECT_TRUE(std::isnan(doubles[4]) && std::isnan(doubles[5]));
-  EXPECT_EQ(sorted<float>({2.5f, -1.f, 0.f}, comparefloat), (std::vector{-1.f, 0.f, 2.5f}));
-  EXPECT_EQ(sorted<int>({7, INT_MIN, 0, INT_MAX, -1}, compareint),
-            (std::vector{INT_MIN, -1, 0, 7, INT_MAX}));
-  EXPECT_EQ(sorted<char>({2, '\xFD', 0}, comparechar), (std::vector{'\xFD', '\0', '\2'}));
-  const char a = -3, b = 2;
-  EXPECT_EQ(comparechar(&a, &b), -5);
-  const int i = 30, j = 12;
-  EXPECT_EQ(compareint(&i, &j), 18);
-  const double x = 0.0, y = -0.0;
-  EXPECT_EQ(comparedouble(&x, &y), 0);
+TEST(Comparators, AscendWithNaNLast) {
+  EXPECT_EQ(compared(comparedouble, 0.3, 0.7), -1);
+  EXPECT_EQ(compared(comparedouble, kNaN, 0.7), 1);
+  EXPECT_EQ(compared(comparedouble, 0.7, kNaN), -1);
+  EXPECT_EQ(compared(comparedouble, kNaN, kNaN), 0);
+  EXPECT_EQ(compared(comparedouble, 0.0, -0.0), 0);
+  EXPECT_EQ(compared(comparefloat, 2.5f, -1.f), 1);
+  EXPECT_EQ(compared(compareint, 30, 12), 18);
+  EXPECT_EQ(compared(compareint, INT_MIN, INT_MAX), INT_MIN);
+  EXPECT_EQ(compared(compareint, INT_MAX, -1), INT_MAX);
+  EXPECT_EQ(compared(comparechar, '\xFD', '\2'), -5);
 }
 
 template <class Record>
 void checkOrdered(int (*compare)(const void*, const void*)) {
-  Record a(1, 0.5), b(2, 0.5), c(3, kNaN);
-  EXPECT_EQ(compare(&a, &b), -1);
-  EXPECT_EQ(compare(&b, &a), -1);
-  EXPECT_EQ(compare(&c, &a), 1);
-  EXPECT_EQ(compare(&a, &c), -1);
-  b.setup(4, 0.25);
-  EXPECT_EQ(compare(&a, &b), 1);
-  EXPECT_EQ(b.ind, 4);
-  EXPECT_EQ(Record().data, 0.0);
+  const Record a(1, 0.5), b(2, 0.5), c(3, kNaN);
+  EXPECT_EQ(compared(compare, a, b), -1) << "distances are never equal";
+  EXPECT_EQ(compared(compare, b, a), -1);
+  EXPECT_EQ(compared(compare, c, a), 1);
+  EXPECT_EQ(compared(compare, a, c), -1);
+  Record near;
+  EXPECT_EQ(near.data, 0.0);
+  near.setup(4, 0.25);
+  EXPECT_EQ(near.ind, 4);
+  EXPECT_EQ(compared(compare, a, near), 1);
 }
 
-TEST(Comparators, DistancesAreNeverEqual) {
+TEST(Comparators, OrderRecordsByDistance) {
   checkOrdered<OrderedPtd>(compareOrderedPtd);
   checkOrdered<OrderedPtf>(compareOrderedPtf);
 }
@@ -240,29 +218,22 @@ TEST(Triples, TableSortsByKeys) {
   EXPECT_EQ(comparetriple(&b, &a), -1);
 }
 
-TEST(Reductions, MaximumAndFirstMinimum) {
-  double v[] = {-4, 3, 4, -4.5}, max = -1;
-  maxabs(v, 3, &max);
-  EXPECT_EQ(max, 4.0);
-  maxabs(v, 4, &max);
-  EXPECT_EQ(max, 4.5);
+TEST(Reductions, MaximumFirstMinimumAndMultiples) {
+  const auto most = [](auto... v) {
+    std::array array{v...};
+    auto max = array[0];
+    maxabs(array.data(), sizeof...(v), &max);
+    return max;
+  };
+  EXPECT_EQ(most(-4.0, 3.0, 4.0), 4.0);
+  EXPECT_EQ(most(-4.0, kNaN, 4.0, -4.5), 4.5) << "keeps the maximum so far";
+  EXPECT_EQ(most(3u, 4000000000u), 4000000000u);
   int m[] = {2, 1, 1}, min = -1, index = -1;
+  maxabs(m, 0, &min);
   minvandi(m, 0, &min, &index);
-  EXPECT_EQ(index, -1);
+  EXPECT_EQ(std::pair(min, index), std::pair(-1, -1));
   minvandi(m, 3, &min, &index);
-  EXPECT_EQ(min, 1);
-  EXPECT_EQ(index, 1);
-  maxabs(v, 0, &max);
-  EXPECT_EQ(max, 4.5);
-  v[1] = kNaN;  // keeps the maximum so far
-  maxabs(v, 4, &max);
-  EXPECT_EQ(max, 4.5);
-  unsigned u[] = {3, 4000000000u}, most = 0;
-  maxabs(u, 2, &most);
-  EXPECT_EQ(most, 4000000000u);
-}
-
-TEST(Reductions, ExactMultiples) {
+  EXPECT_EQ(std::pair(min, index), std::pair(1, 1));
   EXPECT_EQ(istimes(6.0, 3.0), 1);
   EXPECT_EQ(istimes(6.5, 3.0), 0);
   EXPECT_EQ(istimes(6.0, 0.0), 0);

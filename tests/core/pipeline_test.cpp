@@ -1,421 +1,283 @@
-// The three stages of the pipeline on small volumes, against plain loops over the plain classes.
+// The three stages of the pipeline on small volumes, against the documented classes called in turn.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
+#include <new>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
-#include "level_set_support.h"
+#include "grids.h"
+#include "parallel.h"
 #include "voxPipeline.h"
 
 namespace {
 
 using namespace tavrel::test;
-using Volume = vox3DMat<double, char>;
-using Mask = vox3DMat<char, double>;
-
-/// Halvings before the 3-D stage, iteration limits and weight 5 of a run; the rest as the command.
-struct Settings {
-  int dnX = 0, dnY = 0, dnZ = 0;
-  int limit0 = 1000, limit1 = 1000, limit2 = 1000;
-  double w5 = 1;
-};
-
-void setup(voxPara& P, Point size, const Settings& s = {}) {
-  static char path[] = "unused";
-  P.setupBalloonParameters(path, path, path, 0, 0, 0, size[0], size[1], size[2], s.dnX, s.dnY,
-                           s.dnZ, 2, 1.0, 0.3, 0.7, 0.3, 0.7, 0.3, 0.7, 0.0, 0.0, 0.01, 1.0, s.w5,
-                           0.0, 0.0, s.limit0, s.limit1, s.limit2);
-}
+using tavrel::StepReport;
 
 /// A bright ellipsoid with a textured inside in a dark noisy surrounding, 0 to 255.
-std::unique_ptr<Volume> head(Point size, unsigned seed) {
+std::unique_ptr<Image> head(Point size, unsigned seed) {
   Random r(seed);
-  const Grid<double> texture = waves(size, r);
-  Grid<double> g(size);
-  g.scan([&](Point q) {
+  Grid<double> g = waves(size, r);
+  tavrel::plain::scan(size, [&](Point q) {
     double d = 0;
     for (int a = 0; a < 3; ++a) d += std::pow((q[a] + 0.5) / size[a] * 2 - 1, 2);
-    const int n = g.index(q);
-    g.p[n] = std::floor(d < 0.55 ? 170 + 60 * texture.p[n] + r.below(12) : 30 + r.below(25));
+    g[q] = std::floor(d < 0.55 ? 170 + 60 * g[q] + r.below(12) : 30 + r.below(25));
   });
-  return toMatrix<3>(g);
+  return toMatrix<Image>(g);
 }
 
-Grid<double> toGrid(const Volume& m) {
-  Grid<double> g(Point{m.sizeX, m.sizeY, m.sizeZ});
-  std::copy(m.p, m.p + g.p.size(), g.p.begin());
-  return g;
-}
+/// A head with the pipeline's own settings.
+struct Case {
+  std::unique_ptr<Image> input;
+  voxPara P;
 
-Grid<signed char> toGrid(const Mask& m) {
-  Grid<signed char> g(Point{m.sizeX, m.sizeY, m.sizeZ});
-  for (std::size_t n = 0; n < g.p.size(); ++n) g.p[n] = static_cast<signed char>(m.p[n]);
-  return g;
-}
-
-// ---- plain loops ------------------------------------------------------------------------------
-
-Grid<double> halved(const Grid<double>& g, int times) {
-  if (times == 0) return g;
-  const Point size{g.size[0] / 2, g.size[1] / 2, g.size[2] / 2};
-  return halved(
-      filled(size,
-             [&](int x, int y, int z) {
-               double least = std::numeric_limits<double>::infinity();
-               for (int c = 0; c < 8; ++c)
-                 least = std::min(least, g[{2 * x + c % 2, 2 * y + c / 2 % 2, 2 * z + c / 4}]);
-               return least;
-             }),
-      times - 1);
-}
-
-struct Evolved {
-  Grid<double> Phi;
-  Grid<signed char> mask;
-  std::vector<tavrel::StepReport> steps;
+  Case(Point size, unsigned seed, double w5 = 1) : input(head(size, seed)) {
+    static char path[] = "unused";
+    tavrel::setupPipeline(P, path, path, path, 0, size[0], size[1], size[2], w5);
+  }
+  tavrel::PreparedVolumes prepared() const { return tavrel::prepare(*input, P); }
 };
 
-/// Evolves a mask until the relative change of its count is below the threshold.
 template <int D>
-Evolved evolvePlainly(const Grid<signed char>& mask, const Grid<double>& image, double w5,
-                      double threshold, int limit) {
-  Evolved e{Grid<double>(mask.size), mask, {}};
-  for (std::size_t n = 0; n < mask.p.size(); ++n) e.Phi.p[n] = 0.5 - mask.p[n];
-  const auto Phi = toMatrix<D>(e.Phi), voldata = toMatrix<D>(image);
-  std::vector<double> count;
+struct Evolved {
+  std::unique_ptr<MatrixOf<D, double, char>> Phi;
+  std::unique_ptr<MatrixOf<D, char, double>> mask;
+  std::vector<StepReport> steps;
+};
+
+/// Evolves a mask by the plain class until its count hardly changes.
+template <int D>
+Evolved<D> evolvePlainly(std::unique_ptr<MatrixOf<D, char, double>> mask,
+                         MatrixOf<D, double, char>& image, double w5, double threshold, int limit,
+                         int level = 0) {
+  Evolved<D> e;
+  e.Phi.reset(mask->VeC2Phi());
+  e.mask = std::move(mask);
+  std::vector<double> counts(limit);
   for (int i = 0; i < limit; ++i) {
-    typename Twin<D>::template LevelSet<double> ls;
-    ls.UpdatePhi(Phi.get(), 2, voldata.get(), 0, 0, 0.01, 1, w5, 0, 0, Phi.get());
-    count.push_back(static_cast<double>(
-        std::count_if(Phi->p, Phi->p + mask.p.size(), [](double v) { return v < 0; })));
-    double ratio = std::numeric_limits<double>::infinity();
-    if (i > 1) {
-      double change = count[i - 1] - count[i - 2];
-      if (i > 2) change = std::min(change, count[i - 1] - count[i - 3]);
-      ratio = std::fabs(change) / count[i - 1];
-    }
-    e.steps.push_back({0, 0, i, count.back(), ratio, ls.n_edge, ls.n_nbt});
+    LevelSetOf<D> ls;
+    ls.UpdatePhi(e.Phi.get(), 2, &image, 0, 0, 0.01, 1, w5, 0, 0, e.Phi.get());
+    e.mask.reset(e.Phi->Phi2VeC());
+    const double ratio = computeratio(i, counts.data(), e.mask.get());
+    e.steps.push_back({level, 3, i, counts[i], ratio, ls.n_edge, ls.n_nbt});
     if (i > 1 && ratio < threshold) break;
   }
-  std::copy_n(Phi->p, e.Phi.p.size(), e.Phi.p.begin());
-  for (std::size_t n = 0; n < mask.p.size(); ++n) e.mask.p[n] = e.Phi.p[n] < 0;
   return e;
-}
-
-void expectSameStep(const tavrel::StepReport& got, const tavrel::StepReport& want) {
-  SCOPED_TRACE(testing::Message() << "level " << want.level << " iteration " << want.iteration);
-  EXPECT_EQ(got.level, want.level);
-  EXPECT_EQ(got.levels, want.levels);
-  EXPECT_EQ(got.iteration, want.iteration);
-  EXPECT_EQ(got.inside, want.inside);
-  EXPECT_TRUE(same(got.ratio, want.ratio)) << got.ratio << " instead of " << want.ratio;
-  EXPECT_EQ(got.n_edge, want.n_edge);
-  EXPECT_EQ(got.n_nbt, want.n_nbt);
 }
 
 // ---- convergence test -------------------------------------------------------------------------
 
 TEST(ComputeRatio, TakesTheSmallerSignedDifference) {
-  Mask volume(10, 3, 2);
-  volume = 0;
-  for (int n = 0; n < 7; ++n) volume.p[n * 8] = 1;
-  vox2DMat<char, double> slice(10, 6);
-  std::copy(volume.p, volume.p + 60, slice.p);
-
-  const struct {
-    double before3, before2, before1, ratio;
-  } cases[] = {{10000, 10500, 10501, 1 / 10501.0},  // growing: the last step
-               {10000, 9999, 9998, 2 / 9998.0},     // shrinking: the last two steps together
-               {100, 90, 95, 5 / 95.0},             // back up after a fall
-               {90, 100, 100, 0}};
-  for (const auto& c : cases) {
-    double lt[] = {c.before3, c.before2, c.before1, -1};
-    EXPECT_EQ(computeratio(3, lt, &volume), c.ratio);
-    EXPECT_EQ(lt[3], 7) << "the count is stored but decides nothing yet";
-    lt[3] = -1;
-    EXPECT_EQ(computeratio(3, lt, &slice), c.ratio);
-    EXPECT_EQ(lt[3], 7);
-  }
-  double two[] = {9999, 9998, -1};
-  EXPECT_EQ(computeratio(2, two, &volume), 1 / 9998.0);  // third iteration: the one step there is
-  for (double last : {5, 0}) {                           // an empty mask never converges
-    double empty[] = {last, last, 0, -1};
-    EXPECT_FALSE(computeratio(3, empty, &volume) < 1e300);
-    EXPECT_FALSE(computeratio(2, empty + 1, &slice) < 1e300);
-  }
-  for (int i : {0, 1}) {
-    double first[] = {7, -1};
-    EXPECT_FALSE(computeratio(i, first, &volume) < 1e300);
-    EXPECT_EQ(first[i], 7);
-    EXPECT_FALSE(computeratio(i, first, &slice) < 1e300);
+  const auto seven = filled({10, 6, 1}, [](int x, int y, int) { return x == 3 || x + y == 0; });
+  const std::pair<std::vector<double>, double> cases[] = {
+      {{10000, 10500, 10501}, 1 / 10501.0},  // growing: the last step
+      {{10000, 9999, 9998}, 2 / 9998.0},     // shrinking: the last two steps together
+      {{100, 90, 95}, 5 / 95.0},             // back up after a fall
+      {{90, 100, 100}, 0},
+      {{9999, 9998}, 1 / 9998.0},  // the one step there is
+      {{5, 5, 0}, kInfinity},
+      {{0, 0, 0}, kNaN},  // an empty mask never converges
+      {{}, kInfinity},
+      {{7}, kInfinity}};  // nothing to compare
+  for (auto [lt, ratio] : cases) {
+    const int i = static_cast<int>(lt.size());
+    lt.push_back(-1);
+    EXPECT_TRUE(same(computeratio(i, lt.data(), toMatrix<Mask>(seven).get()), ratio)) << ratio;
+    EXPECT_EQ(lt.back(), 7) << "the count is stored but decides nothing yet";
+    EXPECT_TRUE(same(computeratio(i, lt.data(), toMatrix<MaskSlice>(seven).get()), ratio)) << ratio;
   }
 }
 
 // ---- preparation ------------------------------------------------------------------------------
 
-TEST(Prepare, FiltersPadsAndNormalises) {
-  const Point size{13, 18, 20};
-  const auto input = head(size, 1);
-  const Grid<double> in = toGrid(*input);
-  voxPara P;
-  setup(P, size);
-  std::ostringstream report;
-  const auto volumes = tavrel::prepare(*input, P, &report);
-  EXPECT_EQ(report.str(), "double sorting called\ndouble sorting called\n");
-  expectSame("input", input->p, in.p);
+TEST(Prepare, FiltersPadsHalvesAndNormalises) {
+  for (const int dnX : {0, 1}) {
+    Case run({13, 18, 20}, 1);
+    run.P.dnX = dnX;
+    run.P.gamma = 2;
+    const auto before = toGrid(*run.input);
+    std::ostringstream report;
+    const auto volumes = tavrel::prepare(*run.input, run.P, &report);
+    EXPECT_EQ(report.str(), "double sorting called\ndouble sorting called\n");
+    EXPECT_EQ(toGrid(*run.input), before);
 
-  Grid<double> want(Point{16, 20, 20});  // 13 = 1 + 13 + 2, 18 = 1 + 18 + 1
-  in.scan([&](Point q) {
-    double v = in.p[in.index(q)];
-    if (q[0] % 12 && q[1] % 17 && q[2] % 19) {  // inner voxels
-      v = std::numeric_limits<double>::infinity();
-      for (int k = 0; k < 6; ++k) {
-        Point n = q;
-        n[k / 2] += k % 2 ? 1 : -1;
-        v = std::min(v, in.p[in.index(n)]);
-      }
-    }
-    want.p[want.index({q[0] + 1, q[1] + 1, q[2]})] = v;
-  });
-  const double largest = *std::max_element(want.p.begin(), want.p.end());
-  for (double& v : want.p) v = (v - 0) / (largest - 0);  // the padding is the smallest: 0
-  ASSERT_EQ(toGrid(*volumes.image).size, want.size);
-  expectSame("image", volumes.image->p, want.p);
+    const std::unique_ptr<Image> filtered(run.input->filterMinNeigbor());
+    const std::unique_ptr<Image> want(filtered->extension(1, 2, 1, 1, 0, 0));
+    want->selfdownsampleby2(dnX, 0, 0, "min");
+    want->Normalize(nullptr);
+    want->GammaAdjust(2);
+    EXPECT_EQ(toGrid(*volumes.image), toGrid(*want));
 
-  // 0.3 to 0.7 of 16 is 5 to 10, of 20 is 6 to 13; the coarse voxel q stands for 4 q.
-  const Grid<signed char> seed = toGrid(*volumes.mask);
-  ASSERT_EQ(seed.size, (Point{4, 5, 5}));
-  expectSame("seed", volumes.mask->p,
-             filled<signed char>(seed.size, [](int x, int y, int z) {
-               return static_cast<signed char>(x == 2 && y / 2 == 1 && z / 2 == 1);
-             }).p);
-}
-
-TEST(Prepare, HalvesBeforeTheEvolution) {
-  const Point size{16, 24, 12};
-  const auto input = head(size, 2);
-  voxPara P;
-  setup(P, size, {.dnX = 1, .dnZ = 1});
-  const auto volumes = tavrel::prepare(*input, P);
-  EXPECT_EQ(toGrid(*volumes.image).size, (Point{8, 24, 8}));  // 12 slices are padded to 16
-  EXPECT_EQ(toGrid(*volumes.mask).size, (Point{2, 6, 2}));
+    // 0.3 to 0.7 of 16 is 5 to 10, of 8 it is 3 to 4, of 20 6 to 13; coarse voxel q stands for 4 q.
+    EXPECT_EQ(toGrid(*volumes.mask), filled({4 >> dnX, 5, 5}, [=](int x, int y, int z) {
+                return x == 2 - dnX && y / 2 == 1 && z / 2 == 1;
+              }));
+  }
 }
 
 TEST(Prepare, CountsVoxelsThatAreNotFiniteAsZero) {
-  const Point size{12, 11, 10};
-  auto zeros = head(size, 3), broken = head(size, 3);
-  const double values[] = {std::nan(""), std::numeric_limits<double>::infinity(),
-                           -std::numeric_limits<double>::infinity()};
+  Case zeros({12, 11, 10}, 3), broken({12, 11, 10}, 3);
+  const double values[] = {kNaN, kInfinity, -kInfinity};
   for (int n = 0; n < 12 * 11 * 10; n += 97) {
-    zeros->p[n] = 0;
-    broken->p[n] = values[n % 3];
+    zeros.input->p[n] = 0;
+    broken.input->p[n] = values[n % 3];
   }
-  voxPara P;
-  setup(P, size);
-  const auto want = tavrel::prepare(*zeros, P), got = tavrel::prepare(*broken, P);
-  expectSame("image", got.image->p, toGrid(*want.image).p);
-  EXPECT_TRUE(std::isnan(broken->p[0])) << "the input itself is left alone";
+  EXPECT_EQ(toGrid(*broken.prepared().image), toGrid(*zeros.prepared().image));
+  EXPECT_TRUE(std::isnan(broken.input->p[0])) << "the input itself is left alone";
 }
 
 TEST(Prepare, StaysFiniteWithoutContrast) {
-  for (double value : {0.0, -7.5, 200.0}) {
-    auto input = head({8, 12, 8}, 4);  // no padding, so the image is constant too
-    std::fill(input->p, input->p + 8 * 12 * 8, value);
-    voxPara P;
-    setup(P, {8, 12, 8});
-    auto volumes = tavrel::prepare(*input, P);
-    for (double v : toGrid(*volumes.image).p) ASSERT_TRUE(std::isfinite(v)) << value;
-    tavrel::evolve(volumes, P);
-    for (int v : toGrid(*volumes.mask).p) EXPECT_TRUE(v == 0 || v == 1);
+  for (const double value : {0.0, -7.5, 200.0}) {
+    Case run({8, 12, 8}, 4);  // no padding, so the image is constant too
+    *run.input = value;
+    auto volumes = run.prepared();
+    for (const double v : toGrid(*volumes.image).p) ASSERT_TRUE(std::isfinite(v)) << value;
+    tavrel::evolve(volumes, run.P);
+    for (const double v : toGrid(*volumes.mask).p) EXPECT_TRUE(v == 0 || v == 1);
   }
 }
 
 // ---- evolution --------------------------------------------------------------------------------
 
-TEST(Evolve, EqualsPlainLoopsWithAnyNumberOfThreads) {
-  const Settings runs[] = {{.w5 = 1.0}, {.limit0 = 4, .limit1 = 2, .limit2 = 3, .w5 = 1.3}};
-  for (const Settings& s : runs) {
-    const Point size{18, 23, 15};
-    const auto input = head(size, 5);
-    voxPara P;
-    setup(P, size, s);
-    const auto start = tavrel::prepare(*input, P);
+auto fields(const StepReport& s) {
+  return std::tuple(s.level, s.levels, s.iteration, s.inside, s.ratio, s.n_edge, s.n_nbt);
+}
 
-    const int limits[] = {s.limit0, s.limit1, s.limit2};
-    Grid<signed char> mask = toGrid(*start.mask);
-    std::vector<Evolved> want;
+TEST(Evolve, EqualsThePlainClassWithAnyNumberOfThreads) {
+  const std::pair<double, std::array<int, 3>> runs[] = {{1.0, {1000, 1000, 1000}},
+                                                        {1.3, {4, 2, 3}}};
+  for (const auto& [w5, limits] : runs) {
+    Case run({18, 23, 15}, 5, w5);
+    std::copy(limits.begin(), limits.end(), run.P.max_iter);
+    const auto start = run.prepared();
+    std::vector<Evolved<3>> want;
     for (int level = 0; level < 3; ++level) {
-      if (level > 0) {
-        const Grid<signed char> c = mask;
-        mask = filled<signed char>({c.size[0] * 2, c.size[1] * 2, c.size[2] * 2},
-                                   [&](int x, int y, int z) {
-                                     return c[{x / 2, y / 2, z / 2}];
-                                   });
-      }
-      want.push_back(evolvePlainly<3>(mask, halved(toGrid(*start.image), 2 - level), s.w5, 0.0002,
-                                      limits[level]));
-      for (auto& step : want.back().steps) step.level = level, step.levels = 3;
-      mask = want.back().mask;
+      std::unique_ptr<Mask> mask((level ? want.back().mask : start.mask)->duplicate());
+      if (level > 0) mask->selfupsampleby2(1, 1, 1, "simple");
+      const int n = 2 - level;
+      const std::unique_ptr<Image> image(start.image->downsampleby2(n, n, n, "min"));
+      want.push_back(evolvePlainly<3>(std::move(mask), *image, w5, 0.0002, limits[level], level));
     }
 
-    for (int threads = 1; threads <= 3; ++threads) {
-      SCOPED_TRACE(testing::Message() << threads << " threads, w5 " << s.w5);
-      tavrel::PreparedVolumes volumes = tavrel::prepare(*input, P);
-      std::vector<std::vector<tavrel::StepReport>> steps(3);
-      int levelsEnded = 0;
+    for (int threads = 1; threads <= 3 && !HasFailure(); ++threads) {
+      SCOPED_TRACE(testing::Message() << threads << " threads, w5 " << w5);
+      auto volumes = run.prepared();
+      std::size_t level = 0, step = 0;
       tavrel::EvolutionObserver observer;
-      observer.onStep = [&](const tavrel::StepReport& r) { steps.at(r.level).push_back(r); };
-      observer.onLevel = [&](int level, Volume& Phi) {
-        EXPECT_EQ(level, levelsEnded++);
-        ASSERT_EQ(toGrid(Phi).size, want.at(level).Phi.size);
-        expectSame("Phi of the level", Phi.p, want[level].Phi.p);
+      observer.onStep = [&](const StepReport& report) {
+        EXPECT_EQ(fields(report), fields(want.at(level).steps.at(step++)));
       };
-      tavrel::evolve(volumes, P, observer, threads);
-      EXPECT_EQ(levelsEnded, 3);
-      for (int level = 0; level < 3; ++level) {
-        ASSERT_EQ(steps[level].size(), want[level].steps.size());
-        for (std::size_t i = 0; i < steps[level].size(); ++i)
-          expectSameStep(steps[level][i], want[level].steps[i]);
-      }
-      ASSERT_EQ(toGrid(*volumes.mask).size, mask.size);
-      expectSame("mask", volumes.mask->p, mask.p);
-      expectSame("image", volumes.image->p, toGrid(*start.image).p);
-      if (HasFailure()) return;
+      observer.onLevel = [&](std::size_t ended, Image& Phi) {
+        EXPECT_EQ(ended, level);
+        EXPECT_EQ(step, want[level].steps.size());
+        EXPECT_EQ(toGrid(Phi), toGrid(*want[level].Phi));
+        ++level, step = 0;
+      };
+      tavrel::evolve(volumes, run.P, observer, threads);
+      EXPECT_EQ(level, 3u);
+      EXPECT_EQ(toGrid(*volumes.mask), toGrid(*want[2].mask));
+      EXPECT_EQ(toGrid(*volumes.image), toGrid(*start.image));
     }
   }
 }
 
 /// On a head large enough for changes on both sides of the threshold.
 TEST(Evolve, EndsALevelAtTheFirstSmallChange) {
-  const Point size{40, 44, 38};
-  const auto input = head(size, 12);
-  voxPara P;
-  setup(P, size);
-  auto volumes = tavrel::prepare(*input, P);
-  std::vector<std::vector<double>> ratios(3);
+  const Case run({40, 44, 38}, 12);
+  auto volumes = run.prepared();
+  double most = 0, least = 1;
+  int ends = 0;
   tavrel::EvolutionObserver observer;
-  observer.onStep = [&](const tavrel::StepReport& r) { ratios[r.level].push_back(r.ratio); };
-  tavrel::evolve(volumes, P, observer);
-  double least = 1, last = 0;
-  for (auto& level : ratios) {
-    last = std::max(last, level.back());
-    level.pop_back();
-    least = std::min(least, *std::min_element(level.begin(), level.end()));
-  }
-  EXPECT_LT(last, 0.0002);
-  EXPECT_GE(least, 0.0002);
+  observer.onStep = [&](const StepReport& r) {
+    const bool small = r.ratio < 0.0002;
+    ends += small;
+    double& nearest = small ? most : least;
+    nearest = small ? std::max(nearest, r.ratio) : std::min(nearest, r.ratio);
+  };
+  tavrel::evolve(volumes, run.P, observer);
+  EXPECT_EQ(ends, 3);
+  EXPECT_GT(most, 0.0001);
   EXPECT_LT(least, 0.0003);
-  EXPECT_GT(last, 0.0001);
 }
 
 TEST(Evolve, EndsWithAnEmptyMask) {
-  const Point size{9, 12, 8};
-  const auto input = head(size, 6);
-  voxPara P;
-  setup(P, size, {.w5 = -5});
-  auto volumes = tavrel::prepare(*input, P);
-  tavrel::evolve(volumes, P);
-  for (int v : toGrid(*volumes.mask).p) EXPECT_EQ(v, 0);
-  EXPECT_EQ(volumes.mask->sizeX, 12);
+  const Case run({9, 12, 8}, 6, -5);
+  auto volumes = run.prepared();
+  tavrel::evolve(volumes, run.P);
+  EXPECT_EQ(toGrid(*volumes.mask), Grid<double>({12, 12, 8}));
 }
 
-TEST(Evolve, IsAbandonedWhenTheObserverThrows) {
-  const Point size{16, 16, 16};
-  const auto input = head(size, 7);
-  voxPara P;
-  setup(P, size);
-  auto volumes = tavrel::prepare(*input, P);
+TEST(Evolve, IsAbandonedByWhatThrows) {
+  const Case run({16, 16, 16}, 7);
+  auto volumes = run.prepared();
   tavrel::EvolutionObserver observer;
-  observer.onStep = [](const tavrel::StepReport& r) {
+  observer.onStep = [](const StepReport& r) {
     if (r.iteration == 1) throw std::runtime_error("enough");
   };
-  EXPECT_THROW(tavrel::evolve(volumes, P, observer, 2), std::runtime_error);
+  EXPECT_THROW(tavrel::evolve(volumes, run.P, observer, 2), std::runtime_error);
+  const auto lacking = [](int piece) {  // whichever thread it happens on
+    if (piece == 4) throw std::bad_alloc();
+  };
+  for (const int threads : {1, 3})
+    EXPECT_THROW(tavrel::parallelFor(threads, 9, lacking), std::bad_alloc);
 }
 
 TEST(Evolve, ReportsWhatDoesNotFitAndDoesNotEndTheProcess) {
-  const auto input = head({8, 12, 8}, 4);
-  voxPara empty, P;
-  EXPECT_THROW(tavrel::prepare(*input, empty), std::invalid_argument);
+  Case run({8, 12, 8}, 4);
+  voxPara empty, &P = run.P;
+  EXPECT_THROW(tavrel::prepare(*run.input, empty), std::invalid_argument);
   tavrel::PreparedVolumes none;
   EXPECT_THROW(tavrel::evolve(none, empty), std::invalid_argument);
-  none.image = std::make_unique<Volume>(8, 8, 8);
-  none.mask = std::make_unique<Mask>(8, 8, 8);
-  *none.image = 0.0;
-  *none.mask = 1;
+  none.image = toMatrix<Image>(Grid<double>({8, 8, 8}));
+  none.mask = toMatrix<Mask>(Grid<double>({8, 8, 8}, 1));
   tavrel::evolve(none, empty);  // one level of no steps: there are no limits
   EXPECT_EQ(none.mask->Sum(), 512);
-  setup(P, {8, 12, 8});
   EXPECT_THROW(tavrel::evolve(none, P), std::invalid_argument) << "the seed is not the coarsest";
   EXPECT_THROW(tavrel::finish(*none.mask, P), std::invalid_argument);
   EXPECT_THROW(tavrel::refineSlices(*none.mask, *none.image, P), std::invalid_argument);
   P.dnX = std::numeric_limits<int>::min();  // halves nothing, like any count below 0
   P.dnZ = 1;
-  EXPECT_EQ(toGrid(*tavrel::prepare(*input, P).image).size, (Point{8, 12, 4}));
+  EXPECT_EQ(sizeOf(*run.prepared().image), (Point{8, 12, 4}));
   P.dnZ = 0;
   P.Xp = 3;
-  EXPECT_THROW(tavrel::prepare(*input, P), std::invalid_argument) << "11 cannot be halved";
+  EXPECT_THROW(run.prepared(), std::invalid_argument) << "11 cannot be halved";
+  P.Xp = -4;
+  EXPECT_THROW(run.prepared(), std::invalid_argument) << "a padding is negative";
   P.Xp = std::numeric_limits<int>::max() - 1;
-  EXPECT_THROW(tavrel::prepare(*input, P), std::length_error);
-}
-
-TEST(Pyramid, KnowsWhichVolumesFit) {
-  using tavrel::Pyramid;
-  EXPECT_EQ(Pyramid::padded(181), 184);
-  EXPECT_TRUE(Pyramid::fits(0, 1 << 30, 1 << 30));
-  EXPECT_TRUE(Pyramid::fits(1288, 1290 - 2, 1290 - 2));
-  EXPECT_FALSE(Pyramid::fits(1290, 1290, 1290)) << "1292 padded";
-  EXPECT_FALSE(Pyramid::fits(std::numeric_limits<int>::max(), 1, 1));
-  EXPECT_FALSE(Pyramid::fits(-4, -4, 4));
+  EXPECT_THROW(run.prepared(), std::length_error);
 }
 
 // ---- last stage -------------------------------------------------------------------------------
 
 TEST(Finish, RefinesSlicesOnlyAfterHalvingAndDilatesOnce) {
-  for (int dnZ : {0, 1}) {
+  for (const int dnZ : {0, 1}) {
     SCOPED_TRACE(testing::Message() << "dnZ " << dnZ);
-    const Point size{61, 66, 6};
-    const auto input = head(size, 8);
-    const Grid<double> in = toGrid(*input);
-    const Settings s{.dnZ = dnZ, .limit0 = 40, .w5 = 1.1};
-    voxPara P;
-    setup(P, size, s);
+    Case run({61, 66, 6}, 8, 1.1);
+    run.P.dnZ = dnZ;
+    run.P.max_iter[0] = 40;
+    const auto before = toGrid(*run.input);
     // 1 + 61 + 2, 1 + 66 + 1 and 1 + 6 + 1 voxels, the slices halved dnZ times; a ball as mask.
-    Grid<signed char> start(Point{64, 68, 8 >> dnZ});
-    start.scan([&](Point q) {
-      const double z = (q[2] + 0.5) * (1 << dnZ) - 4;
-      start.p[start.index(q)] = std::hypot(q[0] - 31, q[1] - 33, 2 * z) < 18;
+    const auto ball = filled({64, 68, 8 >> dnZ}, [=](int x, int y, int z) {
+      return std::hypot(x - 31, y - 33, 2 * ((z + 0.5) * (1 << dnZ) - 4)) < 18;
     });
+    const auto mask = toMatrix<Mask>(ball), want = toMatrix<Mask>(ball);
+    if (dnZ > 0) tavrel::refineSlices(*mask, *run.input, run.P);
+    tavrel::finish(*mask, run.P);
 
-    // Undo halving and padding, refine each slice, dilate.
-    Grid<signed char> refined(size), want(size);
-    refined.scan([&](Point q) {
-      const int from = start.index({q[0] + 1, q[1] + 1, (q[2] + 1) >> dnZ});
-      refined.p[refined.index(q)] = start.p[from];
-    });
-    for (int z = 0; dnZ > 0 && z < size[2]; ++z) {
-      const std::size_t slice = static_cast<std::size_t>(size[0]) * size[1], at = z * slice;
-      Grid<signed char> mask2(Point{size[0], size[1], 1});
-      Grid<double> image2(mask2.size);
-      std::copy_n(&refined.p[at], slice, mask2.p.begin());
-      std::copy_n(&in.p[at], slice, image2.p.begin());
-      mask2 = evolvePlainly<2>(mask2, image2, s.w5, 0.002, s.limit0).mask;
-      std::copy_n(mask2.p.begin(), slice, &refined.p[at]);
+    want->selfupsampleby2(0, 0, dnZ, "simple");
+    want->selfdeextension(1, 2, 1, 1, 1, 1);
+    for (int z = 0; dnZ > 0 && z < 6; ++z) {
+      const std::unique_ptr<Slice> image(run.input->getslice(z));
+      std::unique_ptr<MaskSlice> seed(want->getslice(z));
+      want->setslice(evolvePlainly<2>(std::move(seed), *image, 1.1, 0.002, 40).mask.get(), z);
     }
-    refined.scan([&](Point q) {
-      if (refined.p[refined.index(q)])
-        tavrel::plain::forBox(q, 1, size, [&](Point b) { want.p[want.index(b)] = 1; });
-    });
-
-    Mask mask(start.size[0], start.size[1], start.size[2]);
-    std::copy(start.p.begin(), start.p.end(), mask.p);
-    if (dnZ > 0) tavrel::refineSlices(mask, *input, P);
-    tavrel::finish(mask, P);
-    ASSERT_EQ(toGrid(mask).size, size);
-    expectSame("mask", mask.p, want.p);
-    expectSame("input", input->p, in.p);
+    want->imdilate3D("box", 1);
+    EXPECT_EQ(toGrid(*mask), toGrid(*want));
+    EXPECT_EQ(toGrid(*run.input), before);
   }
 }
 

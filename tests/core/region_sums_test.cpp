@@ -5,49 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
-#include <limits>
 #include <vector>
 
-#include "level_set_support.h"
+#include "grids.h"
 
 namespace {
 
 using namespace tavrel::test;
 using tavrel::InstructionSet;
 using tavrel::exact::RegionSums;
-
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-struct Case {
-  const char* name;
-  std::function<double(Random&)> value;  ///< one voxel of the image
-};
-
-const Case cases[] = {
-    {"uniform", [](Random& r) { return r.between(0, 1); }},
-    {"bytes normalised", [](Random& r) { return r.below(256) / 255.0; }},
-    {"bytes", [](Random& r) { return r.below(256); }},
-    {"two values", [](Random& r) { return r.below(2); }},
-    {"ones", [](Random&) { return 1.0; }},                      // every power of two is met exactly
-    {"up to four", [](Random& r) { return r.between(0, 4); }},  // sums leave the tables at the top
-    {"just below one", [](Random&) { return std::nextafter(1.0, 0.0); }},
-    // Odd multiples of half an ulp of sums in [2^e, 2^(e+1)), for small to large e.
-    {"half-way", [](Random& r) { return std::ldexp(2 * r.below(1 << 20) + 1, r.below(12) - 53); }},
-    {"half-way now and then",
-     [](Random& r) { return r.below(256) / 256.0 + (r.below(9) ? 0 : std::ldexp(1, -44)); }},
-    {"many scales", [](Random& r) { return std::ldexp(r.between(0, 1), r.below(60) - 55); }},
-    {"below the last place", [](Random& r) { return r.below(30) ? std::ldexp(1, -60) : 3.0; }},
-    {"sparse and tiny",
-     [](Random& r) { return r.below(400) ? 0 : std::ldexp(1, r.below(5) - 50); }},
-    {"denormal", [](Random& r) { return r.between(0, 1) * 1e-310; }},
-    {"some negative", [](Random& r) { return r.between(-0.1, 1); }},
-    {"negative", [](Random& r) { return r.below(4) ? -r.between(0, 1) : -0.0; }},
-    {"outliers", [](Random& r) { return r.between(0, 1) * (r.below(300) ? 1 : 1e12); }},
-    {"huge", [](Random& r) { return r.between(0, 1) * 1e308; }},
-    {"infinite", [](Random& r) { return r.below(2000) ? 0.5 : kInfinity; }},
-    {"not a number", [](Random& r) { return r.below(2000) ? 0.5 : std::nan(""); }},
-};
 
 /// Sides in blobs, as an evolution has them, or voxel by voxel.
 std::vector<char> randomLabels(const Grid<double>& shape, bool blobs, Random& r) {
@@ -65,12 +31,11 @@ TEST(RegionSums, EqualPlainLoopsInEveryBit) {
   tavrel::exact::RegionSummer summer;  // its work space is shared by all calls
   unsigned seed = 0;
   for (Point size : sizes) {
-    for (const Case& c : cases) {
+    for (int kind = 0; kind < std::ssize(kImages); ++kind) {
       SCOPED_TRACE(testing::Message()
-                   << c.name << " " << size[0] << "x" << size[1] << "x" << size[2]);
+                   << "image " << kind << " " << size[0] << "x" << size[1] << "x" << size[2]);
       Random r(++seed);
-      Grid<double> image(size);
-      for (double& v : image.p) v = c.value(r);
+      const Grid<double> image = randomImage(kind, size, r);
       const std::vector<char> label = randomLabels(waves(size, r), seed % 3 > 0, r);
       std::vector<int> centres;
       for (std::size_t g = 0; g < label.size(); ++g)

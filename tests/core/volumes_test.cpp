@@ -5,237 +5,162 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <limits>
-#include <memory>
-#include <random>
 #include <sstream>
+#include <string>
+#include <tuple>
 #include <vector>
 
+#include "grids.h"
 #include "process.h"
 #include "voxRawVolumeData.h"
 
 namespace {
 
-using tavrel::test::Finished;
-using tavrel::test::runApart;
+using namespace tavrel::test;
+using tavrel::plain::forBox;
+using tavrel::plain::scan;
 
-using Image = vox3DMat<double, char>;
-using Mask = vox3DMat<char, double>;
-using Slice = vox2DMat<double, char>;
-using MaskSlice = vox2DMat<char, double>;
+constexpr int kMost = std::numeric_limits<int>::max();
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+Random random_(7);
 
-template <class Matrix>
-auto owned(Matrix* m) {
-  return std::unique_ptr<Matrix>(m);
+Grid<double> randomGrid(Point size, int values, double least) {
+  return filled(size, [&](int, int, int) { return random_.below(values) + least; });
 }
-
-template <class Matrix>
-std::size_t count(const Matrix& m) {
-  if constexpr (requires { m.sizeZ; }) {
-    return static_cast<std::size_t>(m.mxn) * m.sizeZ;
-  } else {
-    return m.mxn;
-  }
-}
-
-template <class Matrix>
-auto values(const Matrix& m) {
-  return std::vector(m.p, m.p + count(m));
-}
-
-/// The values of a matrix that an operation returned.
-template <class Matrix>
-auto valuesOf(Matrix* m) {
-  return values(*owned(m));
-}
-
-template <class Matrix, class T>
-std::unique_ptr<Matrix> filled(std::unique_ptr<Matrix> m, std::initializer_list<T> list) {
-  EXPECT_EQ(list.size(), count(*m));
-  std::copy(list.begin(), list.end(), m->p);
-  return m;
-}
-
-std::mt19937 bits(7);
-int below(int n) { return static_cast<int>(bits() % static_cast<unsigned>(n)); }
 
 /// Whole numbers from -2 to 3: ties, signs and zeros are frequent.
-template <class Matrix>
-void randomise(Matrix& m) {
-  for (std::size_t n = 0; n < count(m); ++n) m.p[n] = below(6) - 2;
-}
+Grid<double> randomGrid(Point size) { return randomGrid(size, 6, -2); }
 
-template <class Matrix>
-std::unique_ptr<Matrix> randomVolume(int X, int Y, int Z) {
-  auto m = std::make_unique<Matrix>(X, Y, Z);
-  randomise(*m);
-  return m;
-}
-
-/// A matrix of the given sizes whose voxel (i, j, k) is value(i, j, k).
-template <class Matrix, class Value>
-std::unique_ptr<Matrix> built(int X, int Y, int Z, Value value) {
-  auto m = std::make_unique<Matrix>(X, Y, Z);
-  for (int k = 0, n = 0; k < Z; ++k) {
-    for (int j = 0; j < Y; ++j) {
-      for (int i = 0; i < X; ++i) m->p[n++] = value(i, j, k);
-    }
-  }
-  return m;
-}
-
-template <class Matrix>
-void expectEqual(const Matrix& got, const Matrix& want) {
-  EXPECT_EQ((std::array{got.sizeX, got.sizeY, got.sizeZ, got.mxn}),
-            (std::array{want.sizeX, want.sizeY, want.sizeZ, want.mxn}));
-  EXPECT_TRUE(values(got) == values(want));
+/// A row of voxels.
+Grid<double> row(std::initializer_list<double> values) {
+  Grid<double> g(Point{static_cast<int>(values.size()), 1, 1});
+  g.p = values;
+  return g;
 }
 
 // ---- matrices ----------------------------------------------------------------------------------
 
-TEST(Matrix, BasicsCountCharAsSigned) {
-  Mask m(2, 3, 1);
-  m = 3;
-  m += -5;
-  EXPECT_EQ(m.Sum(), -12.0);
-  EXPECT_EQ(values(m), std::vector<char>(6, -2));
-  expectEqual(*owned(m.duplicate()), m);
-  const std::unique_ptr<int[]> size(m.getsize());
-  EXPECT_EQ((std::array{size[0], size[1], size[2]}), (std::array{2, 3, 1}));
-  EXPECT_TRUE(m.isnotempty());
+/// What both dimensions share; `char` counts as signed.
+template <int D>
+void checkShared() {
+  using Real = MatrixOf<D, double, char>;
+  using Small = MatrixOf<D, char, double>;
+  EXPECT_FALSE(Small().isnotempty());
+  const Point size{2, 3, 1};
+  const auto m = toMatrix<Small>(Grid<int>(size));
+  *m = 3;
+  *m += -5;
+  EXPECT_EQ(m->Sum(), -12.0);
+  EXPECT_EQ(toGrid(*m), Grid<double>(size, -2));
+  EXPECT_EQ(toGrid(m->duplicate()), toGrid(*m));
+  EXPECT_TRUE(m->isnotempty());
+  EXPECT_EQ(m->dataaddress(), m->p);
+  EXPECT_EQ(m->mxn, 6);
+  const std::unique_ptr<int[]> sizes(m->getsize());
+  EXPECT_TRUE(std::equal(size.begin(), size.begin() + D, sizes.get()));
 
-  Image empty;
-  EXPECT_FALSE(empty.isnotempty());
-  EXPECT_EQ(owned(empty.duplicate())->sizeX, 0);
-  EXPECT_EQ(empty.filterMinNeigbor(), nullptr);
+  const auto phi = toMatrix<Real>(row({-0.5, 0.0, 0.5, kNaN}));
+  EXPECT_EQ(toGrid(phi->Phi2VeC()), row({1, 0, 0, 1}));
+  EXPECT_EQ(toGrid(phi->thresholding(0.0, 0.0)), row({0, 1, 0, 0}));
+  EXPECT_EQ(toGrid(toMatrix<Small>(row({1, 0, -3}))->VeC2Phi()), row({-0.5, 0.5, 3.5}));
+  const auto codes = toMatrix<Small>(row({-3, -2, -1, 1, 2, 3}));
+  EXPECT_EQ(toGrid(codes->thresholding(-1, 1)), row({0, 0, 1, 1, 0, 0}));
+}
 
-  MaskSlice s(2, 3);
-  s = 1;
-  s += -3;
-  EXPECT_EQ(s.Sum(), -12.0);
-  EXPECT_EQ(valuesOf(s.duplicate()), std::vector<char>(6, -2));
-  MaskSlice set;
-  EXPECT_FALSE(set.isnotempty());
-  set.setup(3, 2);
-  const std::unique_ptr<int[]> sizes(set.getsize());
-  EXPECT_EQ((std::array{sizes[0], sizes[1], set.mxn}), (std::array{3, 2, 6}));
-  EXPECT_EQ(set.dataaddress(), set.p);
+TEST(Matrix, BothDimensionsShare) {
+  checkShared<2>();
+  checkShared<3>();
+  EXPECT_EQ(toGrid(Image().duplicate()).p.size(), 0u);
+  EXPECT_EQ(Image().filterMinNeigbor(), nullptr);
 }
 
 TEST(Matrix, MayEndTwice) {
-  tavrel::test::endTwice<Image>(2, 3, 4);
-  tavrel::test::endTwice<Slice>(2, 3);
-  tavrel::test::endTwice<voxRawVolumeData<double, char>>(nullptr, 0, 2, 3, 4);
-}
-
-/// The conversions that both dimensions share.
-template <class Real, class Small, class... Depth>
-void checkConversions(Depth... depth) {
-  const auto phi = filled(std::make_unique<Real>(4, 1, depth...), {-0.5, 0.0, 0.5, kNaN});
-  EXPECT_EQ(valuesOf(phi->Phi2VeC()), (std::vector<char>{1, 0, 0, 1}));
-  const auto mask = filled(std::make_unique<Small>(3, 1, depth...), {1, 0, -3});
-  EXPECT_EQ(valuesOf(mask->VeC2Phi()), (std::vector{-0.5, 0.5, 3.5}));
-  const auto codes = filled(std::make_unique<Small>(6, 1, depth...), {-3, -2, -1, 1, 2, 3});
-  EXPECT_EQ(valuesOf(codes->thresholding(-1, 1)), (std::vector<char>{0, 0, 1, 1, 0, 0}));
-  EXPECT_EQ(valuesOf(phi->thresholding(-0.5, 0.0)), (std::vector<char>{1, 1, 0, 0}));
-}
-
-TEST(Matrix, ConvertsBetweenMaskAndFunction) {
-  checkConversions<Image, Mask>(1);
-  checkConversions<Slice, MaskSlice>();
+  endTwice<Image>(2, 3, 4);
+  endTwice<Slice>(2, 3);
+  endTwice<voxRawVolumeData<double, char>>(nullptr, 0, 2, 3, 4);
 }
 
 TEST(Matrix, SlicesGoOutAndIn) {
-  const auto m = randomVolume<Mask>(4, 3, 5);
-  Mask rebuilt(4, 3, 5);
-  for (int k = 0; k < 5; ++k) {
-    const auto slice = owned(m->getslice(k));
-    EXPECT_EQ(slice->p[3 + 2 * 4], m->p[3 + 2 * 4 + k * 12]);
-    rebuilt.setslice(slice.get(), k);
-  }
-  expectEqual(rebuilt, *m);
+  const auto g = randomGrid({4, 3, 5});
+  const auto m = toMatrix<Mask>(g), reversed = toMatrix<Mask>(Grid<double>(g.size));
+  for (int k = 0; k < 5; ++k)
+    reversed->setslice(std::unique_ptr<MaskSlice>(m->getslice(k)).get(), 4 - k);
+  EXPECT_EQ(toGrid(*reversed), filled(g.size, [&](int x, int y, int z) {
+              return g[{x, y, 4 - z}];
+            }));
 }
 
 TEST(Matrix, ProductWithMaskKeepsSignsOfZero) {
-  const auto image = filled(std::make_unique<Image>(4, 1, 1), {-7.5, 3.25, -1.0, 0.5});
-  const auto mask = filled(std::make_unique<Mask>(4, 1, 1), {0, 1, -1, 0});
-  const auto product = valuesOf(*image * *mask);
-  EXPECT_EQ(product, (std::vector{-0.0, 3.25, 1.0, 0.0}));
-  EXPECT_TRUE(std::signbit(product[0]));
+  const auto mask = toMatrix<Mask>(row({0, 1, -1, 0}));
+  const std::unique_ptr<Image> product(*toMatrix<Image>(row({-7.5, 3.25, -1.0, 0.5})) * *mask);
+  expectSame("product", product->p, std::vector{-0.0, 3.25, 1.0, 0.0});
 }
 
 TEST(Matrix, SeedSpansFractions) {
-  for (const auto& [size, first, end] : {std::array{184, 56, 128}, {220, 66, 154}, {100, 30, 70}}) {
-    Mask m(size, 1, 1);
-    m.setseed(0.3, 0.7, 0.0, 1.0, 0.0, 1.0);
-    std::vector<char> want(size, 0);
-    std::fill(want.begin() + first, want.begin() + end, char{1});
-    EXPECT_EQ(values(m), want) << size;
+  const std::tuple<int, double, double, int, int> cases[] = {
+      {184, 0.3, 0.7, 56, 128}, {220, 0.3, 0.7, 66, 154}, {100, 0.3, 0.7, 30, 70},
+      {10, 0.3, 0.3, 0, 0},     {10, 0.7, 0.3, 0, 0},     {10, -1e300, 1e300, 0, 10},
+      {10, kNaN, 2.0, 0, 10}};
+  for (const auto& [size, min, max, first, end] : cases) {
+    for (int axis = 0; axis < 3; ++axis) {
+      Point sizes{2, 2, 2};
+      sizes[axis] = size;
+      std::array<double, 6> box{0, 1, 0, 1, 0, 1};
+      box[2 * axis] = min;
+      box[2 * axis + 1] = max;
+      const auto m = toMatrix<Mask>(Grid<double>(sizes));
+      std::apply([&](auto... edges) { m->setseed(edges...); }, box);
+      Grid<double> want(sizes);
+      scan(sizes,
+           [&, first = first, end = end](Point q) { want[q] = q[axis] >= first && q[axis] < end; });
+      EXPECT_EQ(toGrid(*m), want) << size << " along " << axis;
+    }
   }
-  Mask m(10, 10, 10);
-  m.setseed(0.3, 0.7, 0.3, 0.7, 0.3, 0.7);
-  EXPECT_EQ(m.Sum(), 64.0);
-  m.setseed(0.3, 0.3, 0.0, 1.0, 0.0, 1.0);
-  EXPECT_EQ(m.Sum(), 0.0);
-  m.setseed(-1e300, 1e300, 0.7, 0.3, 0.0, 1.0);
-  EXPECT_EQ(m.Sum(), 0.0);
-  m.setseed(-1e300, 1e300, kNaN, 2.0, 0.0, 1.0);
-  EXPECT_EQ(m.Sum(), 1000.0);
 }
 
 // ---- intensities -------------------------------------------------------------------------------
 
-/// Normalisation by really sorting the sample.
-std::vector<double> normalised(std::vector<double> v) {
-  const double a = std::floor(static_cast<double>(v.size()) / 100000.0);
-  const int step = a > 1.0 ? static_cast<int>(a) : 1;
-  std::vector<double> sample(static_cast<std::size_t>(std::ceil(v.size() / double(step))));
-  for (std::size_t s = 0; s < sample.size(); ++s) sample[s] = v[s * step];
-  std::qsort(sample.data(), sample.size(), sizeof(double), comparedouble);
-  const double min = sample.front(), max = sample.back();
-  for (double& x : v) x = (x - min) / (max - min);
-  return v;
-}
-
 TEST(Intensities, NormalizeMapsRangeOfSample) {
-  for (const auto& [X, Y, Z] :
-       {std::array{100, 100, 19}, {100, 100, 20}, {101, 99, 31}, {3, 1, 1}}) {
-    const auto m = built<Image>(X, Y, Z, [](int, int, int) { return below(1000) / 7.0 - 50; });
-    m->p[1] = 1e4;  // in the sample or not, as the size has it
-    const auto want = normalised(values(*m));
+  for (const Point size : {Point{100, 100, 19}, {100, 100, 20}, {101, 99, 31}, {3, 1, 1}}) {
+    auto want = randomGrid(size, 1000, -50.5);
+    want.p[1] = 1e4;  // in the sample or not, as the size has it
+    const auto m = toMatrix<Image>(want);
+    std::vector<double> sample;
+    const std::size_t step = std::max<std::size_t>(want.p.size() / 100000, 1);
+    for (std::size_t n = 0; n < want.p.size(); n += step) sample.push_back(want.p[n]);
+    std::sort(sample.begin(), sample.end());
+    for (double& v : want.p) v = (v - sample.front()) / (sample.back() - sample.front());
     std::ostringstream report;
     m->Normalize(&report);
-    EXPECT_TRUE(values(*m) == want) << X << " " << Y << " " << Z;
+    EXPECT_EQ(toGrid(*m), want);
     EXPECT_EQ(report.str(), "double sorting called\ndouble sorting called\n");
   }
+  const auto report = [](auto element) {
+    return runApart([=] { vox3DMat<decltype(element), void>(0, 1, 1).Normalize(); }).out;
+  };
+  EXPECT_EQ(report(0), "integer sorting called\ninteger sorting called\n");
+  EXPECT_EQ(report(0.f), "float sorting called\nfloat sorting called\n");
+  EXPECT_EQ(report('0'), "char sorting called\nchar sorting called\n");
 }
 
 TEST(Intensities, NormalizeWithoutContrastIsFinite) {
-  auto m = built<Image>(100, 100, 20, [](int i, int, int) { return i % 2 ? 9.0 : 4.0; });
+  auto m = toMatrix<Image>(filled(Point{100, 100, 20}, [](int x, int, int) { return x % 2; }));
+  *m += 4;
   m->Normalize(nullptr);  // every second voxel is sampled: all 4
   EXPECT_EQ(m->p[0], 0.0);
-  EXPECT_EQ(m->p[1], 5.0);
-  Image empty(0, 3, 3);
-  empty.Normalize(nullptr);
-}
-
-TEST(Intensities, NormalizeReportsElementType) {
-  EXPECT_EQ(runApart([] { vox3DMat<int, void>(0, 1, 1).Normalize(); }).out,
-            "integer sorting called\ninteger sorting called\n");
-  EXPECT_EQ(runApart([] { vox3DMat<float, void>(0, 1, 1).Normalize(); }).out,
-            "float sorting called\nfloat sorting called\n");
-  EXPECT_EQ(runApart([] { Mask(0, 1, 1).Normalize(); }).out,
-            "char sorting called\nchar sorting called\n");
+  EXPECT_EQ(m->p[1], 1.0);
+  m->p[2] = kNaN;  // counts as the largest of the sample
+  m->Normalize(nullptr);
+  EXPECT_TRUE(std::isnan(m->p[0]));
+  Image(0, 3, 3).Normalize(nullptr);
 }
 
 TEST(Intensities, GammaIsThePower) {
-  const auto m = filled(std::make_unique<Image>(3, 1, 1), {0.0, 0.5, 1.75});
-  m->GammaAdjust(1.0);
-  EXPECT_EQ(values(*m), (std::vector{0.0, 0.5, 1.75}));
+  const auto m = toMatrix<Image>(row({0.0, 0.5, 1.75}));
   m->GammaAdjust(2.0);
-  EXPECT_EQ(values(*m), (std::vector{0.0, 0.25, 3.0625}));
+  EXPECT_EQ(toGrid(*m), row({0.0, 0.25, 3.0625}));
 }
 
 // ---- resampling --------------------------------------------------------------------------------
@@ -243,30 +168,26 @@ TEST(Intensities, GammaIsThePower) {
 /// Halves and doubles random volumes, against the value that the definition gives each voxel.
 template <class Matrix>
 void checkResampling() {
-  for (const auto& [a, b, c] : {std::array{1, 1, 1}, {2, 0, 1}, {0, 3, -1}, {0, 0, 0}}) {
-    const int fx = 1 << a, fy = 1 << b, fz = 1 << std::max(c, 0);
-    const int X = 3 * fx, Y = 5 * fy, Z = 2 * fz;
-    const auto m = randomVolume<Matrix>(X, Y, Z);
-    const auto old = [&](int i, int j, int k) { return m->p[i + j * X + k * X * Y]; };
-    const auto first =
-        built<Matrix>(3, 5, 2, [&](int i, int j, int k) { return old(i * fx, j * fy, k * fz); });
-    const auto smallest = built<Matrix>(3, 5, 2, [&](int i, int j, int k) {
-      int least = 100;
-      for (int n = 0; n < fx * fy * fz; ++n) {
-        const auto v = old(i * fx + n % fx, j * fy + n / fx % fy, k * fz + n / fx / fy);
-        least = std::min(least, static_cast<int>(tavrel::number(v)));
-      }
-      return least;
+  for (const Point n : {Point{1, 1, 1}, {2, 0, 1}, {0, 3, -1}, {0, 0, 0}}) {
+    const Point f{1 << n[0], 1 << n[1], 1 << std::max(n[2], 0)};
+    const auto old = randomGrid({3 * f[0], 5 * f[1], 2 * f[2]});
+    const auto first = filled({3, 5, 2}, [&](int i, int j, int k) {
+      return old[{i * f[0], j * f[1], k * f[2]}];
     });
-    const auto repeated = built<Matrix>(
-        X, Y, Z, [&](int i, int j, int k) { return old(i / fx * fx, j / fy * fy, k / fz * fz); });
-
-    expectEqual(*owned(m->downsampleby2(a, b, c, "simple")), *first);
-    expectEqual(*owned(m->downsampleby2(a, b, c, "min")), *smallest);
-    m->selfdownsampleby2(a, b, c, "simple");
-    expectEqual(*m, *first);
-    m->selfupsampleby2(a, b, c, "simple");
-    expectEqual(*m, *repeated);
+    auto smallest = first;
+    scan(old.size, [&](Point q) {
+      double& least = smallest[{q[0] / f[0], q[1] / f[1], q[2] / f[2]}];
+      least = std::min(least, old[q]);
+    });
+    const auto m = toMatrix<Matrix>(old);
+    EXPECT_EQ(toGrid(m->downsampleby2(n[0], n[1], n[2], "min")), smallest);
+    m->selfdownsampleby2(n[0], n[1], n[2], "simple");
+    EXPECT_EQ(toGrid(*m), first);
+    m->selfupsampleby2(n[0], n[1], n[2], "simple");
+    EXPECT_EQ(toGrid(*m), filled(old.size, [&](int i, int j, int k) {
+                return first[{i / f[0], j / f[1], k / f[2]}];
+              }));
+    EXPECT_EQ(m->mxn, old.size[0] * old.size[1]);
   }
 }
 
@@ -276,287 +197,237 @@ TEST(Resampling, FollowsDefinition) {
 }
 
 TEST(Resampling, SingleAxesAndOddSizes) {
-  const auto m = filled(std::make_unique<Mask>(3, 1, 1), {1, 0, 1});
+  const auto m = toMatrix<Mask>(row({1, 0, 1}));
   m->downsampleXby2("min");
-  EXPECT_EQ(values(*m), (std::vector<char>{0}));
+  EXPECT_EQ(toGrid(*m), row({0}));
   m->upsampleYby2("simple");
   m->upsampleZby2("simple");
   m->upsampleXby2("simple");
-  EXPECT_EQ(count(*m), 8u);
+  EXPECT_EQ(toGrid(*m), Grid<double>({2, 2, 2}));
   m->downsampleZby2("simple");
   m->downsampleYby2("min");
-  EXPECT_EQ((std::array{m->sizeX, m->sizeY, m->sizeZ, m->mxn}), (std::array{2, 1, 1, 2}));
+  EXPECT_EQ(toGrid(*m), row({0, 0}));
+  EXPECT_EQ(m->mxn, 2);
 }
 
 TEST(Resampling, ChecksOnlyWhatItDoes) {
-  const auto m = randomVolume<Image>(5, 4, 4);
-  expectEqual(*owned(m->downsampleby2(-1, 0, 0, nullptr)), *m);
+  const auto g = randomGrid({5, 4, 4});
+  const auto m = toMatrix<Image>(g);
+  m->selfdownsampleby2(-1, 0, 0, nullptr);
   m->selfupsampleby2(0, -2, 0, nullptr);
+  EXPECT_EQ(toGrid(*m), g);
   Mask empty(0, 0, 0);
   empty.selfdownsampleby2(2000000000, 1, 1, "min");
   empty.selfupsampleby2(2000000000, 0, 0, "simple");
-  EXPECT_EQ(empty.sizeX, 0);
+  EXPECT_EQ(sizeOf(empty), (Point{0, 0, 0}));
 }
 
 // ---- borders and neighbourhoods ----------------------------------------------------------------
 
 TEST(Padding, SurroundsWithZerosAndIsUndone) {
-  const auto m = randomVolume<Image>(5, 4, 3);
-  const auto padded = owned(m->extension(1, 2, 0, 3, 2, 0));
-  expectEqual(*padded, *built<Image>(8, 7, 5, [&](int i, int j, int k) {
-    const bool inside = i >= 1 && i < 6 && j < 4 && k >= 2;
-    return inside ? m->p[i - 1 + j * 5 + (k - 2) * 20] : 0.0;
-  }));
+  const auto g = randomGrid({5, 4, 3});
+  const std::unique_ptr<Image> padded(toMatrix<Image>(g)->extension(1, 2, 0, 3, 2, 0));
+  EXPECT_EQ(toGrid(*padded), filled({8, 7, 5}, [&](int i, int j, int k) {
+              return i >= 1 && i < 6 && j < 4 && k >= 2 ? g[{i - 1, j, k - 2}] : 0.0;
+            }));
   padded->selfdeextension(1, 2, 0, 3, 2, 0);
-  expectEqual(*padded, *m);
+  EXPECT_EQ(toGrid(*padded), g);
   padded->selfdeextension(5, 0, 0, 0, 0, 0);
-  EXPECT_EQ(padded->sizeX, 0);
-  expectEqual(*owned(padded->extension(0, 0, 0, 0, 0, 0)), *padded);
+  EXPECT_EQ(sizeOf(*padded), (Point{0, 4, 3}));
+  EXPECT_EQ(toGrid(padded->extension(0, 0, 0, 0, 0, 0)), toGrid(*padded));
 }
 
 TEST(MinimumFilter, TakesSmallestFaceNeighbour) {
-  for (const auto& [X, Y, Z] : {std::array{6, 5, 4}, {3, 3, 3}, {10, 10, 2}, {2, 9, 9}}) {
-    const auto m = built<Image>(X, Y, Z, [](int, int, int) { return below(50) - 9.0; });
-    const int x = X, y = Y, z = Z, steps[] = {1, X, X * Y};
-    expectEqual(*owned(m->filterMinNeigbor()), *built<Image>(X, Y, Z, [&](int i, int j, int k) {
-      const double* v = m->p + i + j * x + k * x * y;
-      if (i % (x - 1) == 0 || j % (y - 1) == 0 || k % (z - 1) == 0) return *v;
+  for (const Point size : {Point{6, 5, 4}, {3, 3, 3}, {10, 10, 2}, {2, 9, 9}}) {
+    const auto g = randomGrid(size, 50, -9);
+    auto want = g;
+    scan(g.size, [&](Point q) {
       double least = 100;
-      for (const int step : steps) least = std::min({least, v[step], v[-step]});
-      return least;
-    }));
+      for (int a = 0; a < 3; ++a) {
+        if (q[a] % (size[a] - 1) == 0) return;
+        for (const int step : {-1, 1}) {
+          Point neighbour = q;
+          neighbour[a] += step;
+          least = std::min(least, g[neighbour]);
+        }
+      }
+      want[q] = least;
+    });
+    EXPECT_EQ(toGrid(toMatrix<Image>(g)->filterMinNeigbor()), want);
   }
 }
 
-/// One pass of the dilation as the plain loop over blocks; a slice has Z = 1.
-std::vector<char> dilated(const std::vector<char>& m, int X, int Y, int Z) {
-  auto result = m;
-  for (int k = 0, n = 0; k < Z; ++k) {
-    for (int j = 0; j < Y; ++j) {
-      for (int i = 0; i < X; ++i, ++n) {
-        if (static_cast<signed char>(m[n]) <= 0) continue;
-        for (int c = std::max(k - 1, 0); c < std::min(k + 2, Z); ++c)
-          for (int b = std::max(j - 1, 0); b < std::min(j + 2, Y); ++b)
-            for (int a = std::max(i - 1, 0); a < std::min(i + 2, X); ++a)
-              result[a + b * X + c * X * Y] = 1;
-      }
-    }
-  }
-  return result;
+/// Some passes of the dilation as the plain loop over blocks.
+Grid<double> dilated(const Grid<double>& g, int passes) {
+  if (passes == 0) return g;
+  Grid<double> result = g;
+  scan(g.size, [&](Point q) {
+    if (g[q] > 0) forBox(q, 1, g.size, [&](Point b) { result[b] = 1; });
+  });
+  return dilated(result, passes - 1);
 }
 
 TEST(Dilation, FollowsPlainLoop) {
   for (int run = 0; run < 200; ++run) {
-    const int X = below(9), Y = below(9), Z = below(6), passes = below(4);
-    vox3DMat<char, void> m(X, Y, Z);
-    vox2DMat<char, void> s(X, Y);
-    const auto sparse = [] { return static_cast<char>(below(20) ? -below(4) : 1 + below(3)); };
-    std::generate_n(m.p, count(m), sparse);
-    std::generate_n(s.p, count(s), sparse);
-    auto want = values(m), want2 = values(s);
-    for (int n = 0; n < passes; ++n) {
-      want = dilated(want, X, Y, Z);
-      want2 = dilated(want2, X, Y, 1);
-    }
-    m.imdilate3D("box", passes);
-    s.imdilate2D("box", passes);
-    ASSERT_EQ(values(m), want) << X << " " << Y << " " << Z << " passes " << passes;
-    ASSERT_EQ(values(s), want2) << X << " " << Y << " passes " << passes;
+    const int passes = random_.below(5);
+    Point size{random_.below(9), random_.below(9), random_.below(10)};
+    const auto sparse = [](int, int, int) {
+      return random_.below(20) ? -random_.below(4) : 1 + random_.below(3);
+    };
+    const auto volume = filled(size, sparse);
+    size[2] = 1;
+    const auto slice = filled(size, sparse);
+    const auto m = toMatrix<vox3DMat<char, void>>(volume);
+    const auto s = toMatrix<vox2DMat<char, void>>(slice);
+    const char* const method = passes > 0 ? "box" : nullptr;  // not looked at for no pass
+    m->imdilate3D(method, passes < 4 ? passes : kMost);
+    s->imdilate2D(method, passes < 4 ? passes : kMost);
+    ASSERT_EQ(toGrid(*m), dilated(volume, passes < 4 ? passes : 9)) << "passes " << passes;
+    ASSERT_EQ(toGrid(*s), dilated(slice, passes < 4 ? passes : 9)) << "passes " << passes;
   }
-}
-
-TEST(Dilation, AnyNumberOfPasses) {
-  Mask m(2, 3, 7);
-  m = -1;
-  m.p[0] = 2;
-  m.imdilate3D(nullptr, 0);
-  EXPECT_EQ(m.p[0], 2);
-  m.imdilate3D("box", std::numeric_limits<int>::max());
-  EXPECT_EQ(m.Sum(), 42.0);
-  Mask single(1, 1, 1);
-  single = 5;
-  single.imdilate3D1("box");
-  EXPECT_EQ(single.p[0], 1);
 }
 
 // ---- raw files ---------------------------------------------------------------------------------
 
-class RawFile : public tavrel::test::FolderTest {
+class RawFile : public FolderTest {
  protected:
   /// The bytes that a row of voxels is written as.
-  template <class T, class U = std::conditional_t<std::is_same_v<T, char>, double, char>>
-  std::string written(std::initializer_list<T> voxels, int type) {
-    const auto m =
-        filled(std::make_unique<vox3DMat<T, U>>(static_cast<int>(voxels.size()), 1, 1), voxels);
-    voxRawVolumeData<T, U> raw;
-    raw.setdata(m.get());
+  template <class T = double>
+  std::string written(const Grid<double>& voxels, int type) {
+    voxRawVolumeData<T, void> raw;
+    raw.setdata(toMatrix<vox3DMat<T, void>>(voxels).get());
     raw.setdata(raw.getMatobject());
     EXPECT_EQ(raw.write(path("out").c_str(), type), 1);
-    return tavrel::test::readFile(path("out"));
+    return readFile(path("out"));
   }
 
   /// The voxels that `bytes` are read as.
-  std::vector<double> read(const std::string& bytes, int type, int voxels) {
-    tavrel::test::writeFile(path("in"), bytes);
+  Grid<double> read(const std::string& bytes, int type, int voxels) {
+    writeFile(path("in"), bytes);
     std::string name = path("in");
     voxRawVolumeData<double, char> raw(name.data(), type, voxels, 1, 1);
     *raw.getMatobject() = -9;
     EXPECT_EQ(raw.read(), 1);
-    return values(*raw.getMatobject());
+    return toGrid(*raw.getMatobject());
   }
 };
 
 std::string bytesOf(std::initializer_list<int> list) { return {list.begin(), list.end()}; }
 
 TEST_F(RawFile, WritesEveryFormat) {
-  const auto v = {0.0, 1.5, 255.0, 256.0, -1.0, 300.7, -0.5, 65535.0};
+  const auto v = row({0.0, 1.5, 255.0, 256.0, -1.0, 300.7, -0.5, 65535.0});
   EXPECT_EQ(written(v, 0), bytesOf({0, 1, 255, 0, 255, 44, 0, 255}));
   EXPECT_EQ(written(v, 1), bytesOf({0, 0, 1, 0, 255, 0, 0, 1, 255, 255, 44, 1, 0, 0, 255, 255}));
-  EXPECT_EQ(written({1.5, 0.1}, 2), bytesOf({0, 0, 0xC0, 0x3F, 0xCD, 0xCC, 0xCC, 0x3D}));
-  EXPECT_EQ(written({-2.0}, 3), bytesOf({0, 0, 0, 0, 0, 0, 0, 0xC0}));
-  EXPECT_EQ(written<char>({1, '\xFE'}, 0), bytesOf({1, 254}));
-  EXPECT_EQ(written<char>({1, '\xFE'}, 1), bytesOf({1, 0, 254, 255}));
-  EXPECT_EQ(written<char>({1, '\xFE'}, 2), bytesOf({0, 0, 0x80, 0x3F, 0, 0, 0, 0xC0}));
-  EXPECT_EQ(written<char>({'\xFE'}, 3), bytesOf({0, 0, 0, 0, 0, 0, 0, 0xC0}));
-  EXPECT_EQ(written({1.0}, 5), "");
-}
+  EXPECT_EQ(written(row({1.5, 0.1}), 2), bytesOf({0, 0, 0xC0, 0x3F, 0xCD, 0xCC, 0xCC, 0x3D}));
+  EXPECT_EQ(written(row({-2.0}), 3), bytesOf({0, 0, 0, 0, 0, 0, 0, 0xC0}));
+  EXPECT_EQ(written(v, 5), "");
+  const auto chars = row({1, -2});
+  EXPECT_EQ(written<char>(chars, 0), bytesOf({1, 254}));
+  EXPECT_EQ(written<char>(chars, 1), bytesOf({1, 0, 254, 255}));
+  EXPECT_EQ(written<char>(chars, 2), bytesOf({0, 0, 0x80, 0x3F, 0, 0, 0, 0xC0}));
+  EXPECT_EQ(written<char>(row({-2}), 3), bytesOf({0, 0, 0, 0, 0, 0, 0, 0xC0}));
 
-TEST_F(RawFile, WritesLowBitsOfLargeValues) {
-  const auto v = {4294967296.0 + 258,
-                  -4294967296.0 - 1,
-                  1e300,
-                  -0x1p63,
-                  kNaN,
-                  -std::numeric_limits<double>::infinity()};
-  EXPECT_EQ(written(v, 0), bytesOf({2, 255, 0, 0, 0, 0}));
-  EXPECT_EQ(written(v, 1), bytesOf({2, 1, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0}));
+  // The low bits of large values.
+  const auto large = row({4294967296.0 + 258, -4294967296.0 - 1, 1e300, -0x1p63, kNaN, -kInfinity});
+  EXPECT_EQ(written(large, 0), bytesOf({2, 255, 0, 0, 0, 0}));
+  EXPECT_EQ(written(large, 1), bytesOf({2, 1, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST_F(RawFile, ReadsEveryFormat) {
-  EXPECT_EQ(read(bytesOf({200, 0, 255}), 0, 3), (std::vector{200.0, 0.0, 255.0}));
-  EXPECT_EQ(read(bytesOf({255, 255, 0, 1}), 1, 2), (std::vector{-1.0, 256.0}));
-  EXPECT_EQ(read(bytesOf({0, 0, 0xC0, 0x3F}), 2, 1), (std::vector{1.5}));
-  EXPECT_EQ(read(bytesOf({0, 0, 0, 0, 0, 0, 0, 0xC0}), 3, 1), (std::vector{-2.0}));
-  EXPECT_EQ(read("abcd", 7, 2), (std::vector{-9.0, -9.0}));
-}
-
-TEST_F(RawFile, ShortFilesEndInZerosLongOnesAreCut) {
-  EXPECT_EQ(read(bytesOf({1, 0, 2, 0, 3}), 1, 4), (std::vector{1.0, 2.0, 0.0, 0.0}));
-  EXPECT_EQ(read("", 2, 2), (std::vector{0.0, 0.0}));
-  EXPECT_EQ(read(bytesOf({1, 2, 3}), 0, 2), (std::vector{1.0, 2.0}));
+  EXPECT_EQ(read(bytesOf({200, 0, 255}), 0, 3), row({200, 0, 255}));
+  EXPECT_EQ(read(bytesOf({255, 255, 0, 1}), 1, 2), row({-1, 256}));
+  EXPECT_EQ(read(bytesOf({0, 0, 0xC0, 0x3F}), 2, 1), row({1.5}));
+  EXPECT_EQ(read(bytesOf({0, 0, 0, 0, 0, 0, 0, 0xC0}), 3, 1), row({-2}));
+  EXPECT_EQ(read("abcd", 7, 2), row({-9, -9}));
+  // Short files end in zeros, long ones are cut.
+  EXPECT_EQ(read(bytesOf({1, 0, 2, 0, 3}), 1, 4), row({1, 2, 0, 0}));
+  EXPECT_EQ(read("", 2, 2), row({0, 0}));
+  EXPECT_EQ(read(bytesOf({1, 2, 3}), 0, 2), row({1, 2}));
 }
 
 TEST_F(RawFile, LargeVolumesComeBack) {
-  const int X = 1031, Y = 211, Z = 5;  // several buffers and a bit
-  const auto m =
-      built<Image>(X, Y, Z, [](int, int, int) { return below(256) < 9 ? 0.0 : below(256); });
+  const Point size{1031, 211, 5};  // several buffers and a bit
+  const auto g = randomGrid(size, 256, 0);
   voxRawVolumeData<double, char> out;
-  out.setdata(m.get());
+  out.setdata(toMatrix<Image>(g).get());
   std::string name = path("volume");
   for (const int type : {0, 1, 2, 3}) {
     out.write(name.c_str(), type);
-    voxRawVolumeData<double, char> in(name.data(), type, X, Y, Z);
+    voxRawVolumeData<double, char> in(name.data(), type, size[0], size[1], size[2]);
     in.read();
-    expectEqual(*in.getMatobject(), *m);
+    EXPECT_EQ(toGrid(*in.getMatobject()), g);
   }
 }
 
 // ---- messages ----------------------------------------------------------------------------------
 
-Finished error(const std::string& text, int status = 1) { return {status, "", text}; }
+using Action = std::function<void()>;
+
+/// All actions end the process with a message on the error stream.
+void expectEnd(const std::string& message, int status, const std::vector<Action>& actions) {
+  for (const Action& action : actions)
+    EXPECT_EQ(runApart(action), (Finished{status, "", message})) << &action - actions.data();
+}
 
 TEST(Fatal, MatrixMessages) {
   Image image(4, 4, 4);
-  Mask mask(4, 4, 3);
+  Mask mask(4, 4, 3), emptyMask;
   MaskSlice swapped(4, 3);
-  Image empty;
-  Mask emptyMask;
-  vox2DMat<char, void> slice(3, 3);
-  const auto number = error("getslice: input slice number incorrect, exit");
-  EXPECT_EQ(runApart([&] { image.getslice(4); }), number);
-  EXPECT_EQ(runApart([&] { image.getslice(-1); }), number);
-  EXPECT_EQ(runApart([&] { mask.setslice(&swapped, 3); }), number);
-  EXPECT_EQ(runApart([&] { mask.setslice(&swapped, 0); }),
-            error("getslice: matrices dimensions don't match , exit"));
-  const auto product = error("two matrice are of different size or empty\n", 0);
-  EXPECT_EQ(runApart([&] { image* mask; }), product);
-  EXPECT_EQ(runApart([&] { empty* emptyMask; }), product);
-  const auto thresholds = error("threshold values set incorrect, exit");
-  EXPECT_EQ(runApart([&] { mask.thresholding(1, -1); }), thresholds);
-  EXPECT_EQ(runApart([&] { slice.thresholding(1, -1); }), thresholds);
-  const auto dimensions = error("dimensions don't match, exit\n");
-  EXPECT_EQ(runApart([&] { image.downsampleby2(1, 3, 0, "none"); }), dimensions);
-  EXPECT_EQ(runApart([&] { mask.selfdownsampleby2(0, 0, 1, "min"); }), dimensions);
-  const auto halving = error("downsample method incorrect,exit\n");
-  EXPECT_EQ(runApart([&] { image.downsampleby2(0, 0, 1, "Min"); }), halving);
-  EXPECT_EQ(runApart([&] { image.downsampleYby2(""); }), halving);
-  const auto doubling = error("upsample method incorrect,exit\n");
-  EXPECT_EQ(runApart([&] { mask.upsampleXby2("min"); }), doubling);
-  EXPECT_EQ(runApart([&] { mask.selfupsampleby2(0, 0, 1, "min"); }), doubling);
-  const auto dilation = error("imdilate method not valid, exit\n");
-  EXPECT_EQ(runApart([&] { mask.imdilate3D("ball", 1); }), dilation);
-  EXPECT_EQ(runApart([&] { slice.imdilate2D1("ball"); }), dilation);
+  expectEnd("getslice: input slice number incorrect, exit", 1,
+            {[&] { image.getslice(4); }, [&] { image.getslice(-1); },
+             [&] { mask.setslice(&swapped, 3); }});
+  expectEnd("getslice: matrices dimensions don't match , exit", 1,
+            {[&] { mask.setslice(&swapped, 0); }});
+  expectEnd("two matrice are of different size or empty\n", 0,
+            {[&] { image* mask; }, [&] { Image() * emptyMask; }});
+  expectEnd("threshold values set incorrect, exit", 1, {[&] { mask.thresholding(1, -1); }});
+  expectEnd("dimensions don't match, exit\n", 1,
+            {[&] { image.downsampleby2(1, 3, 0, "none"); },
+             [&] { mask.selfdownsampleby2(0, 0, 1, "min"); }});
+  expectEnd("downsample method incorrect,exit\n", 1,
+            {[&] { image.downsampleby2(0, 0, 1, "Min"); }, [&] { image.downsampleYby2(""); }});
+  expectEnd("upsample method incorrect,exit\n", 1, {[&] { mask.selfupsampleby2(0, 0, 1, "min"); }});
+  expectEnd("imdilate method not valid, exit\n", 1,
+            {[&] { mask.imdilate3D("ball", 1); }, [&] { swapped.imdilate2D1("ball"); }});
 }
 
 TEST(Fatal, SizesThatDoNotFit) {
-  constexpr int kMost = std::numeric_limits<int>::max();
   Mask mask(4, 4, 4), flat(0, 1 << 30, 1);
-  const auto end = [](auto action) {
+  const Action actions[] = {[] { Image(-1, 2, 3); },
+                            [] { Image(1 << 11, 1 << 10, 1 << 10); },
+                            [] { Slice(1 << 16, 1 << 15); },
+                            [&] { flat.upsampleYby2("simple"); },
+                            [&] { mask.extension(0, 0, -1, 2, 0, 0); },
+                            [&] { mask.extension(kMost, kMost, 0, 0, 0, 0); },
+                            [&] { mask.selfdeextension(2, 3, 0, 0, 0, 0); },
+                            [&] { mask.selfdeextension(0, 0, 0, 0, -1, 1); },
+                            [&] { mask.selfdeextension(0, 0, kMost, kMost, 0, 0); }};
+  for (const Action& action : actions) {
     const Finished ended = runApart(action);
-    EXPECT_EQ(ended.out, "");
-    EXPECT_NE(ended.err.find("exit\n"), std::string::npos) << ended;
-    return ended.status;
-  };
-  EXPECT_EQ(end([] { Image(-1, 2, 3); }), 1);
-  EXPECT_EQ(end([] { Image(1 << 11, 1 << 10, 1 << 10); }), 1);
-  EXPECT_EQ(end([] { Slice(1 << 16, 1 << 15); }), 1);
-  EXPECT_EQ(end([&] { flat.upsampleYby2("simple"); }), 1);
-  EXPECT_EQ(end([&] { mask.extension(0, 0, -1, 2, 0, 0); }), 1);
-  EXPECT_EQ(end([&] { mask.extension(kMost, kMost, 0, 0, 0, 0); }), 1);
-  EXPECT_EQ(end([&] { mask.selfdeextension(2, 3, 0, 0, 0, 0); }), 1);
-  EXPECT_EQ(end([&] { mask.selfdeextension(0, 0, 0, 0, -1, 1); }), 1);
-  EXPECT_EQ(end([&] { mask.selfdeextension(0, 0, kMost, kMost, 0, 0); }), 1);
+    EXPECT_TRUE(ended.status == 1 && ended.out.empty() && ended.err.ends_with("exit\n")) << ended;
+  }
 }
 
 TEST_F(RawFile, Messages) {
   using Raw = voxRawVolumeData<double, char>;
-  const auto noRead =
-      Finished{0, "object not initialized or input size incorrect, can't read file \n", ""};
-  const auto noSave =
-      Finished{0, "object not initialized or input size incorrect, can't save data \n", ""};
-  std::string out = path("none/out");
-  EXPECT_EQ(runApart([&] { Raw(out.data(), 0, 0, 10, 10).read(); }), noRead);
-  EXPECT_EQ(runApart([] { Raw().read(); }), noRead);
-  EXPECT_EQ(runApart([&] { Raw().write(out.c_str(), 0); }), noSave);
-  EXPECT_EQ(runApart([&] {
-              Raw changed(out.data(), 0, 2, 2, 2);
-              changed.sizeZ = 1000;
-              changed.read();
-            }),
-            noRead);
-  Raw fewer(out.data(), 0, 2, 2, 2);  // the first voxels of the volume
-  fewer.sizeZ = 1;
-  *fewer.D = 6;
-  std::string part = path("part");
-  EXPECT_EQ(fewer.write(part.c_str(), 0), 1);
-  EXPECT_EQ(tavrel::test::readFile(part), std::string(4, '\6'));
-  std::filesystem::remove(part);
-
-  const auto opening = [](const std::string& name) {
-    return "  Error opening file " + name + " for reading in data \n";
-  };
-  const std::string inside = "  Inside  AnalyzeImage::saveAnalyzeImageData() \n";
-  EXPECT_EQ(runApart([&] { Raw(out.data(), 0, 2, 2, 2).read(); }), error(opening(out), 0));
-  EXPECT_EQ(runApart([] { Raw(nullptr, 0, 2, 2, 2).read(); }), error(opening(""), 0));
-  std::string folder = path("");
-  EXPECT_EQ(runApart([&] { Raw(folder.data(), 0, 2, 2, 2).read(); }), error(opening(folder), 0));
-  EXPECT_EQ(runApart([&] { Raw(folder.data(), 0, 2, 2, 2).write(out.c_str(), 0); }),
-            error(inside + opening(out), 0));
+  std::string folder = path(""), part = path("part");
+  Raw raw(part.data(), 0, 2, 2, 2);
+  raw.sizeZ = 1000;
+  const std::string nothing = "object not initialized or input size incorrect, can't ";
+  for (const Action& read : {Action{[] { Raw().read(); }}, {[&] { raw.read(); }}})
+    EXPECT_EQ(runApart(read), (Finished{0, nothing + "read file \n", ""}));
+  for (const Action& write :
+       {Action{[&] { Raw().write(part.c_str(), 0); }}, {[&] { raw.write(part.c_str(), 0); }}})
+    EXPECT_EQ(runApart(write), (Finished{0, nothing + "save data \n", ""}));
   EXPECT_TRUE(files().empty());
-
-  if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
-  EXPECT_EQ(runApart([&] { tavrel::writeRaw("/dev/full", 0, "voxels", 6); }),
-            error("  Error writing file /dev/full \n"));
+  raw.sizeZ = 1;  // the first voxels of the volume
+  *raw.D = 6;
+  EXPECT_EQ(raw.write(part.c_str(), 0), 1);
+  EXPECT_EQ(readFile(part), std::string(4, '\6'));
+  expectEnd("  Error opening file  for reading in data \n", 0,
+            {[] { Raw(nullptr, 0, 2, 2, 2).read(); }});
+  expectEnd("  Error opening file " + folder + " for reading in data \n", 0,
+            {[&] { Raw(folder.data(), 0, 2, 2, 2).read(); }});
 }
 
 }  // namespace
