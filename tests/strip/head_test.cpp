@@ -21,23 +21,6 @@ Stripped stripped(const TestScan& scan) {
   return stripScan(scan.view(), settings);
 }
 
-/// An anatomical volume as stored.
-TestScan storedAs(const TestScan& scan, const Orientation& o) {
-  Grid grid;
-  for (int d = 0; d < 3; ++d) {
-    grid.size[o.axis[d]] = scan.grid.size[d];
-    grid.spacing[o.axis[d]] = scan.grid.spacing[d];
-  }
-  TestScan result = rearranged(scan, grid, 0, [&](const Size& stored) {
-    Size p;
-    for (int d = 0; d < 3; ++d)
-      p[d] = o.ascending[d] ? stored[o.axis[d]] : scan.grid.size[d] - 1 - stored[o.axis[d]];
-    return p;
-  });
-  result.orientation = o;
-  return result;
-}
-
 TEST(Head, AllOrientationsAreWorkedOnAndGivenBackAlike) {
   for (const Spacing& mm : {Spacing{4.75, 4.6, 4.9}, {2, 2.1, 2.2}}) {
     TestScan scan = phantomHead(mm[0]);

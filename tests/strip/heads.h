@@ -51,6 +51,23 @@ TestScan rearranged(const TestScan& scan, const Grid& to, float beyond, Source&&
   return result;
 }
 
+/// An anatomical volume as stored.
+inline TestScan storedAs(const TestScan& scan, const Orientation& o) {
+  Grid grid;
+  for (int d = 0; d < 3; ++d) {
+    grid.size[o.axis[d]] = scan.grid.size[d];
+    grid.spacing[o.axis[d]] = scan.grid.spacing[d];
+  }
+  TestScan result = rearranged(scan, grid, 0, [&](const Size& stored) {
+    Size p;
+    for (int d = 0; d < 3; ++d)
+      p[d] = o.ascending[d] ? stored[o.axis[d]] : scan.grid.size[d] - 1 - stored[o.axis[d]];
+    return p;
+  });
+  result.orientation = o;
+  return result;
+}
+
 inline std::string codes(const Judgement& judgement) {
   std::string result;
   for (const Flag& flag : judgement.flags) result += flag.code + " ";
