@@ -64,11 +64,11 @@ TEST(Finishing, OpeningAndClosingAreThoseOfABall) {
   std::mt19937 random(2);
   for (const Case& c : {Case{{10, 9, 8}, {1, 1, 1}, {0, 0.5, 1, 2, 2.5, 40}},
                         {{10, 9, 8}, {0.8, 1.1, 2}, {1, 2, 2.5, 40}},
-                        {{133, 4, 3}, {1, 1, 1}, {1, 3, 70}},  // rows of several words
-                        {{65, 1, 1}, {0.9, 1, 1}, {0.9, 5, 40}},
+                        {{133, 4, 3}, {1, 1, 1}, {1, 3, 70}},       // rows of several words
+                        {{65, 1, 1}, {0.9, 0.05, 0.05}, {0.9, 5}},  // also by distances
                         {{1, 1, 7}, {1, 1, 1.5}, {1.5, 3}}})
     for (const double radius : c.radii)
-      for (const double density : {0.02, 0.5, 0.98}) {
+      for (const double density : {0.02, 0.1, 0.5, 0.98}) {
         const auto mask = randomMask(c.size, density, random);
         const auto grow = [&](const std::vector<char>& m, char value) {
           return plainGrow(m, c.size, c.mm, radius, value);
