@@ -7,58 +7,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <new>
-#include <set>
-#include <string>
+#include <thread>
 #include <vector>
 
+#include "files.h"
+
 namespace tavrel::test {
-
-inline std::string readFile(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file) << path;
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline void writeFile(const std::filesystem::path& path, const std::string& bytes) {
-  std::ofstream file(path, std::ios::binary);
-  file << bytes;
-  EXPECT_TRUE(file) << path;
-}
-
-/// A folder that is gone at the end of its object's life.
-class Folder {
- public:
-  Folder() {
-    std::string name = std::filesystem::temp_directory_path() / "tavrel-XXXXXX";
-    EXPECT_NE(mkdtemp(name.data()), nullptr);
-    path_ = name;
-  }
-  ~Folder() { std::filesystem::remove_all(path_); }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-
-  std::string path(const std::string& name) const { return path_ / name; }
-
-  /// Names of the files that are there.
-  std::set<std::string> files() const {
-    std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(path_))
-      names.insert(entry.path().filename());
-    return names;
-  }
-
- private:
-  std::filesystem::path path_;
-};
 
 /// A test with a folder of its own.
 class FolderTest : public testing::Test, public Folder {};
@@ -79,8 +40,9 @@ struct Finished {
 /// Whether this process may end within a test. Any other does not pass by ending with status 0.
 inline bool mayEnd = false;
 inline const int endGuard = (testing::UnitTest::GetInstance(), std::atexit([] {
-  if (!mayEnd && testing::UnitTest::GetInstance()->current_test_info()) _exit(EXIT_FAILURE);
-}));
+                               if (!mayEnd && testing::UnitTest::GetInstance()->current_test_info())
+                                 _exit(EXIT_FAILURE);
+                             }));
 
 /// A process whose streams are files of a folder of its own.
 class Process {
@@ -113,6 +75,7 @@ class Process {
           const std::string status = "exitcode=" + std::to_string(Finished::sanitizer);
           setenv("ASAN_OPTIONS", status.c_str(), 1);
           setenv("UBSAN_OPTIONS", status.c_str(), 1);
+          signal(SIGINT, SIG_DFL);  // which who runs the tests in the background ignores
           if (inChild) inChild();
           execv(program.c_str(), argv.data());
           _exit(127);
@@ -121,14 +84,25 @@ class Process {
   pid_t id() const { return child_; }
   /// What it has written so far.
   std::string out() const { return readFile(streams_.path("out")); }
-  Finished wait() {
+  /// Waits until it has written something, a minute at most.
+  void waitForOutput() const {
+    for (int wait = 0; wait < 30000 && out().empty(); ++wait) rest();
+  }
+  /// The end of the process, which is killed if it is still there after `seconds`.
+  Finished wait(double seconds = 280) {
     int status = 0;
-    EXPECT_EQ(waitpid(child_, &status, 0), child_);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (waitpid(child_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > end) kill(child_, SIGKILL);
+      rest();
+    }
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out(),
             readFile(streams_.path("err"))};
   }
 
  private:
+  static void rest() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
+
   Folder streams_;
   pid_t child_ = 0;
 };

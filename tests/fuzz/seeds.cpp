@@ -6,20 +6,17 @@ int main(int, char** argv) {
   const fs::path folder = argv[1];
   fs::create_directories(folder);
   const std::vector<char> voxels(120 * 16, 5);
-  for (const int datatype : {2, 4, 8, 16, 64, 256, 512, 768, 1024, 1280, 1536})
-    for (const int fileType : {NIFTI_FTYPE_NIFTI1_1, NIFTI_FTYPE_NIFTI2_1})
+  for (const int datatype : kDatatypes)
+    for (const int version : {1, 2})
       for (const bool swapped : {false, true}) {
-        const fs::path plain = folder / "seed.nii";
-        FileLayout layout{.datatype = datatype, .fileType = fileType, .slope = 2, .inter = 1};
-        writeNifti(plain, layout, voxels.data());
-        int size = 0, swapSize = 0;
-        nifti_datatype_sizes(datatype, &size, &swapSize);
-        if (swapped) swapByteOrder(plain, size);
-        Bytes bytes = readBytes(plain);
+        const fs::path seed = folder / (std::to_string(datatype) + "-" + std::to_string(version) +
+                                        (swapped ? "-swapped" : ""));
+        writeNifti(
+            seed,
+            {.datatype = datatype, .version = version, .swapped = swapped, .slope = 2, .inter = 1},
+            voxels.data());
+        Bytes bytes = readBytes(seed);
         bytes.insert(bytes.begin(), '\0');
-        writeBytes(folder / (std::to_string(datatype) + "-" + std::to_string(fileType) +
-                             (swapped ? "-swapped" : "")),
-                   bytes);
-        fs::remove(plain);
+        writeBytes(seed, bytes);
       }
 }

@@ -12,10 +12,11 @@ namespace {
 
 using namespace tavrel::scan;
 using namespace test_files;
+using tavrel::test::readFile;
 
 void writeText(const fs::path& path, const std::string& text) {
   fs::create_directories(path.parent_path());
-  writeBytes(path, Bytes(text.begin(), text.end()));
+  tavrel::test::writeFile(path, text);
 }
 
 PendingFile pending(const fs::path& path) {
@@ -33,27 +34,28 @@ TEST(Output, FilesAppearTogetherOrNotAtAll) {
     commitTogether(files, true);
   };
   EXPECT_THROW(commit("folder"), OutputError);
-  EXPECT_EQ(folder.list(), (std::vector<std::string>{"folder", "replaced"}));
-  EXPECT_EQ(readBytes(folder / "replaced"), (Bytes{'o', 'l', 'd'}));
+  EXPECT_EQ(folder.files(), (std::set<std::string>{"folder", "replaced"}));
+  EXPECT_EQ(readFile(folder / "replaced"), "old");
   commit("third");
-  EXPECT_EQ(folder.list(), (std::vector<std::string>{"added", "folder", "replaced", "third"}));
-  EXPECT_EQ(readBytes(folder / "replaced"), (Bytes{'n', 'e', 'w'}));
+  EXPECT_EQ(folder.files(), (std::set<std::string>{"added", "folder", "replaced", "third"}));
+  EXPECT_EQ(readFile(folder / "replaced"), "new");
 }
 
 TEST(Output, WhatAKilledProcessLeftIsRemovedAndNothingElse) {
   const TemporaryFolder folder;
-  writeText(folder / ".tavrel-notes", "mine");
   const PendingFile atWork = pending(folder / "other");
-  const auto before = folder.list();
+  for (const std::string& mine : {(folder / ".tavrel-notes").string(), atWork.temporary() + ".tmp"})
+    writeText(mine, "mine");
+  const auto before = folder.files();
   const pid_t child = fork();
   if (child == 0) {
     const PendingFile lost = pending(folder / "lost");
     raise(SIGKILL);
   }
   waitpid(child, nullptr, 0);
-  EXPECT_EQ(folder.list().size(), before.size() + 1);
+  EXPECT_EQ(folder.files().size(), before.size() + 1);
   removeStale(folder.path());
-  EXPECT_EQ(folder.list(), before);
+  EXPECT_EQ(folder.files(), before);
 }
 
 TEST(Memory, IsWhatTheMachineAndEveryControlGroupLeave) {

@@ -29,17 +29,13 @@ BitVolume ball(int size, double radius, double offset = 0) {
   });
 }
 
-struct Evolved {
-  BitVolume mask;
-  int steps;
-};
-
-Evolved evolved(const LevelImage& level, const BitVolume& from, const FrontSettings& settings,
-                const BitVolume* domain = nullptr) {
+/// The mask after the evolution, and its steps.
+std::pair<BitVolume, int> evolved(const LevelImage& level, const BitVolume& from,
+                                  const FrontSettings& settings,
+                                  const BitVolume* domain = nullptr) {
   BitVolume inside = level.withBorder(from);
-  Front front(level);
   const int steps =
-      front.evolve(inside, domain ? level.withBorder(*domain) : level.domain(), settings);
+      Front(level).evolve(inside, domain ? level.withBorder(*domain) : level.domain(), settings);
   BitVolume mask = level.withoutBorder(inside);
   EXPECT_EQ(mask.count(), inside.count()) << "nothing is inside the border";
   return {std::move(mask), steps};
@@ -100,7 +96,7 @@ TEST(Front, StaysInItsDomainAndEndsInTimeWhateverTheImage) {
   });
   for (const double density : {0.0, 0.5, 1.0}) {
     const LevelImage level(twoValued({randomMask(size, density, random), size}, 1000), 2);
-    for (const double allowed : {0.97, 1.0}) {
+    for (const double allowed : {0.0, 0.97, 1.0}) {
       BitVolume domain(randomMask(size, allowed, random), size), from = start;
       from &= domain;
       for (const double w5 : {0.0, 1.0, 5.0, 1e30})
@@ -109,13 +105,9 @@ TEST(Front, StaysInItsDomainAndEndsInTimeWhateverTheImage) {
               evolved(level, from, {.w3 = 0.5, .w5 = w5, .mostSteps = most}, &domain);
           EXPECT_LE(steps, most);
           EXPECT_EQ(countBoth(mask, domain), mask.count());
-          if (most == 0) {
-            EXPECT_EQ(mask, from);
-          }
+          EXPECT_TRUE(most > 0 || mask == from);
         }
     }
-    const BitVolume nothing(size);
-    EXPECT_EQ(evolved(level, nothing, {}).mask, nothing);
   }
 }
 
@@ -125,7 +117,7 @@ TEST(Front, GivesTheSameBytesWithAllVectorsAndThreads) {
   const LevelImage level(twoValued(bright, 2000), 4);
   const BitVolume from = ball(150, 52, 6);  // a band of more than 20000 edge voxels
   FrontSettings settings{.mostSteps = 5, .instructions = tavrel::InstructionSet::portable};
-  const BitVolume expected = evolved(level, from, settings).mask;
+  const BitVolume expected = evolved(level, from, settings).first;
   EXPECT_NE(expected, from);
   for (const auto set : {tavrel::InstructionSet::portable, tavrel::InstructionSet::avx2,
                          tavrel::InstructionSet::avx512})
@@ -133,21 +125,20 @@ TEST(Front, GivesTheSameBytesWithAllVectorsAndThreads) {
       if (set > tavrel::widestInstructionSet()) continue;
       settings.instructions = set;
       settings.threads = threads;
-      EXPECT_EQ(evolved(level, from, settings).mask, expected) << int(set) << ' ' << threads;
+      EXPECT_EQ(evolved(level, from, settings).first, expected) << int(set) << ' ' << threads;
     }
 }
 
 TEST(Front, RemembersNothingOfTheMaskBefore) {
   const LevelImage level(twoValued(ball(48, 15), 1000), 2);
   std::mt19937 random(3);
-  const BitVolume domain({randomMask({48, 48, 48}, 0.9, random), {48, 48, 48}}), from = ball(48, 8);
+  const BitVolume domain({randomMask({48, 48, 48}, 0.9, random), {48, 48, 48}});
+  BitVolume from = ball(48, 8), large = level.withBorder(ball(48, 20));
+  BitVolume inside = level.withBorder(from &= domain);
   Front used(level);
-  BitVolume large = level.withBorder(ball(48, 20)), inside = level.withBorder(from);
-  inside &= level.withBorder(domain);
   used.evolve(large, level.domain(), {});
   used.evolve(inside, level.withBorder(domain), {});
-  BitVolume first = from;
-  EXPECT_EQ(level.withoutBorder(inside), evolved(level, first &= domain, {}, &domain).mask);
+  EXPECT_EQ(level.withoutBorder(inside), evolved(level, from, {}, &domain).first);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "phantom.h"
 #include "strip/stripping.h"
+#include "volumes.h"
 
 namespace test_volumes {
 
@@ -33,39 +34,38 @@ inline TestScan phantomHead(double mm) {
   return scan;
 }
 
-/// A volume whose voxel (x, y, z) is that of another at source(x, y, z), or `beyond` for one that
-/// is not in it.
-template <class T, class Source>
-std::vector<T> rearranged(const std::vector<T>& values, const Size& from, const Size& to, T beyond,
-                          Source&& source) {
-  std::vector<T> result;
-  if (values.empty()) return result;
-  for (int z = 0; z < to[2]; ++z)
-    for (int y = 0; y < to[1]; ++y)
-      for (int x = 0; x < to[0]; ++x) {
-        const Size p = source(Size{x, y, z});
-        bool within = true;
-        for (int d = 0; d < 3; ++d) within &= p[d] >= 0 && p[d] < from[d];
-        result.push_back(within ? values[(std::size_t(p[2]) * from[1] + p[1]) * from[0] + p[0]]
-                                : beyond);
-      }
+/// The scan on another grid, whose voxel (x, y, z) is the one at source({x, y, z}), or `beyond` for
+/// what is not in it.
+template <class Source>
+TestScan rearranged(const TestScan& scan, const Grid& to, float beyond, Source&& source) {
+  TestScan result{to, {}, {}, {}};
+  const Size& size = scan.grid.size;
+  forVoxels(to.size, [&](int x, int y, int z, std::size_t) {
+    const Size p = source(Size{x, y, z});
+    bool within = true;
+    for (int d = 0; d < 3; ++d) within &= p[d] >= 0 && p[d] < size[d];
+    const auto v = (std::size_t(p[2]) * size[1] + p[1]) * size[0] + p[0];
+    result.values.push_back(within ? scan.values[v] : beyond);
+    result.brain.push_back(within && scan.brain[v]);
+  });
   return result;
 }
 
-/// The scan on another grid, both values and brain rearranged.
-template <class Source>
-TestScan rearranged(const TestScan& scan, const Grid& to, float beyond, Source&& source) {
-  return {to,
-          rearranged(scan.values, scan.grid.size, to.size, beyond, source),
-          rearranged(scan.brain, scan.grid.size, to.size, char(0), source),
-          {}};
-}
-
-inline double dice(const std::vector<char>& a, const std::vector<char>& b) {
-  std::size_t both = 0, sum = 0;
-  for (std::size_t v = 0; v < a.size(); ++v)
-    both += std::size_t(a[v] & b[v]), sum += std::size_t(a[v] + b[v]);
-  return 2 * double(both) / double(sum);
+/// An anatomical volume as stored.
+inline TestScan storedAs(const TestScan& scan, const Orientation& o) {
+  Grid grid;
+  for (int d = 0; d < 3; ++d) {
+    grid.size[o.axis[d]] = scan.grid.size[d];
+    grid.spacing[o.axis[d]] = scan.grid.spacing[d];
+  }
+  TestScan result = rearranged(scan, grid, 0, [&](const Size& stored) {
+    Size p;
+    for (int d = 0; d < 3; ++d)
+      p[d] = o.ascending[d] ? stored[o.axis[d]] : scan.grid.size[d] - 1 - stored[o.axis[d]];
+    return p;
+  });
+  result.orientation = o;
+  return result;
 }
 
 inline std::string codes(const Judgement& judgement) {

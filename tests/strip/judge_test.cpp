@@ -65,7 +65,12 @@ TEST(Judge, ReadsTheFiguresOfAMask) {
     if (std::abs(2 * x - 79) < 20 && std::abs(2 * y - 59) < 20 && std::abs(2 * z - 59) < 20)
       seed.set(x, y, z);
     const bool open = 2 * z - 59 > 20;
-    image.values.push_back(r < 30 ? 3000 : r < 40 || open ? 2000 : r < 44 ? 100 : 2500);
+    const bool ventricle = 2 * z - 59 > 33 && r < 40;  // dark, but of the mask
+    image.values.push_back(ventricle        ? 100
+                           : r < 30         ? 3000
+                           : r < 40 || open ? 2000
+                           : r < 44         ? 100
+                                            : 2500);
   });
   Evidence e;
   examine({image, mask, seed}, e);

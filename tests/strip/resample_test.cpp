@@ -3,22 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <numeric>
+
+#include "volumes.h"
 
 namespace {
 
-using namespace tavrel::strip;
-
-/// f at the millimetre positions of a grid's voxels, counted from the grid's centre.
-template <class F>
-auto sampled(const Grid& grid, F&& f) {
-  std::vector<decltype(f(0.0, 0.0, 0.0))> values;
-  const auto mm = [&](int d, int i) { return (i - (grid.size[d] - 1) / 2.0) * grid.spacing[d]; };
-  for (int z = 0; z < grid.size[2]; ++z)
-    for (int y = 0; y < grid.size[1]; ++y)
-      for (int x = 0; x < grid.size[0]; ++x) values.push_back(f(mm(0, x), mm(1, y), mm(2, z)));
-  return values;
-}
+using namespace test_volumes;
 
 TEST(Resample, KeepsConstantsEverywhereAndRampsInside) {
   const Grid from{{20, 18, 9}, {0.9, 1.1, 2.2}};
@@ -43,19 +33,11 @@ TEST(Resample, KeepsConstantsEverywhereAndRampsInside) {
 
 TEST(Resample, MaskOfABallStaysABall) {
   const Grid coarse{{24, 24, 24}, {2, 2, 2}}, fine{{60, 40, 16}, {0.8, 1.2, 3}};
-  const auto ball = [](double x, double y, double z) {
-    return char(x * x + y * y + z * z < 15 * 15);
-  };
-  const auto found = resampleMask(sampled(coarse, ball), coarse, fine);
-  const auto wanted = sampled(fine, ball);
-  double both = 0, sum = 0;
-  for (std::size_t v = 0; v < wanted.size(); ++v)
-    both += found[v] & wanted[v], sum += found[v] + wanted[v];
-  EXPECT_GT(2 * both / sum, 0.97);
-  const auto count = [](const auto& mask) { return std::accumulate(mask.begin(), mask.end(), 0); };
-  EXPECT_EQ(count(resampleMask(sampled(coarse, [](auto...) { return char(0); }), coarse, fine)), 0);
-  EXPECT_EQ(count(resampleMask(sampled(coarse, [](auto...) { return char(1); }), coarse, fine)),
-            60 * 40 * 16);
+  const auto ball = [](auto... p) { return char(std::hypot(p...) < 15); };
+  EXPECT_GT(dice(resampleMask(sampled(coarse, ball), coarse, fine), sampled(fine, ball)), 0.97);
+  for (const char all : {0, 1})
+    EXPECT_EQ(resampleMask(std::vector<char>(24 * 24 * 24, all), coarse, fine),
+              std::vector<char>(60 * 40 * 16, all));
 }
 
 TEST(Resample, RefusesGridsThatAreTooLarge) {

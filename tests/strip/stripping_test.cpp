@@ -14,21 +14,23 @@ using namespace test_volumes;
 
 const Grid kGrid = {{60, 60, 60}, {2, 2, 2}};
 
+/// Values in the container of the exact evolution.
+std::unique_ptr<Image> imageOf(const Grid& grid, const auto& values) {
+  auto image = std::make_unique<Image>(grid.size[0], grid.size[1], grid.size[2]);
+  std::copy(values.begin(), values.end(), image->p);
+  return image;
+}
+
 /// A ball of tissue in dark fluid, joined to a slab before it by a beam of this thickness in mm.
 std::unique_ptr<Image> ballAndSlab(double beam) {
-  auto image = std::make_unique<Image>(60, 60, 60);
-  double* voxel = image->p;
-  for (int k = 0; k < 60; ++k)
-    for (int j = 0; j < 60; ++j)
-      for (int i = 0; i < 60; ++i) {
-        const double x = 2 * i - 59.0, y = 2 * j - 59.0, z = 2 * k - 59.0;
-        const double r = std::sqrt(x * x + (y + 10) * (y + 10) + z * z);
-        const bool inSlab = std::abs(x) < 50 && y > 34 && y < 56 && std::abs(z) < 50;
-        const bool inBeam = std::abs(x) < beam / 2 && std::abs(z) < beam / 2 && y > 0 && y < 56;
-        const int texture = (7 * i + 5 * j + 3 * k) % 11;
-        *voxel++ = r < 36 || inSlab || inBeam ? 95 + texture : r < 46 ? 20 : 5;
-      }
-  return image;
+  return imageOf(kGrid, sampled(kGrid, [&](double x, double y, double z) {
+                   const double r = std::hypot(x, y + 10, z);
+                   const bool inSlab = std::abs(x) < 50 && y > 34 && y < 56 && std::abs(z) < 50;
+                   const bool inBeam =
+                       std::abs(x) < beam / 2 && std::abs(z) < beam / 2 && y > 0 && y < 56;
+                   const int texture = int(7 * (x + 59) + 5 * (y + 59) + 3 * (z + 59)) / 2 % 11;
+                   return r < 36 || inSlab || inBeam ? 95.0 + texture : r < 46 ? 20 : 5;
+                 }));
 }
 
 TEST(Stripping, LowersTheWeightWhileTheMaskLeaksAndSaysWhenThatDoesNotHelp) {
@@ -64,10 +66,7 @@ TEST(Stripping, TheTwoEvolutionsFindTheSameBrain) {
   settings.finish = kDefaultFinish;
   settings.w5 = 1.5;
   settings.threads = 2;
-  const Size& size = scan.grid.size;
-  auto image = std::make_unique<Image>(size[0], size[1], size[2]);
-  std::copy(scan.values.begin(), scan.values.end(), image->p);
-  const Stripped exact = stripExactly(std::move(image), scan.grid, settings);
+  const Stripped exact = stripExactly(imageOf(scan.grid, scan.values), scan.grid, settings);
   const Stripped fast = stripScan(scan.view(), settings);
   EXPECT_GT(dice(exact.mask, fast.mask), 0.955);
   EXPECT_GT(dice(fast.mask, scan.brain), dice(exact.mask, scan.brain));
