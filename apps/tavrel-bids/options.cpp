@@ -6,7 +6,9 @@
 #include <sstream>
 
 #include "scan/format.h"
+#include "scan/method_options.h"
 #include "scan/report.h"
+#include "threads.h"
 #include "words.h"
 
 namespace tavrel::cohort {
@@ -27,8 +29,8 @@ Examples:
 Exit status: 0 all done, 1 some scans failed, 16 BIDS_DIR is not a BIDS dataset, 18 no scan
 matched, 64 wrong usage, 73 OUTPUT_DIR cannot be written, 128 + N ended by signal N.)";
 
-constexpr char kExact[] = "exact";
 constexpr char kLevels[] = "participant|group";
+constexpr char kRun[] = "The run";  // options that change no result
 
 class CommandLine {
  public:
@@ -104,20 +106,23 @@ class CommandLine {
   }
 
   void addRun() {
-    constexpr char kGroup[] = "The run";
     add("--jobs,--nprocs,--n-cpus", jobs_,
-        "Scans at a time (default: as many as processors and memory allow)", "N", kGroup)
+        "Scans at a time (default: as many as processors and memory allow)", "N", kRun)
         ->check(CLI::Range(1, 4096).description(""));
     add("--mem,--mem-mb,--mem_mb", memoryMb_,
-        "Memory in MB for all scans together (default: what is free)", "MB", kGroup)
+        "Memory in MB for all scans together (default: what is free)", "MB", kRun)
         ->check(CLI::Range(1.0, 1e9).description(""));
+    passedOn_.push_back(add("--threads,--omp-nthreads", o_.study.strip.threads,
+                            "Threads a scan; the result does not depend on it", "N", kRun)
+                            ->check(CLI::Range(1, kMostThreads).description(""))
+                            ->capture_default_str());
     passedOn_.push_back(
-        add("--timeout", timeout_, "Give a scan up after this time", "SECONDS", kGroup)
+        add("--timeout", timeout_, "Give a scan up after this time", "SECONDS", kRun)
             ->check(CLI::Range(0.001, 1e9).description("")));
     passedOn_.push_back(flag("--force", o_.study.force,
-                             "Also strip again what is finished; changed masks stay", kGroup));
-    flag("--no-group", o_.noGroup, "Leave the table and the report to a later call", kGroup);
-    flag("--quiet", o_.quiet, "Print nothing but errors", kGroup);
+                             "Also strip again what is finished; changed masks stay", kRun));
+    flag("--no-group", o_.noGroup, "Leave the table and the report to a later call", kRun);
+    flag("--quiet", o_.quiet, "Print nothing but errors", kRun);
   }
 
   void addMethod() {
@@ -126,24 +131,8 @@ class CommandLine {
            "stripping",
            "DIR");
     method("--volume", o_.study.volume, "Volume of 4-D scans, counted from 0", "N");
-    method("--w5", w5_, "Weight of the comparison with the surroundings, or auto", "X|auto")
-        ->capture_default_str();
-    method("--evolution", evolution_, "scan: the fast one; exact: that of Tavrel", "scan|exact")
-        ->check(CLI::IsMember({"scan", kExact}).description(""))
-        ->capture_default_str();
-    method("--resample", resample_, "Strip on an isotropic grid of this spacing in mm, or auto",
-           "MM|auto")
-        ->capture_default_str();
-    method("--volume-range", volumes_,
-           "Volumes in mL that a brain may have; what is outside is flagged", "LEAST MOST")
-        ->default_str("700 2200");
-    method("--threads,--omp-nthreads", o_.study.strip.threads,
-           "Threads a scan; the result does not depend on it", "N")
-        ->check(CLI::Range(1, 1024).description(""))
-        ->capture_default_str();
-    method("--finish", finish_, "none leaves the mask as it evolved", "brain|none")
-        ->check(CLI::IsMember({"brain", "none"}).description(""))
-        ->capture_default_str();
+    method_.declare(app_);
+    passedOn_.insert(passedOn_.end(), method_.all().begin(), method_.all().end());
   }
 
   void addSlurm() {
@@ -181,36 +170,14 @@ class CommandLine {
       throw CLI::ValidationError("--bids-filter-file", error.what());
     }
     if (o_.task && o_.scanList.empty()) throw CLI::ValidationError("--task", "needs --scans");
-    readMethod();
+    method_.apply(o_.study.strip);
+    passOn();
     o_.slurm.submit = o_.slurm.submit || o_.slurm.wait || o_.slurm.dryRun;
     if (jobs_) o_.slurm.jobs = jobs_;
     o_.slurm.memoryMb = memoryMb_;
     o_.limits.jobs = jobs_ ? jobs_ : std::max(1, processorsGranted() / o_.study.strip.threads);
     o_.limits.memory = memoryMb_ > 0 ? std::uint64_t(memoryMb_ * (1 << 20)) : memoryGranted();
     if (timeout_ > 0) o_.limits.timeout = std::chrono::duration<double>(timeout_);
-  }
-
-  void readMethod() {
-    strip::StripSettings& strip = o_.study.strip;
-    if (w5_ != strip::kAuto) strip.w5 = number("--w5", w5_);
-    if (resample_ != strip::kAuto) {
-      strip.resampleMm = number("--resample", resample_);
-      if (!(*strip.resampleMm >= 0.1 && *strip.resampleMm <= 20))
-        throw CLI::ValidationError("--resample", "\"" + resample_ + "\" is not in [0.1 - 20]");
-    }
-    if (evolution_ == kExact) strip.evolution = strip::Evolution::exact;
-    if (finish_ == "brain") strip.finish = strip::kDefaultFinish;
-    strip.volumes = {volumes_.first, volumes_.second};
-    if (!(volumes_.first < volumes_.second))
-      throw CLI::ValidationError("--volume-range", "has to be a smaller number and a larger one");
-    passOn();
-  }
-
-  static double number(const char* option, const std::string& text) {
-    double value = 0;
-    if (!CLI::detail::lexical_cast(text, value) || !std::isfinite(value))
-      throw CLI::ValidationError(option, "\"" + text + "\" is not a number");
-    return value;
   }
 
   /// Notes the options that a task of a cluster gets too, and those that make the result what it
@@ -224,8 +191,7 @@ class CommandLine {
       if (option->get_items_expected_max() > 0)
         words.insert(words.end(), option->results().begin(), option->results().end());
       o_.forTasks.insert(o_.forTasks.end(), words.begin(), words.end());
-      if (option->get_group() == "Method" && option->get_name() != "--threads")
-        (o_.study.command += ' ') += shellLine(words);
+      if (option->get_group() != kRun) (o_.study.command += ' ') += shellLine(words);
     }
   }
 
@@ -235,8 +201,7 @@ class CommandLine {
   std::vector<std::string> participants_, sessions_;
   int jobs_ = 0;
   double memoryMb_ = 0, timeout_ = 0;
-  std::string w5_ = strip::kAuto, resample_ = strip::kAuto, evolution_ = "scan", finish_ = "brain";
-  std::pair<double, double> volumes_ = {strip::VolumeRange().least, strip::VolumeRange().most};
+  scan::MethodOptions method_;
   std::vector<const CLI::Option*> passedOn_;
 };
 

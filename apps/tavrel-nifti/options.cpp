@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "scan/format.h"
+#include "scan/method_options.h"
 #include "scan/nifti/files.h"
 #include "scan/output.h"
 #include "scan/report.h"
@@ -26,19 +27,7 @@ Examples:
 Exit status: 0 all done, 1 wrong usage, 2 some input failed (the others are done), 3 with --strict:
 all done, but some mask is doubtful.)";
 
-constexpr char kNone[] = "none", kExact[] = "exact";
-
-double parseNumber(const std::string& option, const std::string& value) {
-  std::size_t used = 0;
-  double number = std::nan("");
-  try {
-    number = std::stod(value, &used);
-  } catch (const std::exception&) {
-  }
-  if (used != value.size() || value.empty() || !std::isfinite(number))
-    throw CLI::ValidationError(option, "\"" + value + "\" is not a number");
-  return number;
-}
+constexpr char kNone[] = "none";
 
 /// Refuses the name of a single output that has none of the endings.
 void checkEnding(const std::string& option, const std::string& name,
@@ -50,11 +39,6 @@ void checkEnding(const std::string& option, const std::string& name,
     list += (list.empty() ? "" : " or ") + std::string(ending);
   }
   throw CLI::ValidationError(option, "\"" + name + "\" does not end in " + list);
-}
-
-void refuse(const std::vector<const CLI::Option*>& options, const char* why) {
-  for (const CLI::Option* option : options)
-    if (option->count()) throw CLI::ValidationError(option->get_name(), why);
 }
 
 /// The input's file name without what marks it as an image.
@@ -98,7 +82,6 @@ class CommandLine {
         ->type_name("SCAN");
     addOutputs();
     addMethod();
-    addFinishing();
     app_.add_flag("--strict", o_.strict, "Exit with status 3 if any mask is doubtful (flagged)");
     app_.add_flag("--quiet", o_.quiet, "Print nothing but errors");
   }
@@ -139,7 +122,6 @@ class CommandLine {
         output("--phi", o_.phi,
                "Also write the level-set function (float32, negative inside, in voxels)")};
     phi_ = singles_.back();
-    method_ = {phi_};
     output("--json", o_.json, "Also write a report: volumes in mL, levels, settings, checksums");
     app_.add_flag("--force", o_.force, "Overwrite outputs that exist")->group("Outputs");
   }
@@ -153,29 +135,7 @@ class CommandLine {
                        "Do not strip: make the stripped scan and the picture again from this mask "
                        "on the scan's grid (> 0 inside), say one that was corrected by hand",
                        "FILE");
-    method_.push_back(
-        method("--w5", w5_,
-               "Weight of the comparison with the surroundings; larger values give larger brains. "
-               "auto: the one whose mask depends on it least",
-               "X|auto")
-            ->capture_default_str());
-    method_.push_back(method("--evolution", evolution_,
-                             "\"scan\": the fast one, which finds the head first; \"exact\": that of "
-                             "Tavrel, on the scan's own grid, from the middle of the volume",
-                             "scan|exact")
-                          ->check(CLI::IsMember({"scan", kExact}).description(""))
-                          ->capture_default_str());
-    method_.push_back(method("--resample", resample_,
-                             "Strip on an isotropic grid of this spacing in mm and bring the mask "
-                             "back. auto: the scan's own grid if it is near 1 mm (scan) or in any "
-                             "case (exact)",
-                             "MM|auto")
-                          ->capture_default_str());
-    method_.push_back(method("--volume-range", volumes_,
-                             "Volumes in mL that a brain may have, for children or animals; what is "
-                             "outside is flagged",
-                             "LEAST MOST")
-                          ->default_str("700 2200"));
+    method_.declare(app_);
     // As many as the process may use; the variable is for schedulers and scripts.
     o_.strip.threads = usableProcessors();
     method("--threads", o_.strip.threads,
@@ -186,51 +146,13 @@ class CommandLine {
         ->check(CLI::Range(1, kMostThreads).description(""));
   }
 
-  void addFinishing() {
-    method_.push_back(add("--finish", finishName_,
-                          "\"brain\": finish the mask as set below; \"none\": leave it as evolved",
-                          "brain|none", "Finishing")
-                          ->check(CLI::IsMember({"brain", kNone}).description(""))
-                          ->capture_default_str());
-    const auto radius = [&](const char* name, double& mm, const char* help) {
-      return add(name, mm, help, "MM", "Finishing")
-          ->check(CLI::Range(0.0, 100.0).description(""))
-          ->capture_default_str();
-    };
-    const auto onOff = [&](const char* name, bool& value, bool meaning, const char* help) {
-      const auto set = [&value, meaning] { value = meaning; };
-      return app_.add_flag_callback(name, set, help)->group("Finishing");
-    };
-    FinishSettings& f = finish_;
-    parts_ = {
-        radius("--open", f.openMm, "Radius in mm of the ball that cuts thin bridges; 0: off"),
-        radius("--close", f.closeMm, "Radius in mm of the ball that takes in sulci; 0: off"),
-        onOff("--largest", f.largest, true, "Keep only the largest connected piece (default)"),
-        onOff("--no-largest", f.largest, false, "Keep all pieces"),
-        onOff("--fill-holes", f.fillHoles, true, "Fill what the mask encloses (default)"),
-        onOff("--no-fill-holes", f.fillHoles, false, "Leave holes as they are")};
-    method_.insert(method_.end(), parts_.begin(), parts_.end());
-  }
-
   void readMethod() {
-    if (w5_ != kAuto) o_.strip.w5 = parseNumber("--w5", w5_);
-    if (fromMask_->count()) refuse(method_, "has no use with --from-mask");
-    if (finishName_ == kNone)
-      refuse(parts_, "has no use with --finish none");
-    else
-      o_.strip.finish = finish_;
-    if (resample_ != kAuto) {
-      constexpr double kLeastMm = 0.1, kMostMm = 20;
-      const double mm = parseNumber("--resample", resample_);
-      if (mm < kLeastMm || mm > kMostMm)
-        throw CLI::ValidationError("--resample", "\"" + resample_ + "\" is not in [0.1 - 20]");
-      o_.strip.resampleMm = mm;
+    method_.apply(o_.strip);
+    if (fromMask_->count()) {
+      refuse({phi_}, "has no use with --from-mask");
+      refuse(method_.all(), "has no use with --from-mask");
     }
-    if (evolution_ == kExact) o_.strip.evolution = Evolution::exact;
-    else refuse({phi_}, "goes with --evolution exact");
-    o_.strip.volumes = {volumes_.first, volumes_.second};
-    if (!(volumes_.first >= 0 && volumes_.first < volumes_.second && std::isfinite(volumes_.second)))
-      throw CLI::ValidationError("--volume-range", "has to be a smaller number and a larger one");
+    if (o_.strip.evolution != Evolution::exact) refuse({phi_}, "goes with --evolution exact");
   }
 
   void checkOutputNames() {
@@ -255,10 +177,8 @@ class CommandLine {
   CLI::App app_{"Strips the skull and all other non-brain tissue from 3-D head images (NIfTI).",
                 "tavrel-nifti"};
   Options o_;
-  std::string w5_ = kAuto, finishName_ = "brain", evolution_ = "scan", resample_ = kAuto;
-  std::pair<double, double> volumes_ = {VolumeRange().least, VolumeRange().most};
-  FinishSettings finish_ = kDefaultFinish;
-  OptionList singles_, method_, parts_;  // single outputs; what sets the stripping, the finishing
+  MethodOptions method_;
+  OptionList singles_;  // options that name single outputs
   const CLI::Option *fromMask_ = nullptr, *phi_ = nullptr;
 };
 

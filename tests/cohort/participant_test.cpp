@@ -117,8 +117,10 @@ TEST_F(Cohort, DoesAgainWhatIsMissingAndNothingElse) {
   EXPECT_EQ(changed({}), Subjects{"sub-03"});
   addScan(scanOf(1), 77);
   EXPECT_EQ(changed({}), Subjects{"sub-01"});
-  EXPECT_EQ(changed({"--w5", "1.0"}), (Subjects{"sub-01", "sub-02", "sub-03"}));
-  EXPECT_EQ(changed({"--w5", "1.0", "--jobs", "3", "--threads", "2"}), Subjects{});
+  const Subjects all = {"sub-01", "sub-02", "sub-03"};
+  EXPECT_EQ(changed({"--w5", "1.0"}), all);
+  EXPECT_EQ(changed({"--w5", "1.0", "--no-fill-holes"}), all);
+  EXPECT_EQ(changed({"--no-fill-holes", "--w5=1", "--jobs", "3", "--threads", "2"}), Subjects{});
 }
 
 TEST_F(Cohort, TakesTheScansThatAreAskedFor) {
