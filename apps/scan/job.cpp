@@ -60,8 +60,7 @@ void checkHeadSize(const Header& header) {
   for (int d = 0; d < 3; ++d)
     if (header.size[d] * header.spacing[d] > kLargestHeadMm || header.spacing[d] > kLargestVoxelMm)
       throw ScanError(text("is no head by its voxels of ", header.spacing[0], " x ",
-                           header.spacing[1], " x ", header.spacing[2],
-                           " mm"));
+                           header.spacing[1], " x ", header.spacing[2], " mm"));
 }
 
 std::unique_ptr<Image> imageOf(const Scan& scan) {
@@ -103,7 +102,13 @@ class Run {
     tell(observer_.onStage, "reading");
     scan_ = readScan(job_.input, job_.volume, [this](const Header& header) { check(header); });
     describeScan();
-    stripped_ = job_.fromMask.empty() ? strip() : givenMask();
+    // The checksums take the time of reading the file once more, beside the work.
+    parallelFor(job_.strip.threads, 2, [this](int i) {
+      if (i == 0)
+        describeFiles();
+      else
+        stripped_ = job_.fromMask.empty() ? strip() : givenMask();
+    });
     describeMask();
     tell(observer_.onStage, "writing");
     write();
@@ -137,12 +142,15 @@ class Run {
     result_.size = header.size;
     result_.spacing = header.spacing;
     result_.permissions = scan_.permissions;
-    result_.sha256 = sha256(scan_.path);
-    if (!scan_.imagePath.empty()) result_.imageSha256 = sha256(scan_.imagePath);
     for (const std::string& line : header.notices) notice(line);
     const std::string line = spacingNotice(header);
     const bool asStored = job_.strip.evolution == Evolution::exact && !job_.strip.resampleMm;
     if (job_.fromMask.empty() && asStored && !line.empty()) notice(line);
+  }
+
+  void describeFiles() {
+    result_.sha256 = sha256(scan_.path);
+    if (!scan_.imagePath.empty()) result_.imageSha256 = sha256(scan_.imagePath);
   }
 
   Stripped strip() {
@@ -265,8 +273,8 @@ ScanResult stripFile(const ScanJob& job, const JobObserver& observer) {
 }
 
 std::uint64_t memoryNeed(const Header& header, const StripSettings& settings) {
-  // Bytes a voxel, measured over heads of 0.9 to 57 million voxels and rounded up: the mask and what
-  // goes with it; the working grid of the evolution for scans; the exact evolution with the
+  // Bytes a voxel, measured over heads of 0.9 to 57 million voxels and rounded up: the mask and
+  // what goes with it; the working grid of the evolution for scans; the exact evolution with the
   // distances of the finishing; what comes on top.
   constexpr std::uint64_t kScan = 4, kWork = 26, kExact = 48, kResampling = 16, kPhi = 12;
   constexpr std::uint64_t kProgram = 48 << 20;

@@ -38,7 +38,8 @@ void MethodOptions::declare(CLI::App& app) {
       "own grid if it is near 1 mm (scan) or in any case (exact)",
       "MM|auto");
   add("--volume-range", volumes_,
-      "Volumes in mL that a brain may have, for children or animals; what is outside is flagged",
+      "Volumes in mL that a brain may have, for children or animals; what is outside is flagged, "
+      "and the method works on the size of such brains",
       "LEAST MOST")
       ->default_str("700 2200");
   declareFinishing(app);
