@@ -30,6 +30,7 @@ json entry(const ReportInput& input, const cohort::Row& row) {
           {"flags", flags},
           {"seconds", figure(row.seconds)},
           {"memory", figure(row.peakMemoryMb)},
+          {"maskSha256", row.maskSha256},
           {"rating", row.rating},
           {"comment", row.comment},
           {"page", url(files.page)},

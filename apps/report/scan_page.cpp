@@ -167,6 +167,7 @@ json pageData(const Material& m, const json& mask) {
           {"scan", m.row.scan},
           {"participant", m.row.participant},
           {"session", m.row.session},
+          {"maskSha256", m.row.maskSha256},
           {"rating", m.row.rating},
           {"comment", m.row.comment},
           {"previous", neighbour(m.input, m.place - 1)},

@@ -23,8 +23,9 @@ struct Row {
   std::optional<double> zVolume;  ///< standard deviations from the cohort's mean volume
   std::optional<double> seconds;  ///< that the scan took
   std::optional<double> peakMemoryMb;
-  std::string rating;   ///< "pass", "fail" or "maybe", or ""
-  std::string comment;  ///< of whoever rated it
+  std::string maskSha256;  ///< of the mask that is there
+  std::string rating;      ///< "pass", "fail" or "maybe", or "", of that mask
+  std::string comment;     ///< of whoever rated it
 };
 
 }  // namespace tavrel::cohort

@@ -47,7 +47,8 @@ void readFolder(const fs::path& folder, std::vector<Row>& rows) {
     if (!record) continue;
     const fs::path mask = folder / (record->row.scan + kMask);
     try {
-      if (scan::sha256(mask) != record->maskSha256) {
+      record->row.maskSha256 = scan::sha256(mask);
+      if (record->row.maskSha256 != record->maskSha256) {
         record->row.manual = true;
         record->row.reason = kChanged;
       }
@@ -77,7 +78,11 @@ std::vector<std::string> cells(const std::string& line) {
   return result;
 }
 
-using Ratings = std::map<std::string, std::pair<std::string, std::string>>;
+struct Rating {
+  std::string rating, comment;
+  std::string maskSha256;  // of the mask that was rated; empty if that is not told
+};
+using Ratings = std::map<std::string, Rating>;
 
 void readRatings(const fs::path& file, Ratings& ratings) {
   std::ifstream in(file);
@@ -93,7 +98,8 @@ void readRatings(const fs::path& file, Ratings& ratings) {
       const auto at = std::size_t(std::find(names.begin(), names.end(), name) - names.begin());
       return at < values.size() && values[at] != kAbsent ? values[at] : "";
     };
-    if (!value("scan").empty()) ratings[value("scan")] = {value("rating"), value("comment")};
+    if (!value("scan").empty())
+      ratings[value("scan")] = {value("rating"), value("comment"), value("mask_sha256")};
   }
 }
 
@@ -107,6 +113,16 @@ Ratings allRatings(const fs::path& output) {
   Ratings ratings;
   for (const auto& [length, file] : files) readRatings(file, ratings);
   return ratings;
+}
+
+/// Takes a rating over, unless it was given to a mask that has been changed or made anew since.
+void rate(Row& row, const Rating& given) {
+  row.comment = given.comment;
+  if (given.maskSha256.empty() || given.maskSha256 == row.maskSha256)
+    row.rating = given.rating;
+  else if (!given.rating.empty())
+    row.reason += scan::text(row.reason.empty() ? "" : "; ", "its rating, ", given.rating,
+                             ", was given to another mask: rate it again");
 }
 
 void setScores(std::vector<Row>& rows) {
@@ -210,8 +226,7 @@ std::vector<Row> readRows(const fs::path& output) {
   setScores(rows);
   const Ratings ratings = allRatings(output);
   for (Row& row : rows)
-    if (const auto rated = ratings.find(row.scan); rated != ratings.end())
-      std::tie(row.rating, row.comment) = rated->second;
+    if (const auto rated = ratings.find(row.scan); rated != ratings.end()) rate(row, rated->second);
   return rows;
 }
 

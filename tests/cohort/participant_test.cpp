@@ -136,8 +136,8 @@ TEST_F(Cohort, TakesTheScansThatAreAskedFor) {
     std::string names;
     std::istringstream lines(result.out);
     for (std::string number, path, line; lines >> number >> path && std::getline(lines, line);)
-      names += (names.empty() ? "" : " ") + path.substr(path.rfind('/') + 1);
-    return std::regex_replace(names, std::regex("_T1w.nii(.gz)?"), "");
+      names += path.substr(path.rfind('/') + 1) + " ";
+    return std::regex_replace(names, std::regex("_T1w.nii(.gz)? $|_T1w.nii(.gz)?"), "");
   };
   const auto filtered = [&](const std::string& conditions) {
     put("filter.json", "{\"bold\": {\"x\": 1}, \"t1w\": " + conditions + "}");
@@ -335,6 +335,18 @@ TEST_F(Cohort, ReadsRatingsBackIntoTheTable) {
   EXPECT_EQ(table().at("sub-01").at("comment"), "eyes \\x1b[31m");
   EXPECT_EQ(table().at("sub-02").at("rating"), "maybe");
   EXPECT_EQ(table().at("sub-02").at("comment"), "n/a");
+
+  // Of the mask that is there, and of another one.
+  const std::string mask = info("sub-01")["Tavrel"]["MaskSha256"];
+  std::ofstream(out_ / "tavrel_ratings(1).tsv")
+      << "scan\trating\tcomment\tmask_sha256\nsub-01\tpass\tgood\t" << mask
+      << "\nsub-02\tpass\tgood\t" << mask << "\n";
+  EXPECT_EQ(bids({}, "group").status, 0);
+  EXPECT_EQ(table().at("sub-01").at("rating"), "pass");
+  EXPECT_EQ(table().at("sub-02").at("rating"), "n/a");
+  EXPECT_EQ(table().at("sub-02").at("comment"), "good");
+  EXPECT_NE(table().at("sub-02").at("reason").find("pass, was given to another mask"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -116,7 +116,7 @@ function flagsCell(row) {
 }
 
 function ratingCell(row) {
-  const { rating } = ratings.of(row)
+  const { rating, former } = ratings.of(row)
   const button = ([value, label]) =>
     element(
       'button',
@@ -132,7 +132,8 @@ function ratingCell(row) {
   return element(
     'div',
     { class: 'group ratings', role: 'group', 'aria-label': `Rating of ${row.scan}` },
-    ...Object.entries(RATINGS).map(button)
+    ...Object.entries(RATINGS).map(button),
+    ...(former ? [element('small', {}, `was ${former}, of another mask`)] : [])
   )
 }
 
@@ -310,8 +311,10 @@ function rate(row, rating) {
 function importRatings(text) {
   const table = parseRatings(text)
   const known = table.filter(row => byField.has(row.scan))
-  for (const { scan, rating, comment } of known)
-    ratings.set(byField.get(scan), { rating, comment: comment ?? '' })
+  for (const { scan, rating, comment, mask_sha256: maskSha256 } of known) {
+    const mask = maskSha256 ? { maskSha256 } : {}
+    ratings.set(byField.get(scan), { rating, comment: comment ?? '', ...mask })
+  }
   refresh()
   const unknown = table.length - known.length
   announce(

@@ -6,9 +6,10 @@ const form = find('#review')
 const comment = find('#comment')
 
 function showRating() {
-  const { rating, comment: words } = ratings.of(data)
+  const { rating, former, comment: words } = ratings.of(data)
   for (const radio of form.elements.rating) radio.checked = radio.value === rating
   if (document.activeElement !== comment) comment.value = words ?? ''
+  if (former) announce(`The mask was rated ${former} before it was changed; rate it again.`)
 }
 
 function rate(rating) {
@@ -175,9 +176,20 @@ function undo() {
   if (viewer) showStrokes()
 }
 
+/** From now on, ratings are those of the mask in this file. */
+async function rateFrom(file) {
+  const digest = await globalThis.crypto?.subtle?.digest('SHA-256', file)
+  if (!(data.scan in ratings.all)) ratings.set(data, {}) // what the table tells, of the old mask
+  const hex = byte => byte.toString(16).padStart(2, '0')
+  data.maskSha256 = digest ? Array.from(new Uint8Array(digest), hex).join('') : ''
+  showRating()
+}
+
 async function saveMask() {
   if (!viewer?.strokes) return
-  download(data.mask.file, await viewer.maskFile(), 'application/gzip')
+  const file = await viewer.maskFile()
+  download(data.mask.file, file, 'application/gzip')
+  await rateFrom(file)
   savedStrokes = viewer.strokes
   showStrokes()
   announce(

@@ -31,7 +31,10 @@ function download(name, content, type) {
   setTimeout(() => URL.revokeObjectURL(url), 60000)
 }
 
-/** The ratings given in this browser, by scan: { participant, session, rating, comment, time }. */
+/**
+ * The ratings given in this browser, by scan: { participant, session, rating, comment, maskSha256, time },
+ * with the checksum of the mask that was rated.
+ */
 const ratings = {
   // The browser keeps one store for all local pages: a folder's ratings are its own.
   key: `tavrel-ratings ${location.pathname.replace(/[^/]*$/, '')} ${data.cohort}`,
@@ -53,16 +56,23 @@ const ratings = {
     }
   },
 
-  /** The rating of a scan: given here, else what its row says. */
+  /**
+   * The rating of a scan: given here, else what its row says. One that was given to another mask is
+   * not its rating, but `former`.
+   */
   of(row) {
-    return this.all[row.scan] ?? { rating: row.rating, comment: row.comment }
+    const given = this.all[row.scan] ?? row
+    const { rating, comment } = given
+    const isFormer = rating && given.maskSha256 && given.maskSha256 !== row.maskSha256
+    return isFormer ? { rating: '', former: rating, comment } : { rating, comment }
   },
 
   set(row, change) {
     this.load()
-    const { participant, session } = row
+    const { participant, session, maskSha256 } = row
     const { rating, comment } = this.of(row)
-    this.all[row.scan] = { participant, session, rating, comment, ...change, time: Date.now() }
+    const time = Date.now()
+    this.all[row.scan] = { participant, session, rating, comment, maskSha256, ...change, time }
     this.save()
   },
 
@@ -106,7 +116,7 @@ const toField = text =>
 const fromField = text => (text === 'n/a' ? '' : text)
 const oneLine = text => text.trim().replace(/\s+/g, ' ')
 
-const RATING_COLUMNS = ['participant_id', 'session_id', 'scan', 'rating', 'comment']
+const RATING_COLUMNS = ['participant_id', 'session_id', 'scan', 'rating', 'comment', 'mask_sha256']
 
 /** The ratings of some rows as a table; rows without any are left out. */
 function ratingsTable(rows) {
@@ -114,7 +124,8 @@ function ratingsTable(rows) {
   for (const row of rows) {
     const { rating, comment } = ratings.of(row)
     if (rating || comment) {
-      lines.push([row.participant, row.session, row.scan, rating, comment].map(toField).join('\t'))
+      const fields = [row.participant, row.session, row.scan, rating, comment, row.maskSha256]
+      lines.push(fields.map(toField).join('\t'))
     }
   }
   return lines.join('\n') + '\n'

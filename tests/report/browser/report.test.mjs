@@ -16,6 +16,7 @@ const require = createRequire(join(BROWSER_PACKAGES, 'package.json'))
 const { chromium } = require('playwright-core')
 const folder = mkdtempSync(join(tmpdir(), 'tavrel-report-'))
 const EVIL = "sub-0003_acq-<img src=x onerror=document.title='hurt'>\"'&\n\tx"
+const MASK = '1'.repeat(64)
 let browser
 
 before(async () => {
@@ -145,10 +146,10 @@ test('ratings are kept, carried between pages, exported and imported', async () 
     table = bytes.toString()
   })
   assert.deepEqual(table.split('\n'), [
-    'participant_id\tsession_id\tscan\trating\tcomment',
-    'sub-0001\tn/a\tsub-0001\tpass\tn/a',
-    `sub-0003\tn/a\t${EVIL.replace('\n', '\\x0a').replace('\t', '\\x09')}\tmaybe\t</script><script>document.title = 'hurt'</script>\\x09tab\\x0aline \\n`,
-    'sub-0004\tn/a\tsub-0004\tfail\tleaks at the vertex',
+    'participant_id\tsession_id\tscan\trating\tcomment\tmask_sha256',
+    `sub-0001\tn/a\tsub-0001\tpass\tn/a\t${MASK}`,
+    `sub-0003\tn/a\t${EVIL.replace('\n', '\\x0a').replace('\t', '\\x09')}\tmaybe\t</script><script>document.title = 'hurt'</script>\\x09tab\\x0aline \\n\t${MASK}`,
+    `sub-0004\tn/a\tsub-0004\tfail\tleaks at the vertex\t${MASK}`,
     ''
   ])
 
@@ -169,6 +170,10 @@ test('ratings are kept, carried between pages, exported and imported', async () 
     )
     await page.reload()
     await page.waitForSelector('tr[data-scan="sub-0001"].pass')
+    writeFileSync(file, `scan\trating\tmask_sha256\nsub-0001\tpass\t${MASK.replace('1', '2')}\n`)
+    await page.setInputFiles('#import-file', file)
+    await page.waitForSelector('tr[data-scan="sub-0001"]:not(.pass)')
+    assert.match(await page.textContent('tr[data-scan="sub-0001"] .rating'), /was pass, of another/)
   })
 })
 
