@@ -2,26 +2,23 @@
 //
 // It solves the equation of the exact evolution with the same weights,
 //
-//   d Phi / d t = -F |grad Phi|,   F = -w3 * curvature - |I - mean inside| + w5 * |I - mean
-//   outside|,
+//   d Phi / d t = -F |grad Phi|,
+//   F = -w3 * curvature - |I - mean inside| + w5 * |I - mean outside|,
 //
 // with Phi the signed distance in voxels (negative inside) and the means taken over windows of
 // about 21 voxels around every point of the surface. It differs from the exact evolution in this:
 //
 // - Only the voxels next to the surface (edge voxels: a face neighbour is on the other side) and
-// the
-//   layer of face neighbours around those are carried. Distances of edge voxels come from where the
-//   surface crosses the grid's axes, those of the layer from the Eikonal equation on the edge
+//   the layer of face neighbours around those are carried. Distances of edge voxels come from where
+//   the surface crosses the grid's axes, those of the layer from the Eikonal equation on the edge
 //   voxels (first order upwind; Sethian, "Level Set Methods and Fast Marching Methods", 1999,
 //   chapter 8).
 // - Speeds are 32-bit, and speeds off the surface are taken from its nearest point as far as the
-// two
-//   voxels of a crossing tell (Adalsteinsson and Sethian, "The Fast Construction of Extension
+//   two voxels of a crossing tell (Adalsteinsson and Sethian, "The Fast Construction of Extension
 //   Velocities in Level Set Methods", J. Comput. Phys. 148, 1999).
 // - Curvature is the Laplacian of the distance, held between -3 and 3.
 // - The means are of whole blocks of voxels, as exact integer sums; a voxel that changes sides
-// changes
-//   the sum of its block.
+//   changes the sum of its block.
 // - The surface may be held inside a given region, and the number of steps is bounded.
 //
 // A step moves the fastest point of the surface by one voxel. All arithmetic is a voxel's own or in

@@ -36,7 +36,7 @@ constexpr CountedSum counted(int intensity) { return (CountedSum{intensity} << k
 /// Intensities with the border, and the sums over windows of blocks.
 class LevelImage {
  public:
-  /// Edge of a block and half-width of a window, in voxels: a window is some 21 voxels wide.
+  /// Half-width of a window in voxels: it is some 21 voxels wide, in whole blocks.
   static constexpr int kReach = 10;
 
   /// @param block  edge of a block in voxels, a power of two

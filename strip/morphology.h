@@ -3,10 +3,9 @@
 // Structuring elements are balls with a radius in millimetres between voxel centres, on grids with
 // a spacing of its own along each axis. A ball is a bundle of rows: for each offset (dy, dz) a run
 // of voxels along x. So dilation joins shifted copies of rows that were widened along x before, 64
-// voxels at a time (van den Boomgaard and van Balen, "Methods for
-// Fast Morphological Image Transforms Using Bitmapped Binary Images", CVGIP: Graphical Models and
-// Image Processing 54, 1992). What lies
-// beyond the volume counts as neither 0 nor 1.
+// voxels at a time (van den Boomgaard and van Balen, "Methods for Fast Morphological Image
+// Transforms Using Bitmapped Binary Images", CVGIP: Graphical Models and Image Processing 54,
+// 1992). What lies beyond the volume counts as neither 0 nor 1.
 #pragma once
 
 #include "bit_volume.h"

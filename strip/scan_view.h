@@ -80,7 +80,7 @@ AxisOffsets offsetsInto(const ScanView& scan, const Size& volume, Place&& place)
 /// thread.
 template <class F>
 void forStoredVoxels(const ScanView& scan, const AxisOffsets& offsets, int threads, F&& f) {
-  const auto& [X, Y, Z] = scan.grid.size;
+  const int X = scan.grid.size[0], Y = scan.grid.size[1], Z = scan.grid.size[2];
   std::vector<int> runs;  // first plane of each
   for (int z = 0; z < Z; ++z)
     if (z == 0 || offsets[2][z] != offsets[2][z - 1]) runs.push_back(z);

@@ -251,12 +251,13 @@ Stripped stripScan(const ScanView& given, const StripSettings& givenSettings,
   evidence.cutCm2 = cut.elsewhere;
   evidence.cutBelowCm2 = cut.below;
   evidence.scale = adult.scale;
-  evidence.volumeMl = adult.givenMl(millilitres(double(mask.count()), work.grid().spacing));
   evidence.otherPiece = head->otherPiece;
   evidence.voxelMm3 = 1000 * millilitres(1, scan.grid.spacing);
   evidence.headWidthMm = boundingBox(head->mask).size()[0] * head->blocks.spacing[0];
   Stripped result;
   result.mask = work.toScan(scan, mask, settings.threads);
+  evidence.volumeMl = millilitres(double(std::count(result.mask.begin(), result.mask.end(), 1)),
+                                  given.grid.spacing);
   result.w5 = chain.w5();
   result.trials = chain.records();
   for (TrialRecord& trial : result.trials) trial.ml = adult.givenMl(trial.ml);
