@@ -90,9 +90,9 @@ TEST_F(ToolTest, WrongArgumentsAreRefusedBeforeAnything) {
   for (const std::string word : {"Byte", "bytes", "double", "", " word", "0"})
     EXPECT_EQ(tavrel(arguments("1", {8, 8, 8}, word)), (Finished{1, formats, ""})) << word;
   constexpr int most = std::numeric_limits<int>::max();
-  // The last ones have 1292 voxels an axis with their padding, or more than can be counted.
+  // The last ones have 1292 x 1292 x 1288 voxels with their padding, or more than can be counted.
   for (const Sizes& sizes :
-       {Sizes{-1, 8, 8}, {8, 8, -8}, {-1, 0, 8}, {1289, 1290, 1290}, {most, 1, 1}}) {
+       {Sizes{-1, 8, 8}, {8, 8, -8}, {-1, 0, 8}, {1290, 1290, 1286}, {most, 1, 1}}) {
     const Finished finished = tavrel(arguments("1", sizes));
     EXPECT_TRUE(finished.out.starts_with("Image sizes must not be negative, and")) << finished;
     EXPECT_EQ(std::count(finished.out.begin(), finished.out.end(), '\n'), 1) << finished;
