@@ -87,8 +87,8 @@ std::vector<std::size_t> placesInList(const BitVolume& bits, const Box& box, std
   return places;
 }
 
-/// Calls list(word, x of its first voxel, y, z, place in the list) for a box's words with voxels;
-/// gives the place after them.
+/// Calls list(word, x of its first voxel, y, z, place in the list) for a box's words with voxels.
+/// It returns the place after them.
 template <class List>
 void listRows(const BitVolume& bits, const Box& box, int threads,
               const std::vector<std::size_t>& places, List&& list) {

@@ -1,7 +1,6 @@
 #include "stripping.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <mutex>
 
@@ -13,8 +12,6 @@
 
 namespace tavrel::strip {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // Lengths in mm.
 constexpr double kCoarsestMm = 2.5;  // the coarsest level's voxels are larger
