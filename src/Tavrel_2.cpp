@@ -66,6 +66,7 @@ void requireMemory(const voxPara& P) {
 /// Small volumes are done before more threads are of use.
 int threadsFor(const voxPara& P) {
   constexpr double kVoxelsAThread = 500000;
+  if (tavrel::threadsAsked() < 0) std::cerr << tavrel::wrongThreadsVariable() << std::endl;
   const double voxels = double(P.sizeX) * P.sizeY * P.sizeZ;
   return std::max(1, std::min(tavrel::usualThreads(), static_cast<int>(voxels / kVoxelsAThread)));
 }

@@ -25,16 +25,23 @@ inline int usableProcessors() {
   return all > 0 ? static_cast<int>(all) : 1;
 }
 
-/// The number that TAVREL_THREADS holds if it is one from 1 to kMostThreads, otherwise the usable
-/// processors.
-inline int usualThreads() {
-  if (const char* text = std::getenv(kThreadsVariable)) {
-    char* end = nullptr;
-    const long number = std::strtol(text, &end, 10);
-    if (end != text && *end == '\0' && number >= 1 && number <= kMostThreads)
-      return static_cast<int>(number);
-  }
-  return usableProcessors();
+/// The number that TAVREL_THREADS holds; 0 if it is not set or empty, -1 if it is no number from 1
+/// to kMostThreads.
+inline int threadsAsked() {
+  const char* text = std::getenv(kThreadsVariable);
+  if (!text || !*text) return 0;
+  char* end = nullptr;
+  const long number = std::strtol(text, &end, 10);
+  return *end == '\0' && number >= 1 && number <= kMostThreads ? static_cast<int>(number) : -1;
+}
+
+/// As many as asked for, otherwise the usable processors.
+inline int usualThreads() { return threadsAsked() > 0 ? threadsAsked() : usableProcessors(); }
+
+/// What to say where threadsAsked() is -1.
+inline std::string wrongThreadsVariable() {
+  return std::string(kThreadsVariable) + ": \"" + std::getenv(kThreadsVariable) +
+         "\" is not a number from 1 to " + std::to_string(kMostThreads);
 }
 
 }  // namespace tavrel

@@ -1,4 +1,4 @@
-// From a mask that follows grey matter to a brain mask as it is drawn by hand.
+// From a mask that follows grey matter to one of the whole brain, with its sulci and ventricles.
 //
 // Opening with a ball (erosion, then dilation) cuts bridges to the optic nerves, the dura, the
 // face; the largest piece of what is left between the two is the brain. Closing with a ball takes

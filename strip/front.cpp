@@ -24,8 +24,13 @@ float runPortable(FrontLoop loop, const FrontView& v, std::size_t first, std::si
                                       std::size_t end, float step) {
   return runFrontLoop(loop, v, first, end, step);
 }
-[[gnu::target("avx2,avx512f,avx512bw,avx512dq,avx512vl,prefer-vector-width=512")]] float runAvx512(
-    FrontLoop loop, const FrontView& v, std::size_t first, std::size_t end, float step) {
+#if defined(__clang__)  // knows no preferred width here, and takes the widest by itself
+[[gnu::target("avx2,avx512f,avx512bw,avx512dq,avx512vl")]]
+#else
+[[gnu::target("avx2,avx512f,avx512bw,avx512dq,avx512vl,prefer-vector-width=512")]]
+#endif
+float runAvx512(FrontLoop loop, const FrontView& v, std::size_t first, std::size_t end,
+                float step) {
   return runFrontLoop(loop, v, first, end, step);
 }
 #endif
@@ -123,12 +128,12 @@ void Front::begin(const BitVolume& inside, int threads) {
   parallelRanges(threads, image_.size()[2], [&](int from, int to) {
     const std::size_t first = std::size_t(from) * plane, end = std::size_t(to) * plane;
     std::fill(phi_.get() + first, phi_.get() + end, 0.5f);
-    std::fill(distance_.get() + first, distance_.get() + end, kFar);
+    std::fill(distance_.get() + first, distance_.get() + end, kBeyond);
     std::fill(speed_.get() + first, speed_.get() + end, 0.0f);
     for (std::size_t w = first / BitVolume::kBits; w < end / BitVolume::kBits; ++w)
       forBits(words[w], 0, [&](int bit) {
         phi_[w * BitVolume::kBits + bit] = -0.5f;
-        distance_[w * BitVolume::kBits + bit] = -kFar;
+        distance_[w * BitVolume::kBits + bit] = -kBeyond;
       });
   });
   inBlocks_ = image_.blockSums(inside, threads);
@@ -288,7 +293,7 @@ long Front::takeOverPart(BitVolume& inside, std::size_t first, std::size_t end) 
     const int v = band_.voxels[k];
     const float moved = band_.distance[k];
     const float before = std::exchange(phi_[v], moved);
-    distance_[v] = moved < 0 ? -kFar : kFar;
+    distance_[v] = moved < 0 ? -kBeyond : kBeyond;
     if ((moved < 0) == (before < 0)) continue;
     words[v / BitVolume::kBits] ^= Word{1} << (v % BitVolume::kBits);
     const int x = v % X, y = v / X % Y, z = v / X / Y;

@@ -4,7 +4,8 @@
 // Every loop reads and writes plain arrays and does the same arithmetic for each voxel, without
 // branches, so that compilers make vectors of it. Three volumes are shared by the loops of a step:
 // `phi` holds the function, right in sign everywhere; `distance` holds the distances of this step's
-// edge voxels and, later, of the layer, and +-kFar elsewhere; `speed` holds speeds of edge voxels.
+// edge voxels and, later, of the layer, and +-kBeyond elsewhere; `speed` holds speeds of edge
+// voxels.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +16,7 @@
 
 namespace tavrel::strip {
 
-inline constexpr float kFar = 2;            ///< more than any distance in the band, in voxels
+inline constexpr float kBeyond = 2;         ///< more than any distance in the band, in voxels
 inline constexpr float kLeastStep = 1e-3f;  ///< a crossing is no nearer than this to a voxel
 inline constexpr float kLeastPhi = 1e-6f;   ///< Phi is never 0: its sign is a side
 
@@ -38,8 +39,8 @@ struct FrontView {
 
 /// The nearer crossing of the surface along one axis: 1 / offset, 0 where there is none.
 [[gnu::always_inline]] inline float inverseOffset(float p, float forward, float backward) {
-  const float f = p * forward < 0 ? p / (p - forward) : kFar;
-  const float b = p * backward < 0 ? p / (p - backward) : kFar;
+  const float f = p * forward < 0 ? p / (p - forward) : kBeyond;
+  const float b = p * backward < 0 ? p / (p - backward) : kBeyond;
   const float nearer = std::max(std::min(f, b), kLeastStep);
   const float inverse = 1 / nearer;
   return nearer > 1 ? 0.0f : b < f ? -inverse : inverse;
@@ -97,7 +98,7 @@ struct FrontView {
     const float xy = std::min(x, y);
     const Index ixy = y < x ? iy : ix;
     source[k] = i + (z < xy ? iz : ixy);
-    distances[k] = std::copysign(std::min(eikonal(x, y, z), kFar), d[i]);
+    distances[k] = std::copysign(std::min(eikonal(x, y, z), kBeyond), d[i]);
   }
 }
 

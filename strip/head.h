@@ -22,6 +22,8 @@ struct Head {
   Box box;                       ///< voxels of the scan, in anatomical order, to work on
   float low = 0, high = 0;       ///< intensities of air (or the darkest) and bright tissue
   double otherPiece = 0;  ///< size of the largest bright object beside the head over the head's
+
+  double widthMm() const { return boundingBox(mask).size()[0] * blocks.spacing[0]; }
 };
 
 /// The largest box in which findHead() may find work, in voxels of the scan in anatomical order.

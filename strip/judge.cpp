@@ -150,6 +150,11 @@ class Rules {
 
 }  // namespace
 
+void doubtGeometry(Judgement& judgement, const std::string& why) {
+  judgement.flags.push_back({"geometry", why});
+  judgement.confidence *= 0.4;  // below the half at which the other rules tell
+}
+
 Judgement judgeVolume(double volumeMl, const VolumeRange& volumes) {
   Rules rule;
   rule.volume(volumeMl, volumes);

@@ -60,6 +60,9 @@ struct Trial {
   const BitVolume& seed;     ///< on the same grid
 };
 
+/// Makes a mask doubtful whose voxels may be of another size than told.
+void doubtGeometry(Judgement& judgement, const std::string& why);
+
 /// Fills the figures that come from intensities and shape.
 void examine(const Trial& trial, Evidence& evidence);
 

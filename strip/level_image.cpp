@@ -1,6 +1,8 @@
 #include "level_image.h"
 
 #include <algorithm>
+#include <limits>
+#include <stdexcept>
 
 #include "parallel.h"
 
@@ -81,6 +83,8 @@ LevelImage::LevelImage(const Intensities& image, const Box& part, int block, int
       domain_(size_) {
   rowLength_ = domain_.wordsInRow() * BitVolume::kBits;
   voxels_ = std::size_t(rowLength_) * size_[1] * size_[2];
+  if (voxels_ > std::size_t(std::numeric_limits<int>::max()))
+    throw std::length_error("has more voxels than fit the 32-bit sizes of the method");
   values_ = std::make_unique_for_overwrite<Value[]>(voxels_);
   for (int d = 0; d < 3; ++d) blocks_[d] = (size_[d] + block - 1) / block;
   const auto fillRow = [&](int y, int z) {

@@ -40,6 +40,7 @@ class LevelImage {
   static constexpr int kReach = 10;
 
   /// @param block  edge of a block in voxels, a power of two
+  /// @throws std::length_error if it has more voxels than an int counts
   LevelImage(const Intensities& image, int block)
       : LevelImage(image, {{0, 0, 0}, image.grid.size}, block) {}
   /// Of a part of a volume.

@@ -2,28 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <mutex>
+#include <cstdio>
 
-#include "front.h"
+#include "coarse_to_fine.h"
 #include "head.h"
-#include "parallel.h"
-#include "weight_choice.h"
 #include "work_image.h"
 
 namespace tavrel::strip {
 namespace {
-
-// Lengths in mm.
-constexpr double kCoarsestMm = 2.5;  // the coarsest level's voxels are larger
-constexpr std::array<double, 3> kSeedHalf = {36, 43, 32};
-constexpr double kTrialOpen = 2, kTrialClose = 6;  // finishing on the level of the trials
-constexpr double kHold = 6;  // from the trial's finished mask to where the surface may go
-constexpr int kCoarsestSteps = 200, kSteps = 12, kFinestSteps = 5;
-constexpr int kTrialBlock = 2, kFinestBlock = 4;  // edges in voxels, see LevelImage
-constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials' masks are tighter
-// The finest level only has to find the border near the chosen mask: there the brain's own mean
-// counts more, so that the darker voxels of the gap stay out.
-constexpr double kFinestW5 = 0.8;
 
 /// A scan and its settings as if the head were an adult's: all lengths of the method are for those.
 struct AdultSized {
@@ -42,175 +28,28 @@ struct AdultSized {
   StripSettings settings;
 };
 
-/// The image at falling resolutions, finest first.
-std::vector<Intensities> pyramid(Intensities finest) {
-  std::vector<Intensities> levels;
-  levels.push_back(std::move(finest));
-  while (levels.back().grid.spacing[0] < kCoarsestMm) levels.push_back(halved(levels.back()));
-  return levels;
+/// Refuses a head far beyond the brains that are looked for: its grid would be out of all
+/// proportion.
+void checkWidth(const Head& head, double scale, const VolumeRange& volumes) {
+  constexpr double kWidest = 500;  // twice that of an adult
+  if (head.widthMm() <= kWidest) return;
+  char why[160];
+  std::snprintf(why, sizeof why,
+                "holds a head %.0f mm wide, far too wide for a brain of %g to %g mL",
+                scale * head.widthMm(), volumes.least, volumes.most);
+  throw NoHead(why);
 }
 
-/// A box of the seed's size around a point.
-BitVolume seedBox(const Grid& grid, const std::array<double, 3>& centre) {
-  Box box;
-  for (int d = 0; d < 3; ++d) {
-    const auto index = [&](double mm) {  // of the first voxel whose centre is not before mm
-      return std::clamp(int(std::ceil(mm / grid.spacing[d] - 0.5)), 0, grid.size[d]);
-    };
-    box.first[d] = index(centre[d] - kSeedHalf[d]);
-    box.end[d] = index(centre[d] + kSeedHalf[d]);
+/// Why a scan in which no head was found has none.
+std::string whyNoHead(const ScanView& scan) {
+  std::vector<float> plane(std::size_t(scan.grid.size[0]) * scan.grid.size[1]);
+  for (int z = 0; z < scan.grid.size[2]; ++z) {
+    scan.read(std::size_t(z) * plane.size(), plane);
+    if (std::any_of(plane.begin(), plane.end(), [](float v) { return std::isinf(v); }))
+      return "holds no head, but values that are too large for a 32-bit float";
   }
-  BitVolume seed(grid.size);
-  for (int z = box.first[2]; z < box.end[2]; ++z)
-    for (int y = box.first[1]; y < box.end[1]; ++y) seed.setRange(y, z, box.first[0], box.end[0]);
-  return seed;
+  return "holds no head";
 }
-
-/// A scan on its way from the working image to a mask.
-class Chain {
- public:
-  Chain(Intensities image, const std::array<double, 3>& centre, const StripSettings& settings,
-        const StripObserver& observer)
-      : settings_(settings), observer_(observer), levels_(pyramid(std::move(image))) {
-    seed_ = seedBox(levels_.back().grid, centre);
-  }
-
-  /// The level on which weights are compared: the second coarsest.
-  std::size_t trialLevel() const {
-    return levels_.size() - std::min<std::size_t>(2, levels_.size());
-  }
-
-  void runTrials() {
-    for (std::size_t l = trialLevel(); l < levels_.size(); ++l)
-      images_.emplace_back(levels_[l], kTrialBlock);
-    if (settings_.w5)
-      addTrials({{*settings_.w5}});
-    else
-      addTrials(kWeights);
-    const auto goOn = [&] {
-      return choice_.best + 1 == trials_.size() && choice_.ratings.back() < kStable &&
-             trials_.back().w5 < kLargestWeight;
-    };
-    while (!settings_.w5 && goOn()) addTrials({{trials_.back().w5 + kWeightStep}});
-  }
-
-  /// The mask on the working grid.
-  BitVolume finest() {
-    const WeightTrial& best = trials_[choice_.chosen];
-    if (trialLevel() == 0) return finished(best.raw);
-    const Intensities& image = levels_[trialLevel() - 1];
-    BitVolume domain = best.finished;
-    dilate(domain, levels_[trialLevel()].grid.spacing, kHold);
-    domain = doubled(domain, image.grid.size);
-    const Box box = grown(boundingBox(domain), {1, 1, 1}, image.grid.size);
-    const LevelImage level(image, box, kFinestBlock, settings_.threads);
-    BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
-    domain = cropped(domain, box);
-    inside &= domain;
-    idle_.clear();
-    Front front(level);
-    inside = evolve(level, front, inside, level.withBorder(domain),
-                    {.w5 = settings_.w5.value_or(kFinestW5),
-                     .mostSteps = kFinestSteps,
-                     .threads = settings_.threads});
-    return uncropped(finished(std::move(inside)), box, image.grid.size);
-  }
-
-  /// What speaks for and against the chosen mask, as far as the trials tell.
-  Evidence evidence() const {
-    Evidence e;
-    e.agreement = choice_.agreement;
-    for (std::size_t i = 0; i + 1 < trials_.size(); ++i)
-      e.shrinking = std::max(e.shrinking, 1 - trials_[i + 1].ml / std::max(1.0, trials_[i].ml));
-    const Intensities& image = levels_[trialLevel()];
-    BitVolume seed = seed_;
-    if (seed.size() != image.grid.size) seed = doubled(seed, image.grid.size);
-    examine({image, trials_[choice_.chosen].finished, seed}, e);
-    return e;
-  }
-
-  std::vector<TrialRecord> records() const {
-    std::vector<TrialRecord> records;
-    for (std::size_t i = 0; i < trials_.size(); ++i)
-      records.push_back({trials_[i].w5, trials_[i].ml, choice_.ratings[i]});
-    return records;
-  }
-
-  double w5() const { return trials_[choice_.chosen].w5; }
-
- private:
-  BitVolume evolve(const LevelImage& image, Front& front, const BitVolume& from,
-                   const BitVolume& domain, const FrontSettings& settings) const {
-    BitVolume inside = image.withBorder(from);
-    front.evolve(inside, domain, settings, observer_.checkpoint);
-    return image.withoutBorder(inside);
-  }
-
-  using Fronts = std::vector<std::unique_ptr<Front>>;  // one a level of images_
-
-  void addTrials(std::span<const double> weights) {
-    const std::size_t before = trials_.size();
-    trials_.resize(before + weights.size());
-    parallelFor(settings_.threads, int(weights.size()), [&](int i) {
-      auto fronts = borrowFronts();
-      trials_[before + std::size_t(i)] = trial(weights[std::size_t(i)], *fronts);
-      const std::lock_guard guard(idleLock_);
-      idle_.push_back(std::move(fronts));
-    });
-    choice_ = chooseWeight(trials_, kTrialShare * settings_.volumes.most);
-  }
-
-  /// Fronts of another trial, whose memory is used again, or new ones.
-  std::unique_ptr<Fronts> borrowFronts() {
-    const std::lock_guard guard(idleLock_);
-    if (!idle_.empty()) {
-      auto fronts = std::move(idle_.back());
-      idle_.pop_back();
-      return fronts;
-    }
-    auto fronts = std::make_unique<Fronts>();
-    for (const LevelImage& image : images_) fronts->push_back(std::make_unique<Front>(image));
-    return fronts;
-  }
-
-  WeightTrial trial(double w5, Fronts& fronts) const {
-    WeightTrial result;
-    result.w5 = w5;
-    result.raw = seed_;
-    int steps = kCoarsestSteps;
-    for (std::size_t l = images_.size(); l-- > 0; steps = kSteps) {
-      const LevelImage& image = images_[l];
-      if (l + 1 < images_.size()) result.raw = doubled(result.raw, image.grid().size);
-      result.raw =
-          evolve(image, *fronts[l], result.raw, image.domain(), {.w5 = w5, .mostSteps = steps});
-    }
-    const Grid& grid = images_.front().grid();
-    result.finished = result.raw;
-    finishMask(result.finished, grid.spacing,
-               {.openMm = kTrialOpen, .largest = true, .closeMm = kTrialClose, .fillHoles = true});
-    result.ml = millilitres(double(result.finished.count()), grid.spacing);
-    return result;
-  }
-
-  /// The minimum filter has made the brain a voxel smaller all around.
-  BitVolume finished(BitVolume mask) const {
-    constexpr double kCube = 1.75;  // reaches the 26 neighbours
-    dilate(mask, {1, 1, 1}, kCube);
-    if (settings_.finish)
-      finishMask(mask, levels_.front().grid.spacing, *settings_.finish, observer_.checkpoint);
-    return mask;
-  }
-
-  const StripSettings& settings_;
-  const StripObserver& observer_;
-  std::vector<Intensities> levels_;  // finest first
-  std::vector<LevelImage> images_;   // of the trials' level and coarser ones
-  BitVolume seed_;
-  std::mutex idleLock_;
-  std::vector<std::unique_ptr<Fronts>> idle_;
-  std::vector<WeightTrial> trials_;
-  WeightChoice choice_;
-};
 
 }  // namespace
 
@@ -232,31 +71,31 @@ Stripped stripScan(const ScanView& given, const StripSettings& givenSettings,
   const StripSettings& settings = adult.settings;
   stage("finding the head", 0);
   const auto head = findHead(scan, settings.threads);
-  if (!head) throw NoHead("holds no head");
+  if (!head) throw NoHead(whyNoHead(scan));
+  checkWidth(*head, adult.scale, givenSettings.volumes);
   const WorkGrid work(scan, head->box, settings.resampleMm);
   constexpr double kHeadroom = 1.3;  // above the bright tissue's intensity
   Intensities image = work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low),
                                  settings.threads);
   minimumFilter(image);
   stage("trying weights", 0.2);
-  Chain chain(std::move(image), work.fromScan(head->centre), settings, observer);
-  chain.runTrials();
+  CoarseToFine levels(std::move(image), work.fromScan(head->centre), settings, observer);
   stage("finest level", 0.7);
-  const BitVolume mask = chain.finest();
-  Evidence evidence = chain.evidence();
+  const BitVolume mask = levels.finest();
+  Evidence evidence = levels.evidence();
   const FieldOfViewCut cut = work.cut(mask);
   evidence.cutCm2 = cut.elsewhere;
   evidence.cutBelowCm2 = cut.below;
   evidence.scale = adult.scale;
   evidence.otherPiece = head->otherPiece;
   evidence.voxelMm3 = 1000 * millilitres(1, scan.grid.spacing);
-  evidence.headWidthMm = boundingBox(head->mask).size()[0] * head->blocks.spacing[0];
+  evidence.headWidthMm = head->widthMm();
   Stripped result;
   result.mask = work.toScan(scan, mask, settings.threads);
   evidence.volumeMl = millilitres(double(std::count(result.mask.begin(), result.mask.end(), 1)),
                                   given.grid.spacing);
-  result.w5 = chain.w5();
-  result.trials = chain.records();
+  result.w5 = levels.w5();
+  result.trials = levels.records();
   for (TrialRecord& trial : result.trials) trial.ml = adult.givenMl(trial.ml);
   result.judgement = judge(evidence, givenSettings.volumes);
   return result;

@@ -160,10 +160,17 @@ class Run {
       checkInterrupted();
       pass(observer_.strip.checkpoint);
     };
-    if (settings.evolution == Evolution::scan) return stripScan(viewOf(scan_), settings, observer);
-    const Grid grid = gridOf(scan_.header);
-    tell(observer_.onGrid, exactGrid(grid, settings));
-    return stripExactly(imageOf(scan_), grid, settings, observer);
+    Stripped stripped;
+    if (settings.evolution == Evolution::scan) {
+      stripped = stripScan(viewOf(scan_), settings, observer);
+    } else {
+      const Grid grid = gridOf(scan_.header);
+      tell(observer_.onGrid, exactGrid(grid, settings));
+      stripped = stripExactly(imageOf(scan_), grid, settings, observer);
+    }
+    const std::string& distortion = scan_.header.distortion;
+    if (!distortion.empty()) doubtGeometry(stripped.judgement, distortion);
+    return stripped;
   }
 
   Scan readMask() const {

@@ -2,17 +2,21 @@
 
 #include <cmath>
 
+#include "format.h"
+
 namespace tavrel::scan {
 namespace {
 
 constexpr char kExact[] = "exact", kNone[] = "none";
-constexpr double kLeastMm = 0.1, kMostMm = 20;  // of --resample
+constexpr double kLeastMm = 0.1, kMostMm = 5;   // of --resample
+constexpr double kLeastW5 = 0.1, kMostW5 = 10;  // of the evolution for scans
+constexpr double kAnyW5 = 1e6;                  // of the exact one, which takes what `Tavrel` takes
 
-double parseNumber(const char* option, const std::string& text) {
-  double number = 0;
-  if (!CLI::detail::lexical_cast(text, number) || !std::isfinite(number))
-    throw CLI::ValidationError(option, "\"" + text + "\" is not a number");
-  return number;
+/// @throws CLI::ValidationError if the text is no number from `least` to `most`
+double parseNumber(const char* option, std::string text, double least, double most) {
+  const std::string wrong = between(least, most)(text);
+  if (!wrong.empty()) throw CLI::ValidationError(option, wrong);
+  return std::stod(text);
 }
 
 }  // namespace
@@ -58,7 +62,7 @@ void MethodOptions::declareFinishing(CLI::App& app) {
     return app.add_option(name, mm, help)
         ->type_name("MM")
         ->group(kGroup)
-        ->check(CLI::Range(0.0, 100.0).description(""))
+        ->check(between(0, 100))
         ->capture_default_str();
   };
   const auto onOff = [&](const char* name, bool& value, bool meaning, const char* help) {
@@ -78,22 +82,31 @@ void MethodOptions::declareFinishing(CLI::App& app) {
 }
 
 void MethodOptions::apply(strip::StripSettings& settings) const {
-  if (w5_ != strip::kAuto) settings.w5 = parseNumber("--w5", w5_);
   if (evolution_ == kExact) settings.evolution = strip::Evolution::exact;
-  if (resample_ != strip::kAuto) {
-    const double mm = parseNumber("--resample", resample_);
-    if (mm < kLeastMm || mm > kMostMm)
-      throw CLI::ValidationError("--resample", "\"" + resample_ + "\" is not in [0.1 - 20]");
-    settings.resampleMm = mm;
-  }
+  if (w5_ != strip::kAuto)
+    settings.w5 = evolution_ == kExact ? parseNumber("--w5", w5_, -kAnyW5, kAnyW5)
+                                       : parseNumber("--w5", w5_, kLeastW5, kMostW5);
+  if (resample_ != strip::kAuto)
+    settings.resampleMm = parseNumber("--resample", resample_, kLeastMm, kMostMm);
   const auto [least, most] = volumes_;
   if (!(least >= 0 && least < most && std::isfinite(most)))
-    throw CLI::ValidationError("--volume-range", "has to be a smaller number and a larger one");
+    throw CLI::ValidationError("--volume-range", "needs two numbers, the smaller one first");
   settings.volumes = {least, most};
   if (finish_ == kNone)
     refuse(steps_, "has no use with --finish none");
   else
     settings.finish = finishing_;
+}
+
+CLI::Validator between(double least, double most) {
+  return {[least, most](std::string& text) {
+            double number = 0;
+            const bool fits =
+                CLI::detail::lexical_cast(text, number) && number >= least && number <= most;
+            return fits ? ""
+                        : scan::text('"', text, "\" is not a number from ", least, " to ", most);
+          },
+          ""};
 }
 
 void refuse(const std::vector<const CLI::Option*>& options, const char* why) {

@@ -34,6 +34,9 @@ class MethodOptions {
   std::vector<const CLI::Option*> all_, steps_;  // steps: of the finishing
 };
 
+/// Takes numbers from `least` to `most`.
+CLI::Validator between(double least, double most);
+
 /// Complains about those of the options that were given. @throws CLI::ValidationError
 void refuse(const std::vector<const CLI::Option*>& options, const char* why);
 

@@ -108,17 +108,17 @@ class CommandLine {
   void addRun() {
     add("--jobs,--nprocs,--n-cpus", jobs_,
         "Scans at a time (default: as many as processors and memory allow)", "N", kRun)
-        ->check(CLI::Range(1, 4096).description(""));
+        ->check(scan::between(1, 4096));
     add("--mem,--mem-mb,--mem_mb", memoryMb_,
         "Memory in MB for all scans together (default: what is free)", "MB", kRun)
-        ->check(CLI::Range(1.0, 1e9).description(""));
+        ->check(scan::between(1.0, 1e9));
     passedOn_.push_back(add("--threads,--omp-nthreads", o_.study.strip.threads,
                             "Threads a scan; the result does not depend on it", "N", kRun)
-                            ->check(CLI::Range(1, kMostThreads).description(""))
+                            ->check(scan::between(1, kMostThreads))
                             ->capture_default_str());
     passedOn_.push_back(
         add("--timeout", timeout_, "Give a scan up after this time", "SECONDS", kRun)
-            ->check(CLI::Range(0.001, 1e9).description("")));
+            ->check(scan::between(0.001, 1e9)));
     passedOn_.push_back(flag("--force", o_.study.force,
                              "Also strip again what is finished; changed masks stay", kRun));
     flag("--no-group", o_.noGroup, "Leave the table and the report to a later call", kRun);
@@ -141,7 +141,7 @@ class CommandLine {
     add("--slurm-options", o_.slurm.options, "Further options for sbatch", "TEXT", kGroup);
     add("--slurm-scans", o_.slurm.scansPerTask,
         "Scans a task (default: as many as take some minutes)", "N", kGroup)
-        ->check(CLI::Range(1, 1000000).description(""));
+        ->check(scan::between(1, 1000000));
     flag("--slurm-wait", o_.slurm.wait, "Submit, wait for the end and tell the run's status",
          kGroup);
     flag("--slurm-dry-run", o_.slurm.dryRun, "Print the script and submit nothing", kGroup);

@@ -136,17 +136,17 @@ class CommandLine {
                        "on the scan's grid (> 0 inside), say one that was corrected by hand",
                        "FILE");
     method_.declare(app_);
-    // As many as the process may use; the variable is for schedulers and scripts.
-    o_.strip.threads = usableProcessors();
-    method("--threads", o_.strip.threads,
-           "Threads a scan; the result does not depend on it (default: the processors that may be "
-           "used)",
-           "N")
-        ->envname(kThreadsVariable)
-        ->check(CLI::Range(1, kMostThreads).description(""));
+    o_.strip.threads = usualThreads();
+    threads_ = method("--threads", o_.strip.threads,
+                      "Threads a scan; the result does not depend on it (default: TAVREL_THREADS, "
+                      "else the processors that may be used)",
+                      "N")
+                   ->check(between(1, kMostThreads));
   }
 
   void readMethod() {
+    if (!threads_->count() && threadsAsked() < 0)
+      throw CLI::ValidationError(wrongThreadsVariable());
     method_.apply(o_.strip);
     if (fromMask_->count()) {
       refuse({phi_}, "has no use with --from-mask");
@@ -179,7 +179,7 @@ class CommandLine {
   Options o_;
   MethodOptions method_;
   OptionList singles_;  // options that name single outputs
-  const CLI::Option *fromMask_ = nullptr, *phi_ = nullptr;
+  const CLI::Option *fromMask_ = nullptr, *phi_ = nullptr, *threads_ = nullptr;
 };
 
 }  // namespace

@@ -175,6 +175,8 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
                               "--finish none --open 2",
                               "--open -1",
                               "--resample 0",
+                              "--w5 0",
+                              "--resample 6",
                               "--threads 0",
                               "--evolution quick",
                               "--phi phi.nii",  // goes with the exact evolution alone
@@ -190,8 +192,10 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
                               "x/scan.nii.gz --out-dir out"})
     EXPECT_NE(strip(std::string("scan.nii.gz ") + options, 1).err, "") << options;
   EXPECT_NE(strip("", 1).err, "");
+  const auto manyThreads = [] { setenv("TAVREL_THREADS", "all", 1); };
+  strip("scan.nii.gz", 1, "TAVREL_THREADS: \"all\" is not a number from 1 to 1024", manyThreads);
   EXPECT_EQ(files(), before);
-  const Result help = strip("--help");
+  const Result help = strip("--help", 0, "", manyThreads);
   for (const char* option : {"--out-dir", "--resample", "--json", "Examples"})
     EXPECT_NE(help.out.find(option), std::string::npos) << option;
   EXPECT_EQ(strip("--version").out, "tavrel-nifti 1.0.0\n");
@@ -264,6 +268,21 @@ TEST_F(Command, FindsTheBrainWithItsDefaultsAndTellsWhatItDoubts) {
   EXPECT_LT(entryOf("inverted.nii --strict", 3)["confidence"], 0.5);
   EXPECT_TRUE(fs::exists("inverted_brain_mask.nii"));
   EXPECT_EQ(entryOf("same.nii --strict", 2)["error"], "holds no head");
+
+  // Voxels of an unknown size.
+  Bytes unknown = inflate("good.nii.gz");
+  std::memset(unknown.data() + offsetof(nifti_1_header, pixdim) + 8, 0xff, 4);
+  std::memset(unknown.data() + offsetof(nifti_1_header, qform_code), 0, 4);
+  writeBytes("unknown.nii", unknown);
+  entry = entryOf("unknown.nii --volume-range 100 2000 --strict", 3, "axis 2 is not known");
+  EXPECT_EQ(entry["flags"].back()["code"], "geometry");
+  EXPECT_LT(entry["confidence"], 0.5);
+  std::vector<double> larger;
+  for (const double v : voxels) larger.push_back(v * 1e306);
+  FileLayout doubles = layout;
+  doubles.datatype = NIFTI_TYPE_FLOAT64;
+  writeNifti("larger.nii", doubles, larger);
+  entryOf("larger.nii", 2, "too large for a 32-bit float");
 }
 
 TEST_F(Command, ResamplesAndThreadsWithoutChangingTheGrid) {

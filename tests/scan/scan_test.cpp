@@ -122,13 +122,18 @@ TEST(Header, GivesMillimetresAndOrientation) {
   EXPECT_EQ(sagittal.orientation->axis, (std::array{2, 0, 1}));
   EXPECT_EQ(sagittal.orientation->ascending, (std::array{false, false, true}));
 
-  const Header odd = parsedAfter([](auto& h) {
-    h.pixdim[2] = std::nanf("");
-    h.pixdim[3] = -2;
-  });
-  EXPECT_EQ(odd.spacing[1], 1);
-  EXPECT_EQ(odd.spacing[2], 2);
+  Header odd = parsedAfter([](auto& h) { h.pixdim[2] = std::nanf(""), h.pixdim[3] = -1.4f; });
+  EXPECT_NEAR(odd.spacing[1], 0.9, 0.02) << "as in the sform";
+  EXPECT_FLOAT_EQ(float(odd.spacing[2]), 1.4f);
   EXPECT_EQ(odd.notices.size(), 1u);
+  EXPECT_EQ(odd.distortion, "");
+  odd = parsedAfter([](auto& h) { h.pixdim[2] = 1e9f, h.sform_code = 0; });
+  EXPECT_EQ(odd.spacing[1], 1);
+  EXPECT_EQ(odd.distortion, "the voxel size along axis 2 is not known");
+  odd = parsedAfter([](auto& h) { h.pixdim[3] = 2; });
+  EXPECT_NE(odd.distortion.find("axis 3 is 2 mm in the header, but 1.4"), std::string::npos);
+  odd = parsedAfter([](auto& h) { h.srow_y[0] = 0.5; });
+  EXPECT_NE(odd.distortion.find("right angles"), std::string::npos);
 }
 
 TEST_F(ScanFile, ScalingIsAppliedWhereItChangesComparisons) {

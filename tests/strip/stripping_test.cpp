@@ -117,6 +117,26 @@ TEST(Stripping, BrainsOfAnotherSizeAreStrippedAndJudgedAsThoseOfAdults) {
   settings.volumes = {500, 2500};
   EXPECT_EQ(stripScan(adult.view(), settings).mask, large.mask);
   EXPECT_THROW(stripScan(small.view(), settings), NoHead);
+  settings.volumes = {0.1, 0.4};  // of a mouse: such a grid would have a thousand times the voxels
+  EXPECT_THROW(stripScan(adult.view(), settings), NoHead);
+}
+
+TEST(Stripping, TellsAHeadThatTheFieldOfViewCuts) {
+  const TestScan whole = phantomHead(2);
+  const auto cutBy = [&](int d, int first, int end) {
+    Grid grid = whole.grid;
+    grid.size[d] -= first + end;
+    const TestScan part = rearranged(whole, grid, 0, [&](Size p) {
+      p[d] += first;
+      return p;
+    });
+    return codes(stripScan(part.view(), {}).judgement);
+  };
+  EXPECT_EQ(cutBy(2, 0, 0).find("cut"), std::string::npos);
+  EXPECT_NE(cutBy(2, 0, 25).find("cut"), std::string::npos) << "above";
+  EXPECT_NE(cutBy(2, 40, 0).find("cut"), std::string::npos) << "below";
+  EXPECT_NE(cutBy(0, 20, 0).find("cut"), std::string::npos) << "at the right";
+  EXPECT_NE(cutBy(1, 0, 30).find("cut"), std::string::npos) << "before";
 }
 
 }  // namespace

@@ -104,29 +104,70 @@ void readScaling(const Fields& fields, Header& header) {
   header.inter = std::isfinite(inter) ? inter : 0;
 }
 
+bool possibleSpacing(double mm) { return std::isfinite(mm) && mm > 1e-6 && mm < 1e6; }
+
+using Directions = std::array<std::array<double, 3>, 3>;  // steps in the patient along voxel axes
+
+double length(const std::array<double, 3>& v) { return std::hypot(v[0], v[1], v[2]); }
+
+/// The three steps of a transform, in millimetres.
+Directions directionsOf(const nifti_dmat44& matrix, double unitMm) {
+  Directions steps;
+  for (int axis = 0; axis < 3; ++axis)
+    for (int row = 0; row < 3; ++row) steps[axis][row] = matrix.m[row][axis] * unitMm;
+  return steps;
+}
+
+/// Voxel sizes from the header's field for them, else from the sform, else 1 mm.
 template <class Fields>
-void readSpacing(const Fields& fields, Header& header) {
-  const int unit = XYZT_TO_SPACE(fields.xyzt_units);
-  const double scale = unit == NIFTI_UNITS_METER ? 1000 : unit == NIFTI_UNITS_MICRON ? 0.001 : 1;
+void readSpacing(const Fields& fields, const Directions* sform, double unitMm, Header& header) {
   for (int d = 0; d < 3; ++d) {
-    const double mm = std::abs(double(fields.pixdim[d + 1])) * scale;
-    const bool usable = std::isfinite(mm) && mm > 1e-6 && mm < 1e6;
-    header.spacing[d] = usable ? mm : 1;
-    if (!usable)
-      header.notices.push_back(text("voxel size along axis ", d + 1, " is ", fields.pixdim[d + 1],
-                                    " in the header; taken as 1 mm"));
+    const double mm = std::abs(double(fields.pixdim[d + 1])) * unitMm;
+    header.spacing[d] = mm;
+    if (possibleSpacing(mm)) continue;
+    const bool inSform = sform && possibleSpacing(length((*sform)[d]));
+    header.spacing[d] = inSform ? length((*sform)[d]) : 1;
+    header.notices.push_back(text("voxel size along axis ", d + 1, " is ", fields.pixdim[d + 1],
+                                  " in the header; taken as ", header.spacing[d], " mm",
+                                  inSform ? " from the sform" : ""));
+    if (!inSform) header.distortion = text("the voxel size along axis ", d + 1, " is not known");
   }
 }
 
-/// What the reference library makes of the spatial transforms.
-void readOrientation(nifti_image* converted, Header& header) {
-  const NiftiImage image(converted, nifti_image_free);
-  if (!image) throw ScanError("has a header that the NIfTI library refuses");
-  if (image->sform_code <= 0 && image->qform_code <= 0) return;
-  const auto& matrix = image->sform_code > 0 ? image->sto_xyz : image->qto_xyz;
+/// Tells voxels of another size in the sform than in the header's field for it. They differ
+/// rightly by some percent where the sform leads to another head's space.
+void compareSpacing(const Directions& sform, Header& header) {
+  constexpr double kMostApart = 1.3;
+  for (int d = 0; d < 3; ++d) {
+    const double mm = length(sform[d]);
+    if (mm > kMostApart * header.spacing[d] || mm * kMostApart < header.spacing[d])
+      header.distortion = text("voxel size along axis ", d + 1, " is ", header.spacing[d],
+                               " mm in the header, but ", mm, " mm in its sform");
+  }
+}
+
+/// Tells axes that are far from right angles, so that voxels are smaller than their sides say.
+void checkAngles(const Directions& d, Header& header) {
+  constexpr double kLeastVolume = 0.97;  // of a box with these sides: about 14 degrees
+  const double volume = d[0][0] * (d[1][1] * d[2][2] - d[1][2] * d[2][1]) -
+                        d[0][1] * (d[1][0] * d[2][2] - d[1][2] * d[2][0]) +
+                        d[0][2] * (d[1][0] * d[2][1] - d[1][1] * d[2][0]);
+  const double box = length(d[0]) * length(d[1]) * length(d[2]);
+  if (box > 0 && std::isfinite(box) && std::abs(volume) < kLeastVolume * box)
+    header.distortion = text("the axes of the voxels are not at right angles (a voxel has ",
+                             std::lround(100 * std::abs(volume) / box),
+                             " % of the volume of a box with its sides)");
+}
+
+bool isFinite(const nifti_dmat44& matrix) {
   for (const auto& row : matrix.m)
     for (const double value : row)
-      if (!std::isfinite(value)) return;
+      if (!std::isfinite(value)) return false;
+  return true;
+}
+
+/// What the reference library makes of the spatial transforms.
+void readOrientation(const nifti_dmat44& matrix, Header& header) {
   int codes[3] = {};
   nifti_dmat44_to_orientation(matrix, &codes[0], &codes[1], &codes[2]);
   Orientation orientation = {};
@@ -150,6 +191,24 @@ nifti_image* convert(const nifti_2_header& fields) {
   return nifti_convert_n2hdr2nim(fields, nullptr);
 }
 
+/// Everything that tells where the voxels lie.
+template <class Fields>
+void readGeometry(const Fields& fields, Header& header) {
+  const NiftiImage image(convert(fields), nifti_image_free);
+  if (!image) throw ScanError("has a header that the NIfTI library refuses");
+  const int unit = XYZT_TO_SPACE(fields.xyzt_units);
+  const double unitMm = unit == NIFTI_UNITS_METER ? 1000 : unit == NIFTI_UNITS_MICRON ? 0.001 : 1;
+  const bool sform = image->sform_code > 0;
+  const auto& matrix = sform ? image->sto_xyz : image->qto_xyz;
+  const bool known = (sform || image->qform_code > 0) && isFinite(matrix);
+  const Directions directions = directionsOf(matrix, unitMm);
+  readSpacing(fields, sform && known ? &directions : nullptr, unitMm, header);
+  if (!known) return;
+  readOrientation(matrix, header);
+  if (sform) compareSpacing(directions, header);
+  checkAngles(directions, header);
+}
+
 template <class Fields>
 Header parse(std::span<const std::byte> bytes) {
   Header header;
@@ -162,8 +221,7 @@ Header parse(std::span<const std::byte> bytes) {
   readDatatype(fields, header);
   readOffset(fields, header);
   readScaling(fields, header);
-  readSpacing(fields, header);
-  readOrientation(convert(fields), header);
+  readGeometry(fields, header);
   header.fields = fields;
   return header;
 }

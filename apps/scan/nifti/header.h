@@ -39,9 +39,10 @@ struct Header {
   int datatype = 0;  ///< NIfTI datatype code, one of the real ones
   int bytesPerVoxel = 0;
   std::int64_t dataOffset = 0;  ///< where the voxels begin in their file
-  double slope = 1;      ///< real value = slope * stored value + inter; 1 and 0 where the file
-  double inter = 0;      ///< sets no scaling
-  Spacing spacing = {};  ///< millimetres, positive
+  double slope = 1;        ///< real value = slope * stored value + inter; 1 and 0 where the file
+  double inter = 0;        ///< sets no scaling
+  Spacing spacing = {};    ///< millimetres, positive
+  std::string distortion;  ///< why lengths and volumes cannot be relied on, in one line; or empty
   std::optional<Orientation> orientation;  ///< absent where neither sform nor qform is set
   std::vector<std::string> notices;        ///< oddities that were worked around, one line each
 };
