@@ -32,6 +32,7 @@ json entry(const ReportInput& input, const cohort::Row& row) {
           {"memory", figure(row.peakMemoryMb)},
           {"maskSha256", row.maskSha256},
           {"rating", row.rating},
+          {"former", row.former},
           {"comment", row.comment},
           {"page", url(files.page)},
           {"thumbnail", exists(input.output / files.thumbnail) ? url(files.thumbnail) : ""}};

@@ -169,6 +169,7 @@ json pageData(const Material& m, const json& mask) {
           {"session", m.row.session},
           {"maskSha256", m.row.maskSha256},
           {"rating", m.row.rating},
+          {"former", m.row.former},
           {"comment", m.row.comment},
           {"previous", neighbour(m.input, m.place - 1)},
           {"next", neighbour(m.input, m.place + 1)},

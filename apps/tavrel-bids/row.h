@@ -25,6 +25,7 @@ struct Row {
   std::optional<double> peakMemoryMb;
   std::string maskSha256;  ///< of the mask that is there
   std::string rating;      ///< "pass", "fail" or "maybe", or "", of that mask
+  std::string former;      ///< the same of another mask of this scan, where that was rated
   std::string comment;     ///< of whoever rated it
 };
 

@@ -118,10 +118,10 @@ Ratings allRatings(const fs::path& output) {
 /// Takes a rating over, unless it was given to a mask that has been changed or made anew since.
 void rate(Row& row, const Rating& given) {
   row.comment = given.comment;
-  if (given.maskSha256.empty() || given.maskSha256 == row.maskSha256)
-    row.rating = given.rating;
-  else if (!given.rating.empty())
-    row.reason += scan::text(row.reason.empty() ? "" : "; ", "its rating, ", given.rating,
+  const bool same = given.maskSha256.empty() || given.maskSha256 == row.maskSha256;
+  (same ? row.rating : row.former) = given.rating;
+  if (!row.former.empty())
+    row.reason += scan::text(row.reason.empty() ? "" : "; ", "its rating, ", row.former,
                              ", was given to another mask: rate it again");
 }
 

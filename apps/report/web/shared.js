@@ -62,9 +62,9 @@ const ratings = {
    */
   of(row) {
     const given = this.all[row.scan] ?? row
-    const { rating, comment } = given
+    const { rating, former, comment } = given
     const isFormer = rating && given.maskSha256 && given.maskSha256 !== row.maskSha256
-    return isFormer ? { rating: '', former: rating, comment } : { rating, comment }
+    return isFormer ? { rating: '', former: rating, comment } : { rating, former, comment }
   },
 
   set(row, change) {
