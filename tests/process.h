@@ -84,9 +84,10 @@ class Process {
   pid_t id() const { return child_; }
   /// What it has written so far.
   std::string out() const { return readFile(streams_.path("out")); }
-  /// Waits until it has written something, a minute at most.
-  void waitForOutput() const {
-    for (int wait = 0; wait < 30000 && out().empty(); ++wait) rest();
+  /// Waits until it has written these words, or anything, a minute at most.
+  void waitForOutput(const std::string& words = "") const {
+    const auto written = [&] { return !out().empty() && out().find(words) != std::string::npos; };
+    for (int wait = 0; wait < 30000 && !written(); ++wait) rest();
   }
   /// The end of the process, which is killed if it is still there after `seconds`.
   Finished wait(double seconds = 280) {

@@ -19,8 +19,8 @@ std::atomic<int> arrived = 0, alarms = 0, unfinished = 0;
 static_assert(std::atomic<int>::is_always_lock_free);
 const char* programName = "";
 
-void setAlarm() {
-  const itimerval once = {{0, 0}, {0, kPatienceMicroseconds}};
+void setAlarm(int microseconds = kPatienceMicroseconds) {
+  const itimerval once = {{0, 0}, {0, microseconds}};
   setitimer(ITIMER_REAL, &once, nullptr);
 }
 
@@ -65,6 +65,11 @@ void catchSignals(const char* program) {
 
 void checkInterrupted() {
   if (arrived) throw Interrupted{arrived};
+}
+
+void answerInterrupt() {
+  setAlarm(0);  // none
+  arrived = 0;
 }
 
 Unfinished::Unfinished() { ++unfinished; }

@@ -21,6 +21,10 @@ void catchSignals(const char* program);
 /// @throws Interrupted if a signal has arrived since catchSignals().
 void checkInterrupted();
 
+/// Takes the signal for answered, so that what has been done can still be written down: the next
+/// one counts anew.
+void answerInterrupt();
+
 /// While one exists, the alarm waits for some seconds: there are files that have to be removed or
 /// put in place.
 class Unfinished {

@@ -63,27 +63,58 @@ ScanResult stripShowing(const ScanJob& job, bool quiet) {
   return result;
 }
 
+/// The file that --json names.
+class ReportFile {
+ public:
+  explicit ReportFile(const Options& options)
+      : options_(options), report_(newReport("tavrel-nifti", options.strip, options.volume)) {
+    if (!options.json.empty()) checkTarget(options.json, options.force);
+  }
+
+  void add(const ScanJob& job, const ScanResult& result) {
+    permissions_ &= result.permissions;
+    report_["scans"].push_back(reportEntry(job, result));
+  }
+
+  void write() const {
+    if (options_.json.empty()) return;
+    const std::string content = reportText(report_);
+    std::vector<PendingFile> files;
+    removeStale(folderOf(options_.json));
+    files.push_back(writePending(options_.json, std::as_bytes(std::span(content)), permissions_));
+    commitTogether(files, options_.force);
+  }
+
+  /// Writes what is there of a run that a signal has ended.
+  void writePart() const {
+    if (report_["scans"].empty()) return;
+    answerInterrupt();
+    write();
+  }
+
+ private:
+  const Options& options_;
+  nlohmann::ordered_json report_;
+  mode_t permissions_ = kOpenToAll;  // what all scans grant
+};
+
 int stripAll(const Options& options) {
-  nlohmann::ordered_json report = newReport("tavrel-nifti", options.strip, options.volume);
   std::vector<std::string> failed;
   bool doubtful = false;
-  mode_t permissions = kOpenToAll;  // of the report: what all scans grant
   if (!options.outDir.empty()) makeFolder(options.outDir);
-  if (!options.json.empty()) checkTarget(options.json, options.force);
-  for (const ScanJob& job : scanJobs(options)) {
-    const ScanResult result = stripShowing(job, options.quiet);
-    if (!result.done) failed.push_back(job.input);
-    doubtful |= !result.flags.empty();
-    permissions &= result.permissions;
-    report["scans"].push_back(reportEntry(job, result));
+  ReportFile report(options);
+  try {
+    for (const ScanJob& job : scanJobs(options)) {
+      const ScanResult result = stripShowing(job, options.quiet);
+      if (!result.done) failed.push_back(job.input);
+      doubtful |= !result.flags.empty();
+      report.add(job, result);
+    }
+  } catch (const Interrupted&) {
+    report.writePart();
+    throw;
   }
-  if (!options.json.empty()) {
-    const std::string content = reportText(report);
-    std::vector<PendingFile> files;
-    removeStale(folderOf(options.json));
-    files.push_back(writePending(options.json, std::as_bytes(std::span(content)), permissions));
-    commitTogether(files, options.force);
-  }
+  report.write();
   if (failed.empty()) return options.strict && doubtful ? 3 : 0;
   std::string line = text(failed.size(), " of ", options.inputs.size(), " failed:");
   for (const std::string& input : failed) line += " " + input;

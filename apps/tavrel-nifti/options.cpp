@@ -110,11 +110,14 @@ class CommandLine {
   }
 
   void addOutputs() {
+    // Empty where a script's variable is not set.
+    const auto named = [](const std::string& name) { return name.empty() ? "needs a name" : ""; };
     const auto output = [&](const char* name, std::string& file, const char* help) {
-      return add(name, file, help, "FILE", "Outputs");
+      return add(name, file, help, "FILE", "Outputs")->check(named);
     };
     add("--out-dir", o_.outDir,
-        "Folder for the outputs, made if missing (default: beside each scan)", "DIR", "Outputs");
+        "Folder for the outputs, made if missing (default: beside each scan)", "DIR", "Outputs")
+        ->check(named);
     singles_ = {
         output("--brain", o_.brain, "Name of the stripped scan, or \"none\""),
         output("--mask", o_.mask, "Name of the mask (unsigned 8-bit, 1 inside), or \"none\""),

@@ -164,6 +164,16 @@ TEST_F(Command, CtrlCLeavesNoFile) {
   EXPECT_EQ(result.status, 130);
   EXPECT_EQ(result.err, "tavrel-nifti: interrupted\n");
   EXPECT_EQ(files(), before);
+
+  // What was done before is kept and reported.
+  Process second(TAVREL_NIFTI_COMMAND,
+                 {"scan.nii.gz", "large.nii", "--evolution", "exact", "--w5", "1", "--json", "r"});
+  second.waitForOutput("-> scan_brain");
+  kill(second.id(), SIGTERM);
+  EXPECT_EQ(second.wait().status, 143);
+  ASSERT_EQ(reportIn("r")["scans"].size(), 1u);
+  EXPECT_EQ(reportIn("r")["scans"][0]["input"], "scan.nii.gz");
+  EXPECT_FALSE(fs::exists("large_brain.nii"));
 }
 
 TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
@@ -192,6 +202,7 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
                               "x/scan.nii.gz --out-dir out"})
     EXPECT_NE(strip(std::string("scan.nii.gz ") + options, 1).err, "") << options;
   EXPECT_NE(strip("", 1).err, "");
+  EXPECT_EQ(run({"scan.nii.gz", "--json", ""}).status, 1) << "a variable that is not set";
   const auto manyThreads = [] { setenv("TAVREL_THREADS", "all", 1); };
   strip("scan.nii.gz", 1, "TAVREL_THREADS: \"all\" is not a number from 1 to 1024", manyThreads);
   EXPECT_EQ(files(), before);
