@@ -136,6 +136,12 @@ TEST_F(Report, WritesOnlyPagesThatHaveChanged) {
   writeReports(input);
   const auto first = contents(input.output);
   EXPECT_TRUE(first.contains("sub-0001/figures/sub-0001_desc-brain_thumbnail.png"));
+  // Temporary files of a process that is no more are left by whoever was killed between writing a
+  // thumbnail and putting it in place.
+  for (const char* target : {"index.html", "sub-0001/figures/sub-0001_desc-brain_thumbnail.png"}) {
+    std::string stale = scan::writePending(path(target), {}, 0600).temporary();
+    std::ofstream(stale.replace(stale.size() - 12, 8, "0123abcd")) << "torn";
+  }
   writeReports(input);
   EXPECT_EQ(contents(input.output), first);
 
