@@ -83,7 +83,7 @@ TEST_F(Slurm, RunsOverSeveralTasksAndArrays) {
   EXPECT_EQ(first.status, 1) << first.out << first.err;
   EXPECT_NE(first.out.find("scancel"), std::string::npos);
   EXPECT_NE(first.err.find("sub-03: "), std::string::npos) << first.err;
-  EXPECT_EQ(differences(stripped(), local), "");
+  EXPECT_EQ(differences(stripped(), local), Names());
   EXPECT_EQ(table().at("sub-03").at("status"), "failed");
 
   addScan(scanOf(3), 3);

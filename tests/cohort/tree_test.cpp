@@ -44,7 +44,7 @@ TEST_F(Trees, RandomOnesEndWithALineAndAStatus) {
           mkfifo(scan.c_str(), 0600);
           break;
         case 3:
-          if (!failure) writeVolume(scan, {16, 19, 18}, head({16, 19, 18}, 1));
+          if (!failure) addScan(scan, 1, {16, 19, 18});
           break;
         default:
           std::ofstream(scan) << std::string(random() % 400, 'n');
