@@ -77,17 +77,19 @@ inline Stamps stampsOf(const fs::path& folder) {
 using Table = std::map<std::string, std::map<std::string, std::string>>;
 
 inline Table tableOf(const fs::path& file) {
-  std::istringstream lines(readText(file));
-  std::vector<std::string> names;
-  Table table;
-  for (std::string line; std::getline(lines, line);) {
+  std::ifstream lines(file);
+  const auto cellsOf = [](const std::string& line) {
     std::vector<std::string> cells;
     std::istringstream in(line);
     for (std::string cell; std::getline(in, cell, '\t');) cells.push_back(cell);
-    if (names.empty()) {
-      names = cells;
-      continue;
-    }
+    return cells;
+  };
+  std::string line;
+  std::getline(lines, line);
+  const auto names = cellsOf(line);
+  Table table;
+  while (std::getline(lines, line)) {
+    const auto cells = cellsOf(line);
     EXPECT_EQ(cells.size(), names.size()) << line;
     std::string key = cells.at(2);
     while (table.contains(key)) key += "'";

@@ -60,14 +60,7 @@ before(async () => {
   out = makeOutput(40)
   browser = await chromium.launch({
     executablePath: CHROMIUM,
-    args: [
-      ...(process.getuid() === 0 ? ['--no-sandbox'] : []),
-      '--use-gl=angle',
-      '--use-angle=swiftshader',
-      '--enable-unsafe-swiftshader',
-      '--disable-dev-shm-usage',
-      '--force-device-scale-factor=1'
-    ]
+    args: ['--use-angle=swiftshader', '--enable-unsafe-swiftshader', '--disable-dev-shm-usage']
   })
 })
 after(async () => {
@@ -109,7 +102,10 @@ test('the index sorts, filters, plots and shows names as they are', () =>
 
     await page.click('th.volume button')
     const falling = (await volumes(page)).slice(0, 39)
-    assert.deepEqual(falling, falling.toSorted((a, b) => b - a))
+    assert.deepEqual(
+      falling,
+      falling.toSorted((a, b) => b - a)
+    )
     assert.equal((await names(page)).at(-1), 'sub-0002', 'what has no volume comes last')
     await page.click('th.volume button')
     assert.equal(await page.getAttribute('th.volume', 'aria-sort'), 'ascending')
