@@ -111,12 +111,14 @@ class Cohort : public testing::Test {
     const FileLayout layout = layoutOf(size);
     writeNifti(raw_ / path, layout, phantom<std::int16_t>(layout, 200, seed));
   }
-  /// Subjects 01, 02, ... with a scan each.
+  /// Subjects 01, 02, ... with a scan each, 9 at most.
   void addSubjects(int count, const Size& size = kTiny) {
     for (int i = 1; i <= count; ++i) addScan(scanOf(i), std::uint64_t(i), size);
   }
-  static std::string subject(int i) { return (i < 10 ? "sub-0" : "sub-") + std::to_string(i); }
-  static std::string scanOf(int i) { return subject(i) + "/anat/" + subject(i) + "_T1w.nii.gz"; }
+  static std::string scanOf(int i) {
+    const std::string subject = "sub-0" + std::to_string(i);
+    return subject + "/anat/" + subject + "_T1w.nii.gz";
+  }
 
   std::vector<std::string> call(const std::vector<std::string>& options,
                                 const std::string& level = "participant") const {

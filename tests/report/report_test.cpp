@@ -116,10 +116,7 @@ TEST_F(Preview, CarriesMasksOfAllKindsAsPlainBytesOnTheirGrid) {
   const scan::Header header = scan::readScan(file).header;
   const report::PageMask mask = report::readMask(file);
   EXPECT_EQ(mask.size, header.size);
-  deflate(file, {});
-  std::ofstream(file, std::ios::binary)
-      .write(reinterpret_cast<const char*>(mask.file.data()), std::streamsize(mask.file.size()));
-  const scan::Scan plain = scan::readScan(file);
+  const scan::Scan plain = written(path("plain.nii"), mask.file);
   std::vector<std::byte> expected(120);
   expected[7] = std::byte{1};
   EXPECT_EQ(plain.stored, expected);
