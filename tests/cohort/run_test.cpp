@@ -20,13 +20,14 @@ class CohortRun : public Cohort {
   Process start(const std::vector<std::string>& options = {}) const {
     return Process(TAVREL_BIDS_COMMAND, call(options));
   }
-  /// Waits for a child that has worked for a moment.
-  static pid_t childAtWork(const Process& process) {
-    for (int wait = 0; wait < 3000; ++wait, std::this_thread::sleep_for(10ms))
-      if (const auto children = childrenOf(process.id()); !children.empty()) {
-        std::this_thread::sleep_for(50ms);
-        return children.front();
-      }
+  /// Waits for a child, and for the note of a scan that was begun.
+  pid_t childAtWork(const Process& process) const {
+    for (int wait = 0; wait < 3000; ++wait, std::this_thread::sleep_for(10ms)) {
+      const auto children = childrenOf(process.id());
+      std::error_code failure;
+      for (const auto& note : fs::directory_iterator(out_ / "logs/unfinished", failure))
+        if (!children.empty() && note.file_size(failure) > 0 && !failure) return children.front();
+    }
     return 0;
   }
 };
