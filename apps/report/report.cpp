@@ -45,6 +45,7 @@ void writeScan(const ReportInput& input, std::size_t row) {
   const Bytes page = bytesOf(scanPage(input, row));
   const bool same = readFile(input.output / files.page) == page;
   const fs::path picture = input.output / files.thumbnail;
+  scan::removeStale(picture.parent_path());
   if (same && fs::exists(picture)) return;
   std::vector<scan::PendingFile> pending;
   const Bytes png = thumbnail(input.output, files);
@@ -57,6 +58,7 @@ void writeScan(const ReportInput& input, std::size_t row) {
 }  // namespace
 
 void writeReports(const ReportInput& input) {
+  scan::removeStale(input.output);
   parallelFor(usualThreads(), int(input.rows.size()), [&](int row) {
     scan::checkInterrupted();
     writeScan(input, std::size_t(row));

@@ -22,7 +22,8 @@ struct ReportInput {
 
 /// Writes `index.html`, and for each row its page `<scan>.html` and its thumbnail. The same input
 /// gives the same bytes, and a file that holds them already is not touched. What a page lacks (a
-/// picture that is gone, a damaged mask) is said on it.
+/// picture that is gone, a damaged mask) is said on it. What a killed run has left of such files is
+/// removed.
 /// @throws scan::OutputError if a file cannot be written; scan::Interrupted
 void writeReports(const ReportInput& input);
 

@@ -20,6 +20,7 @@ if(missing)
   return()
 endif()
 
+set_property(GLOBAL PROPERTY viewer_packages ${built})
 set(viewer ${built}/viewer.gz)
 file(GLOB viewer_sources CONFIGURE_DEPENDS ${web}/*.js ${web}/*.mjs ${web}/*.txt)
 add_custom_command(

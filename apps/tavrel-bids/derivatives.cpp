@@ -113,7 +113,6 @@ void prepareOutput(const fs::path& dataset, const fs::path& output, const Datase
   makeFolder(output);
   if (access(output.c_str(), W_OK | X_OK) != 0)
     throw OutputError(output.string() + " is not writable");
-  scan::removeStale(output);
   const fs::path file = output / kDescriptionFile;
   const json description = newDescription(oldDescription(file), dataset, output, info);
   makeFolder(unfinishedFolder(output));

@@ -1,6 +1,8 @@
 // A small BIDS dataset of phantoms and the real command on it.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -13,43 +15,14 @@ namespace test_cohort {
 using namespace test_files;
 using nlohmann::json;
 
-/// Voxels of a small head; every seed gives another.
-inline std::vector<std::int16_t> head(const std::array<std::int64_t, 3>& size, std::uint64_t seed) {
-  std::vector<std::int16_t> voxels;
-  for (const double v : tavrel::makePhantom(int(size[0]), int(size[1]), int(size[2]), seed).image)
-    voxels.push_back(std::int16_t(std::lround(std::max(0.0, v) * 200)));
-  return voxels;
-}
+using Names = std::set<std::string>;
+using Size = std::array<std::int64_t, 3>;
+inline constexpr Size kTiny = {32, 38, 36}, kLarger = {60, 72, 66};
 
-/// Writes voxels on the grid of a phantom: turned by 10 degrees in the sform, straight in the
-/// qform.
-template <class T>
-void writeVolume(const fs::path& path, const std::array<std::int64_t, 3>& size,
-                 const std::vector<T>& voxels) {
-  nifti_1_header header = {};
-  header.sizeof_hdr = 348;
-  header.dim[0] = 3;
-  header.datatype = sizeof(T) == 1 ? NIFTI_TYPE_UINT8 : NIFTI_TYPE_INT16;
-  header.bitpix = 8 * sizeof(T);
-  header.vox_offset = 352;
-  header.xyzt_units = NIFTI_UNITS_MM;
-  header.qform_code = header.sform_code = NIFTI_XFORM_SCANNER_ANAT;
-  std::memcpy(header.magic, "n+1", 4);
-  const float mm = float(std::max({164. / size[0], 200. / size[1], 184. / size[2]}));
-  header.pixdim[0] = 1;
-  for (int d = 0; d < 3; ++d) {
-    header.dim[d + 1] = short(size[std::size_t(d)]);
-    header.pixdim[d + 1] = mm;
-  }
-  header.srow_x[0] = mm;
-  header.srow_y[1] = header.srow_z[2] = mm * 0.985f;
-  header.srow_y[2] = mm * -0.174f, header.srow_z[1] = mm * 0.174f;
-  Bytes bytes(352 + voxels.size() * sizeof(T));
-  std::memcpy(bytes.data(), &header, sizeof header);
-  std::memcpy(bytes.data() + 352, voxels.data(), voxels.size() * sizeof(T));
-  const gzFile file = gzopen(path.c_str(), path.extension() == ".gz" ? "wb1" : "wbT");
-  gzwrite(file, bytes.data(), unsigned(bytes.size()));
-  gzclose(file);
+/// Of a file with a head that fits into so many cubic voxels.
+inline FileLayout layoutOf(const Size& size, int datatype = NIFTI_TYPE_INT16) {
+  const double mm = std::max({164. / size[0], 200. / size[1], 184. / size[2]});
+  return {.size = size, .datatype = datatype, .mm = {mm, mm, mm}};
 }
 
 /// Every file below a folder, with its content.
@@ -75,30 +48,48 @@ inline Tree reproducible(Tree tree) {
   return tree;
 }
 
-/// Names of the files in which two trees differ.
-inline std::string differences(const Tree& one, const Tree& other) {
-  std::string names;
+/// Names of the files in which two folders differ, by their contents or by their stamps.
+template <class Value>
+Names differences(const std::map<std::string, Value>& one,
+                  const std::map<std::string, Value>& other) {
+  Names names;
   for (const auto& [a, b] : {std::pair(&one, &other), std::pair(&other, &one)})
-    for (const auto& [name, content] : *a)
-      if (!b->contains(name) || b->at(name) != content) names += name + " ";
+    for (const auto& [name, value] : *a)
+      if (!b->contains(name) || b->at(name) != value) names.insert(name);
   return names;
+}
+
+/// What changes when a file is written again, even with the same content.
+using Stamps = std::map<std::string, std::pair<ino_t, long>>;
+
+inline Stamps stampsOf(const fs::path& folder) {
+  Stamps stamps;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    struct stat status = {};
+    lstat(entry.path().c_str(), &status);
+    if (!entry.is_directory())
+      stamps[entry.path().lexically_relative(folder)] = {status.st_ino, status.st_mtim.tv_nsec};
+  }
+  return stamps;
 }
 
 /// The table, by scan and column.
 using Table = std::map<std::string, std::map<std::string, std::string>>;
 
 inline Table tableOf(const fs::path& file) {
-  std::istringstream lines(readText(file));
-  std::vector<std::string> names;
-  Table table;
-  for (std::string line; std::getline(lines, line);) {
+  std::ifstream lines(file);
+  const auto cellsOf = [](const std::string& line) {
     std::vector<std::string> cells;
     std::istringstream in(line);
     for (std::string cell; std::getline(in, cell, '\t');) cells.push_back(cell);
-    if (names.empty()) {
-      names = cells;
-      continue;
-    }
+    return cells;
+  };
+  std::string line;
+  std::getline(lines, line);
+  const auto names = cellsOf(line);
+  Table table;
+  while (std::getline(lines, line)) {
+    const auto cells = cellsOf(line);
     EXPECT_EQ(cells.size(), names.size()) << line;
     std::string key = cells.at(2);
     while (table.contains(key)) key += "'";
@@ -106,8 +97,6 @@ inline Table tableOf(const fs::path& file) {
   }
   return table;
 }
-
-inline constexpr std::array<std::int64_t, 3> kTiny = {32, 38, 36}, kLarger = {60, 72, 66};
 
 class Cohort : public testing::Test {
  protected:
@@ -117,17 +106,19 @@ class Cohort : public testing::Test {
     fs::create_directories((raw_ / path).parent_path());
     std::ofstream(raw_ / path) << content;
   }
-  void addScan(const std::string& path, std::uint64_t seed = 1,
-               const std::array<std::int64_t, 3>& size = kTiny) {
+  void addScan(const std::string& path, std::uint64_t seed = 1, const Size& size = kTiny) {
     fs::create_directories((raw_ / path).parent_path());
-    writeVolume(raw_ / path, size, head(size, seed));
+    const FileLayout layout = layoutOf(size);
+    writeNifti(raw_ / path, layout, phantom<std::int16_t>(layout, 200, seed));
   }
-  /// Subjects 01, 02, ... with a scan each.
-  void addSubjects(int count, const std::array<std::int64_t, 3>& size = kTiny) {
+  /// Subjects 01, 02, ... with a scan each, 9 at most.
+  void addSubjects(int count, const Size& size = kTiny) {
     for (int i = 1; i <= count; ++i) addScan(scanOf(i), std::uint64_t(i), size);
   }
-  static std::string subject(int i) { return (i < 10 ? "sub-0" : "sub-") + std::to_string(i); }
-  static std::string scanOf(int i) { return subject(i) + "/anat/" + subject(i) + "_T1w.nii.gz"; }
+  static std::string scanOf(int i) {
+    const std::string subject = "sub-0" + std::to_string(i);
+    return subject + "/anat/" + subject + "_T1w.nii.gz";
+  }
 
   std::vector<std::string> call(const std::vector<std::string>& options,
                                 const std::string& level = "participant") const {
@@ -140,6 +131,9 @@ class Cohort : public testing::Test {
     return Process(TAVREL_BIDS_COMMAND, call(options, level)).wait();
   }
   Table table() const { return tableOf(out_ / "tavrel.tsv"); }
+  std::string cell(const std::string& scan, const std::string& column) const {
+    return table().at(scan).at(column);
+  }
   fs::path anat(const std::string& name) const {
     return out_ / name.substr(0, name.find('_')) / "anat" / name;
   }

@@ -1,22 +1,13 @@
-#include <sys/file.h>
-
+// What the two levels leave, do again, take and refuse.
 #include "cohort.h"
 #include "scan/checksum.h"
 
 namespace {
 
 using namespace test_cohort;
+using tavrel::scan::sha256;
 
-/// What changes when a file is written again, even with the same content.
-std::map<std::string, std::pair<ino_t, long>> stamps(const fs::path& folder) {
-  std::map<std::string, std::pair<ino_t, long>> result;
-  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    struct stat status = {};
-    lstat(entry.path().c_str(), &status);
-    if (!entry.is_directory()) result[entry.path()] = {status.st_ino, status.st_mtim.tv_nsec};
-  }
-  return result;
-}
+constexpr std::ptrdiff_t kHeader = 352;  // bytes before the voxels of a mask
 
 TEST_F(Cohort, LeavesADatasetOfDerivatives) {
   addScan("sub-01/anat/sub-01_T1w.nii.gz", 1);
@@ -27,131 +18,124 @@ TEST_F(Cohort, LeavesADatasetOfDerivatives) {
   const Result result = bids();
   ASSERT_EQ(result.status, 0) << result.err;
 
+  Names expected = {".bidsignore",      "README",     "dataset_description.json",
+                    "descriptions.tsv", "index.html", "tavrel.json",
+                    "tavrel.tsv"};
+  for (const auto& [folder, scan] : {std::pair<std::string, std::string>{"sub-01/", "sub-01"},
+                                     {"sub-02/ses-a/", "sub-02_ses-a_acq-hi_run-1"},
+                                     {"sub-02/ses-a/", "sub-02_ses-a_acq-hi_run-2"}}) {
+    expected.insert(scan + ".html");
+    for (const char* end : {"T1w.json", "T1w.nii.gz", "mask.json", "mask.nii.gz"})
+      expected.insert(folder + "anat/" + scan + "_desc-brain_" + end);
+    for (const char* end : {"brain_mosaic.png", "brain_thumbnail.png", "preview_T1w.nii.gz"})
+      expected.insert(folder + "figures/" + scan + "_desc-" + end);
+  }
+  EXPECT_EQ(differences(treeOf(out_), {}), expected);
   Tree after = treeOf(raw_);
   std::erase_if(after, [](const auto& file) { return file.first.starts_with("derivatives"); });
   EXPECT_EQ(after, before) << "the dataset is not written to";
-  std::set<std::string> names;
-  for (const auto& [name, content] : treeOf(out_)) names.insert(name);
-  std::set<std::string> expected = {".bidsignore",      "README",      "dataset_description.json",
-                                    "descriptions.tsv", "tavrel.json", "tavrel.tsv"};
-  expected.insert("index.html");
-  for (const auto& [folder, scan] : {std::pair<std::string, std::string>{"sub-01", "sub-01"},
-                                     {"sub-02/ses-a", "sub-02_ses-a_acq-hi_run-1"},
-                                     {"sub-02/ses-a", "sub-02_ses-a_acq-hi_run-2"}}) {
-    for (const char* end : {"T1w.json", "T1w.nii.gz", "mask.json", "mask.nii.gz"})
-      expected.insert(folder + "/anat/" + scan + "_desc-brain_" + end);
-    for (const char* figure : {"brain_mosaic.png", "brain_thumbnail.png", "preview_T1w.nii.gz"})
-      expected.insert(folder + "/figures/" + scan + "_desc-" + figure);
-    expected.insert(scan + ".html");
-  }
-  EXPECT_EQ(names, expected);
 
   // The volumes are those of the command for single scans, and carry neither name nor time.
-  run({raw_ / "sub-01/anat/sub-01_T1w.nii.gz", "--out-dir", folder_.path()});
-  EXPECT_EQ(readBytes(folder_ / "sub-01_T1w_brain_mask.nii.gz"),
-            readBytes(anat("sub-01_desc-brain_mask.nii.gz")));
-  EXPECT_EQ(readBytes(folder_ / "sub-01_T1w_brain.nii.gz"),
-            readBytes(anat("sub-01_desc-brain_T1w.nii.gz")));
-  EXPECT_EQ(readText(anat("sub-01_desc-brain_mask.nii.gz")).substr(3, 5), std::string(5, '\0'));
+  const fs::path scan = raw_ / "sub-01/anat/sub-01_T1w.nii.gz",
+                 maskFile = anat("sub-01_desc-brain_mask.nii.gz");
+  run({scan, "--out-dir", folder_.path()});
+  EXPECT_EQ(readText(folder_ / "sub-01_T1w_brain_mask.nii.gz"), readText(maskFile));
+  EXPECT_EQ(readText(folder_ / "sub-01_T1w_brain.nii.gz"),
+            readText(anat("sub-01_desc-brain_T1w.nii.gz")));
+  EXPECT_EQ(readText(maskFile).substr(3, 5), std::string(5, '\0'));
 
-  const json mask = info("sub-01"), facts = mask["Tavrel"];
-  EXPECT_EQ(mask["Type"], "Brain");
-  EXPECT_EQ(mask["Manual"], false);
-  EXPECT_EQ(mask["Sources"], json({"bids:raw:sub-01/anat/sub-01_T1w.nii.gz"}));
-  EXPECT_EQ(facts["InputSha256"], tavrel::scan::sha256(raw_ / "sub-01/anat/sub-01_T1w.nii.gz"));
-  EXPECT_EQ(facts["MaskSha256"], tavrel::scan::sha256(anat("sub-01_desc-brain_mask.nii.gz")));
-  const json brain = json::parse(readText(anat("sub-01_desc-brain_T1w.json")));
-  EXPECT_EQ(brain["SkullStripped"], true);
-  EXPECT_EQ(brain["Sources"][1], "bids::sub-01/anat/sub-01_desc-brain_mask.nii.gz");
-  const json description = json::parse(readText(out_ / "dataset_description.json"));
-  EXPECT_EQ(description["DatasetType"], "derivative");
-  EXPECT_EQ(description["GeneratedBy"][0]["Name"], "tavrel");
-  EXPECT_EQ(description["DatasetLinks"]["raw"], "../..");
+  const auto expectIn = [](const fs::path& file, const json& part) {
+    json patched = reportIn(file);
+    patched.merge_patch(part);
+    EXPECT_EQ(reportIn(file), patched);
+  };
+  const json source = "bids:raw:sub-01/anat/sub-01_T1w.nii.gz",
+             sums = {{"InputSha256", sha256(scan)}, {"MaskSha256", sha256(maskFile)}};
+  expectIn(anat("sub-01_desc-brain_mask.json"),
+           {{"Type", "Brain"}, {"Manual", false}, {"Sources", {source}}, {"Tavrel", sums}});
+  expectIn(anat("sub-01_desc-brain_T1w.json"),
+           {{"SkullStripped", true},
+            {"Sources", {source, "bids::sub-01/anat/sub-01_desc-brain_mask.nii.gz"}}});
+  expectIn(out_ / "dataset_description.json",
+           {{"DatasetType", "derivative"}, {"DatasetLinks", {{"raw", "../.."}}}});
+  expectIn(out_ / "tavrel.json", {{"volume_ml", {{"Units", "mL"}}}});
 
   const std::string head =
       "participant_id\tsession_id\tscan\tstatus\treason\tmanual\tvolume_ml\tw5\tconfidence\tflags\t"
       "z_volume\tseconds\tpeak_memory_mb\trating\tcomment\n";
-  EXPECT_EQ(readText(out_ / "tavrel.tsv").substr(0, head.size()), head);
+  EXPECT_TRUE(readText(out_ / "tavrel.tsv").starts_with(head));
   double sum = 0, squares = 0;
-  for (const auto& [scan, row] : table()) {
+  for (const auto& [name, row] : table()) {
     EXPECT_EQ(row.at("status"), "done");
     EXPECT_NE(row.at("reason").find("oblique"), std::string::npos);
     EXPECT_NE(row.at("reason").find("qform and sform disagree"), std::string::npos);
-    sum += std::stod(row.at("z_volume"));
-    squares += std::pow(std::stod(row.at("z_volume")), 2);
+    const double z = std::stod(row.at("z_volume"));
+    sum += z, squares += z * z;
   }
   EXPECT_NEAR(sum, 0, 0.02);
   EXPECT_NEAR(squares, 2, 0.05);  // a variance of 1, with n - 1
-  const json columns = json::parse(readText(out_ / "tavrel.json"));
-  EXPECT_EQ(columns.size(), 15u);
-  EXPECT_EQ(columns["volume_ml"]["Units"], "mL");
 }
 
 TEST_F(Cohort, DoesAgainWhatIsMissingAndNothingElse) {
   addSubjects(3);
   ASSERT_EQ(bids().status, 0);
   const Tree first = treeOf(out_);
-  const auto before = stamps(out_);
+  const Stamps before = stampsOf(out_);
   fs::last_write_time(raw_ / scanOf(1), fs::file_time_type::clock::now());
   EXPECT_EQ(bids().status, 0);
   EXPECT_EQ(bids({}, "group").status, 0);
-  EXPECT_EQ(stamps(out_), before) << "a file was written though nothing had changed";
+  EXPECT_EQ(differences(stampsOf(out_), before), Names()) << "nothing had changed";
 
   const auto changed = [&](const std::vector<std::string>& options) {
-    std::set<std::string> subjects;
-    const auto old = stamps(out_);
+    const Stamps old = stampsOf(out_);
     EXPECT_EQ(bids(options).status, 0);
-    for (const auto& [path, stamp] : stamps(out_)) {
-      const std::string name = fs::path(path).filename();
-      if (name.ends_with("_desc-brain_mask.json") && (!old.contains(path) || old.at(path) != stamp))
-        subjects.insert(name.substr(0, 6));
-    }
+    Names subjects;
+    for (const std::string& name : differences(stampsOf(out_), old))
+      if (name.ends_with("_desc-brain_mask.json")) subjects.insert(name.substr(0, 6));
     return subjects;
   };
-  using Subjects = std::set<std::string>;
   fs::remove(anat("sub-02_desc-brain_T1w.nii.gz"));
-  EXPECT_EQ(changed({}), Subjects{"sub-02"});
-  EXPECT_EQ(differences(reproducible(treeOf(out_)), reproducible(first)), "");
+  EXPECT_EQ(changed({}), Names{"sub-02"});
+  EXPECT_EQ(differences(reproducible(treeOf(out_)), reproducible(first)), Names());
   fs::remove(anat("sub-03_desc-brain_mask.json"));
   fs::remove(anat("sub-03_desc-brain_mask.nii.gz"));
-  EXPECT_EQ(changed({}), Subjects{"sub-03"});
+  EXPECT_EQ(changed({}), Names{"sub-03"});
   addScan(scanOf(1), 77);
-  EXPECT_EQ(changed({}), Subjects{"sub-01"});
-  const Subjects all = {"sub-01", "sub-02", "sub-03"};
+  EXPECT_EQ(changed({}), Names{"sub-01"});
+  const Names all = {"sub-01", "sub-02", "sub-03"};
   EXPECT_EQ(changed({"--w5", "1.0"}), all);
   EXPECT_EQ(changed({"--w5", "1.0", "--no-fill-holes"}), all);
-  EXPECT_EQ(changed({"--no-fill-holes", "--w5=1", "--jobs", "3", "--threads", "2"}), Subjects{});
+  EXPECT_EQ(changed({"--no-fill-holes", "--w5=1", "--jobs", "3", "--threads", "2"}), Names());
 }
 
 TEST_F(Cohort, TakesTheScansThatAreAskedFor) {
-  for (const char* path :
-       {"sub-01/ses-1/anat/sub-01_ses-1_T1w.nii.gz",
-        "sub-01/ses-1/anat/sub-01_ses-1_acq-lo_run-01_T1w.nii.gz",
-        "sub-01/ses-2/anat/sub-01_ses-2_T1w.nii.gz", "sub-02/anat/sub-02_run-2_T1w.nii"})
-    put(path, "");
+  const std::string one = "sub-01_ses-1", run = "sub-01_ses-1_acq-lo_run-01", two = "sub-01_ses-2",
+                    other = "sub-02_run-2";
+  for (const std::string& scan : {"ses-1/anat/" + one, "ses-1/anat/" + run, "ses-2/anat/" + two})
+    put("sub-01/" + scan + "_T1w.nii.gz", "");
+  put("sub-02/anat/" + other + "_T1w.nii", "");
   const auto listed = [&](std::vector<std::string> options) {
     options.push_back("--dry-run");
-    const Result result = bids(options);
-    EXPECT_EQ(result.status, 0) << result.err;
-    std::string names;
-    std::istringstream lines(result.out);
-    for (std::string number, path, line; lines >> number >> path && std::getline(lines, line);)
-      names += path.substr(path.rfind('/') + 1) + " ";
-    return std::regex_replace(names, std::regex("_T1w.nii(.gz)? $|_T1w.nii(.gz)?"), "");
+    const std::string list = bids(options).out;
+    std::vector<std::string> names;
+    static const std::regex name("([^/]*)_T1w.nii");
+    for (std::sregex_iterator match(list.begin(), list.end(), name), end; match != end; ++match)
+      names.push_back((*match)[1]);
+    return names;
   };
   const auto filtered = [&](const std::string& conditions) {
     put("filter.json", "{\"bold\": {\"x\": 1}, \"t1w\": " + conditions + "}");
     return listed({"--bids-filter-file", raw_ / "filter.json"});
   };
-  EXPECT_EQ(listed({}), "sub-01_ses-1 sub-01_ses-1_acq-lo_run-01 sub-01_ses-2 sub-02_run-2");
-  EXPECT_EQ(listed({"--participant-label", "02"}), "sub-02_run-2");
-  EXPECT_EQ(listed({"--participant_label", "sub-02", "01", "--session-label", "ses-2"}),
-            "sub-01_ses-2");
-  EXPECT_EQ(listed({"--session_label", "1"}), "sub-01_ses-1 sub-01_ses-1_acq-lo_run-01");
-  EXPECT_EQ(filtered(R"({"acquisition": null, "session": "ses-1"})"), "sub-01_ses-1");
-  EXPECT_EQ(filtered(R"({"run": [1, 2]})"), "sub-01_ses-1_acq-lo_run-01 sub-02_run-2");
-  EXPECT_EQ(filtered(R"({"acq": "*"})"), "sub-01_ses-1_acq-lo_run-01");
-  EXPECT_EQ(filtered(R"({"extension": ".nii", "suffix": "T1w"})"), "sub-02_run-2");
+  using List = std::vector<std::string>;
+  EXPECT_EQ(listed({}), (List{one, run, two, other}));
+  EXPECT_EQ(listed({"--participant-label", "02"}), List{other});
+  EXPECT_EQ(listed({"--participant_label", "sub-02", "01", "--session-label", "ses-2"}), List{two});
+  EXPECT_EQ(listed({"--session_label", "1"}), (List{one, run}));
+  EXPECT_EQ(filtered(R"({"acquisition": null, "session": "ses-1"})"), List{one});
+  EXPECT_EQ(filtered(R"({"run": [1, 2]})"), (List{run, other}));
+  EXPECT_EQ(filtered(R"({"acq": "*"})"), List{run});
+  EXPECT_EQ(filtered(R"({"extension": ".nii", "suffix": "T1w"})"), List{other});
 
   const Result none = bids({"--participant-label", "09"});
   EXPECT_EQ(none.status, 18);
@@ -161,45 +145,44 @@ TEST_F(Cohort, TakesTheScansThatAreAskedFor) {
 
 TEST_F(Cohort, EndsWithTheStatusThatTells) {
   addSubjects(1);
-  const auto status = [](const std::vector<std::string>& words) {
+  const std::string raw = raw_, out = out_, other = folder_ / "other";
+  fs::create_directory(other);
+  std::ofstream(other + "/dataset_description.json") << R"({"Name": "another"})";
+  const std::pair<int, std::vector<std::string>> calls[] = {
+      {0, {"--version"}},
+      {0, {"--help"}},
+      {64, {}},
+      {64, {raw, out, "session"}},
+      {64, {raw, out, "participant", "--w5", "x"}},
+      {64, {raw, out, "participant", "--participant-label", "../01"}},
+      {64, {raw, out, "participant", "--bids-filter-file", raw + "/none"}},
+      {64, {raw, raw, "participant"}},
+      {64, {raw, raw + "/sub-01/anat/new", "participant"}},
+      {16, {raw + "/sub-01", out, "participant"}},
+      {16, {raw + "/none", out, "participant"}},
+      {18, {raw + "/sub-01", out, "participant", "--skip-bids-validation"}},
+      {18, {raw, out, "group"}},
+      {73, {raw, raw + "/dataset_description.json/out", "participant"}},
+      {73, {raw, "/proc/none", "participant"}},
+      {73, {raw, other, "participant"}}};
+  for (const auto& [status, words] : calls) {
     const Result result = Process(TAVREL_BIDS_COMMAND, words).wait();
-    EXPECT_EQ(result.err.empty(), result.status == 0);
-    return result.status;
-  };
-  const std::string raw = raw_, out = out_;
-  EXPECT_EQ(status({"--version"}), 0);
-  EXPECT_EQ(status({"--help"}), 0);
-  EXPECT_EQ(status({}), 64);
-  EXPECT_EQ(status({raw, out, "session"}), 64);
-  EXPECT_EQ(status({raw, out, "participant", "--w5", "x"}), 64);
-  EXPECT_EQ(status({raw, out, "participant", "--participant-label", "../01"}), 64);
-  EXPECT_EQ(status({raw, out, "participant", "--bids-filter-file", raw + "/none"}), 64);
-  EXPECT_EQ(status({raw, raw, "participant"}), 64);
-  EXPECT_EQ(status({raw, raw + "/sub-01", "participant"}), 64);
-  EXPECT_EQ(status({raw, raw + "/sub-01/anat/new", "participant"}), 64);
-  EXPECT_EQ(status({raw + "/sub-01", out, "participant"}), 16);
-  EXPECT_EQ(status({raw + "/none", out, "participant"}), 16);
-  EXPECT_EQ(status({raw + "/sub-01", out, "participant", "--skip-bids-validation"}), 18);
-  EXPECT_EQ(status({raw, out, "group"}), 18);
-  EXPECT_EQ(status({raw, raw + "/dataset_description.json/out", "participant"}), 73);
-  EXPECT_EQ(status({raw, "/proc/none", "participant"}), 73);
-  fs::create_directory(folder_ / "other");
-  std::ofstream(folder_ / "other/dataset_description.json") << R"({"Name": "another"})";
-  EXPECT_EQ(status({raw, folder_ / "other", "participant"}), 73);
+    EXPECT_EQ(result.status, status) << testing::PrintToString(words) << result;
+    EXPECT_EQ(result.err.empty(), status == 0);
+  }
   EXPECT_FALSE(fs::exists(out_));
 }
 
 TEST_F(Cohort, HasARowForEveryScanThatCannotBeDone) {
   addSubjects(1);
   const auto broken = [&](const std::string& name) {
-    const std::string sub = name.substr(0, name.find('_'));
-    fs::create_directories(raw_ / sub / "anat");
-    return raw_ / sub / "anat" / name;
+    const fs::path folder = raw_ / name.substr(0, name.find('_')) / "anat";
+    fs::create_directories(folder);
+    return folder / name;
   };
   fs::create_symlink("../../.git/annex/objects/a/b/SHA256E-s1.nii.gz", broken("sub-a_T1w.nii.gz"));
   std::ofstream(broken("sub-b_T1w.nii.gz")) << "/annex/objects/SHA256E-s1--a.nii.gz\n";
-  writeNifti(broken("sub-c_T1w.nii.gz"), {.size = {4, 5, 6}, .volumes = 2},
-             std::vector<std::int16_t>(240));
+  writeNifti(broken("sub-c_T1w.nii.gz"), {.volumes = 2}, std::vector<std::int16_t>(240));
   Bytes bytes = readBytes(raw_ / scanOf(1));
   bytes[bytes.size() / 2] ^= 0x55;
   writeBytes(broken("sub-d_T1w.nii.gz"), bytes);
@@ -211,7 +194,7 @@ TEST_F(Cohort, HasARowForEveryScanThatCannotBeDone) {
   fs::create_symlink("sub-j", raw_ / "sub-j");  // a circle
   // Without transforms: not refused, but flagged.
   bytes = inflate(raw_ / scanOf(1));
-  for (const std::size_t code : {252, 253, 254, 255}) bytes[code] = 0;
+  std::fill_n(&bytes[252], 4, 0);
   writeBytes(broken("sub-k_T1w.nii"), bytes);
 
   const Result result = bids({"--quiet"});
@@ -243,8 +226,8 @@ TEST_F(Cohort, HasARowForEveryScanThatCannotBeDone) {
   fs::remove(raw_ / "sub-i/anat/sub-i_T1w.nii.gz");
   fs::copy_file(anat("sub-01_desc-brain_T1w.nii.gz"), broken("sub-l_T1w.nii.gz"));
   EXPECT_EQ(bids().status, 1);
-  EXPECT_EQ(table().at("sub-d").at("status"), "done");
-  EXPECT_NE(table().at("sub-l").at("flags").find("stripped"), std::string::npos);
+  EXPECT_EQ(cell("sub-d", "status"), "done");
+  EXPECT_NE(cell("sub-l", "flags").find("stripped"), std::string::npos);
   EXPECT_FALSE(table().contains("sub-i"));
 }
 
@@ -255,38 +238,31 @@ TEST_F(Cohort, KeepsMasksThatAPersonHasChanged) {
                  brain = anat("sub-01_desc-brain_T1w.nii.gz");
   const Bytes original = readBytes(mask), oldBrain = readBytes(brain);
   Bytes voxels = inflate(mask);
-  std::fill(voxels.begin() + 352 + 32 * 38 * 18, voxels.end(), 0);  // half the head
-  const auto write = [&] {
-    const gzFile file = gzopen(mask.c_str(), "wb1");
-    gzwrite(file, voxels.data(), unsigned(voxels.size()));
-    gzclose(file);
-    return readBytes(mask);
-  };
-  const Bytes edited = write();
+  std::fill(voxels.begin() + kHeader + 32 * 38 * 18, voxels.end(), 0);  // half the head
+  deflate(mask, voxels);
+  const Bytes edited = readBytes(mask);
   EXPECT_EQ(bids({}, "group").status, 0);
-  EXPECT_NE(table().at("sub-01").at("reason").find("mask was changed"), std::string::npos);
-  const double volume = std::stod(table().at("sub-01").at("volume_ml"));
+  EXPECT_NE(cell("sub-01", "reason").find("mask was changed"), std::string::npos);
+  const double volume = std::stod(cell("sub-01", "volume_ml"));
   for (const std::vector<std::string>& options :
        {std::vector<std::string>{}, {"--w5", "0.9"}, {"--force"}}) {
     ASSERT_EQ(bids(options).status, 0);
     EXPECT_EQ(readBytes(mask), edited);
-    EXPECT_EQ(info("sub-01")["Manual"], true);
-    EXPECT_EQ(info("sub-01")["Tavrel"]["MaskSha256"], tavrel::scan::sha256(mask));
-    EXPECT_EQ(table().at("sub-01").at("manual"), "true");
-    EXPECT_LT(std::stod(table().at("sub-01").at("volume_ml")), 0.8 * volume);
-    EXPECT_EQ(table().at("sub-02").at("manual"), "false");
+    EXPECT_EQ(info("sub-01")["Tavrel"]["MaskSha256"], sha256(mask));
+    EXPECT_EQ(cell("sub-01", "manual"), "true");
+    EXPECT_LT(std::stod(cell("sub-01", "volume_ml")), 0.8 * volume);
+    EXPECT_EQ(cell("sub-02", "manual"), "false");
   }
   EXPECT_NE(readBytes(brain), oldBrain);
-  const auto before = stamps(out_);
+  const Stamps before = stampsOf(out_);
   ASSERT_EQ(bids().status, 0);
-  EXPECT_EQ(stamps(out_), before);
+  EXPECT_EQ(stampsOf(out_), before);
 
   // Changed again, to something that does not fit; and taken away.
   voxels[42] = 23;
-  write();
+  deflate(mask, voxels);
   EXPECT_EQ(bids().status, 1);
-  EXPECT_NE(table().at("sub-01").at("reason").find("grid"), std::string::npos)
-      << table().at("sub-01").at("reason");
+  EXPECT_NE(cell("sub-01", "reason").find("grid"), std::string::npos) << cell("sub-01", "reason");
   fs::remove(mask);
   EXPECT_EQ(bids().status, 0);
   EXPECT_EQ(readBytes(mask), original);
@@ -297,56 +273,57 @@ TEST_F(Cohort, TakesMasksFromAFolder) {
   addSubjects(3);
   const fs::path masks = folder_ / "masks";
   fs::create_directories(masks / "sub-02/anat");
-  std::vector<std::uint8_t> half(32 * 38 * 36);
-  std::fill(half.begin(), half.begin() + std::ptrdiff_t(half.size() / 2), 7);
-  writeVolume(masks / "sub-01_desc-brain_mask.nii.gz", kTiny, half);
-  writeVolume(masks / "sub-02/anat/sub-02_mask.nii", kTiny, half);
+  const FileLayout layout = layoutOf(kTiny, NIFTI_TYPE_UINT8);
+  std::vector<std::uint8_t> given(32 * 38 * 36);
+  std::fill_n(given.begin(), 20000, 7);
+  writeNifti(masks / "sub-01_desc-brain_mask.nii.gz", layout, given);
+  writeNifti(masks / "sub-02/anat/sub-02_mask.nii", layout, given);
+  const auto inside = [&](const std::string& scan) {
+    EXPECT_EQ(info(scan)["Manual"], true);
+    const Bytes mask = inflate(anat(scan + "_desc-brain_mask.nii.gz"));
+    return std::count(mask.begin() + kHeader, mask.end(), 1);
+  };
   const std::vector<std::string> options = {"--masks", masks};
   ASSERT_EQ(bids(options).status, 0);
-  for (const char* scan : {"sub-01", "sub-02"}) {
-    EXPECT_EQ(info(scan)["Manual"], true);
-    const Bytes mask = inflate(anat(std::string(scan) + "_desc-brain_mask.nii.gz"));
-    EXPECT_EQ(std::count(mask.begin() + 352, mask.end(), 1), long(half.size() / 2));
-  }
+  EXPECT_EQ(inside("sub-01"), 20000);
+  EXPECT_EQ(inside("sub-02"), 20000);
   EXPECT_EQ(info("sub-03")["Manual"], false);
-  const auto before = stamps(out_);
+  const Stamps before = stampsOf(out_);
   ASSERT_EQ(bids(options).status, 0);
   ASSERT_EQ(bids().status, 0);
-  EXPECT_EQ(stamps(out_), before) << "a mask that was brought in stays without the option, too";
-  std::fill(half.begin(), half.begin() + 1000, 0);
-  writeVolume(masks / "sub-01_desc-brain_mask.nii.gz", kTiny, half);
+  EXPECT_EQ(stampsOf(out_), before) << "a mask that was brought in stays without the option, too";
+  std::fill_n(given.begin(), 1000, 0);
+  writeNifti(masks / "sub-01_desc-brain_mask.nii.gz", layout, given);
   ASSERT_EQ(bids(options).status, 0);
-  const Bytes mask = inflate(anat("sub-01_desc-brain_mask.nii.gz"));
-  EXPECT_EQ(std::count(mask.begin() + 352, mask.end(), 1), long(half.size() / 2 - 1000));
+  EXPECT_EQ(inside("sub-01"), 19000);
 }
 
 TEST_F(Cohort, ReadsRatingsBackIntoTheTable) {
   addSubjects(2);
   ASSERT_EQ(bids().status, 0);
-  const std::string head = "participant_id\tsession_id\tscan\trating\tcomment\n";
-  const auto rate = [&](const char* file, const std::string& lines) {
-    std::ofstream(out_ / file) << head << lines;
-  };
-  rate("tavrel_ratings.tsv",
-       "sub-01\tn/a\tsub-01\tpass\tfine\r\nsub-02\tn/a\tsub-02\tmaybe\tn/a\n");
-  rate("tavrel_ratings(1).tsv", "sub-01\tn/a\tsub-01\tfail\teyes \x1b[31m\n");
-  EXPECT_EQ(bids({}, "group").status, 0);
-  EXPECT_EQ(table().at("sub-01").at("rating"), "fail");
-  EXPECT_EQ(table().at("sub-01").at("comment"), "eyes \\x1b[31m");
-  EXPECT_EQ(table().at("sub-02").at("rating"), "maybe");
-  EXPECT_EQ(table().at("sub-02").at("comment"), "n/a");
-
-  // Of the mask that is there, and of another one.
   const std::string mask = info("sub-01")["Tavrel"]["MaskSha256"];
-  std::ofstream(out_ / "tavrel_ratings(1).tsv")
-      << "scan\trating\tcomment\tmask_sha256\nsub-01\tpass\tgood\t" << mask
-      << "\nsub-02\tpass\tgood\t" << mask << "\n";
-  EXPECT_EQ(bids({}, "group").status, 0);
-  EXPECT_EQ(table().at("sub-01").at("rating"), "pass");
-  EXPECT_EQ(table().at("sub-02").at("rating"), "n/a");
-  EXPECT_EQ(table().at("sub-02").at("comment"), "good");
-  EXPECT_NE(table().at("sub-02").at("reason").find("pass, was given to another mask"),
-            std::string::npos);
+  const auto rate = [&](const char* file, const std::string& lines) {
+    std::ofstream(out_ / file) << "scan\trating\tcomment\tmask_sha256\n" << lines;
+    EXPECT_EQ(bids({}, "group").status, 0);
+  };
+  const auto expect = [&](const std::string& scan, const char* rating, const char* comment) {
+    EXPECT_EQ(cell(scan, "rating"), rating);
+    EXPECT_EQ(cell(scan, "comment"), comment);
+  };
+  rate("tavrel_ratings.tsv", "sub-01\tpass\tfine\r\nsub-02\tmaybe\r\n");
+  const Stamps before = stampsOf(out_);
+  rate("tavrel_ratings(1).tsv", "sub-01\tfail\teyes \x1b[31m\n");
+  const Names written = differences(stampsOf(out_), before);
+  EXPECT_TRUE(written.contains("index.html") && written.contains("sub-01.html"));
+  EXPECT_FALSE(written.contains("sub-02.html"));
+  expect("sub-01", "fail", "eyes \\x1b[31m");
+  expect("sub-02", "maybe", "n/a");
+  // Of the mask that is there, and of another one.
+  rate("tavrel_ratings(1).tsv",
+       "sub-01\tpass\tgood\t" + mask + "\nsub-02\tpass\tgood\t" + mask + "\n");
+  expect("sub-01", "pass", "good");
+  expect("sub-02", "n/a", "good");
+  EXPECT_NE(cell("sub-02", "reason").find("pass, was given to another mask"), std::string::npos);
 }
 
 }  // namespace

@@ -33,22 +33,17 @@ TEST_F(Trees, RandomOnesEndWithALineAndAStatus) {
                     any({"_T1w.nii.gz", "_T1w.nii", "T1w.nii.gz"}));
       std::error_code failure;
       fs::create_directories(folder, failure);
-      switch (random() % 6) {
-        case 0:
-          fs::create_directory_symlink("../..", scan, failure);
-          break;
-        case 1:
-          fs::create_directory(scan, failure);
-          break;
-        case 2:
-          mkfifo(scan.c_str(), 0600);
-          break;
-        case 3:
-          if (!failure) writeVolume(scan, {16, 19, 18}, head({16, 19, 18}, 1));
-          break;
-        default:
-          std::ofstream(scan) << std::string(random() % 400, 'n');
-      }
+      const auto kind = random() % 6;
+      if (kind == 0)
+        fs::create_directory_symlink("../..", scan, failure);
+      else if (kind == 1)
+        fs::create_directory(scan, failure);
+      else if (kind == 2)
+        mkfifo(scan.c_str(), 0600);
+      else if (kind == 3 && !failure)
+        addScan(scan, 1, {16, 19, 18});
+      else
+        std::ofstream(scan) << std::string(random() % 400, 'n');
     }
     const Result result = bids();
     EXPECT_TRUE(std::set<int>({0, 1, 16, 18}).contains(result.status))

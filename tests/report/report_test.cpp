@@ -1,24 +1,17 @@
 #include "report/report.h"
 
-#include <gtest/gtest.h>
-
-#include <fstream>
-
-#include "cohort.h"
-#include "process.h"
+#include "cohort/cohort.h"
 #include "report/assets.h"
 #include "report/escape.h"
 #include "report/files.h"
+#include "report/preview.h"
 #include "scan/nifti/scan.h"
+#include "scan/output.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace tavrel;
-using tavrel::test::readFile;
-using Report = test::FolderTest;
-
-constexpr scan::Size kSize = {20, 24, 18};
+using namespace test_cohort;
 
 TEST(Escape, LeavesNoNameAMeaning) {
   EXPECT_EQ(report::html("<b a=\"'&\n\xff\xc3\xa9"), "&lt;b a=&quot;&#39;&amp;\\x0a\\xff\u00e9");
@@ -35,53 +28,52 @@ TEST(Escape, LeavesNoNameAMeaning) {
   EXPECT_EQ(report::filled("x{{a}}{{b}}y", value), "x{{b}}1y") << "values are not templates";
 }
 
-/// A file's bytes read back as a scan.
-scan::Scan parse(const std::vector<std::byte>& file) {
-  auto rest = std::span(file);
-  const auto read = [&](std::span<std::byte> bytes) {
-    const std::size_t got = std::min(bytes.size(), rest.size());
-    std::copy_n(rest.begin(), got, bytes.begin());
-    rest = rest.subspan(got);
-    return got;
-  };
-  return scan::readScan({read, file.size()}, {});
+scan::Header headerOf(const FileLayout& layout) {
+  const auto fields = test_files::headerOf<nifti_1_header>(layout, 4);
+  return scan::parseHeader(std::as_bytes(std::span(&fields, 1)));
 }
 
-/// Where a voxel lies by the sform or the qform.
-std::array<double, 3> place(const scan::Header& header, bool byQform,
-                            const std::array<double, 3>& voxel) {
+/// Writes a file, compressed if its name says so, and reads it again.
+scan::Scan written(const fs::path& path, std::span<const std::byte> bytes) {
+  std::vector<scan::PendingFile> file;
+  file.push_back(scan::writePending(path, bytes, scan::kOpenToAll));
+  commitTogether(file, true);
+  return scan::readScan(path.string());
+}
+
+/// Where a voxel lies by the qform and by the sform.
+std::array<double, 6> places(const scan::Header& header, const std::array<double, 3>& voxel) {
   const auto& f = std::get<nifti_1_header>(header.fields);
   const auto q =
       nifti_quatern_to_dmat44(f.quatern_b, f.quatern_c, f.quatern_d, f.qoffset_x, f.qoffset_y,
                               f.qoffset_z, f.pixdim[1], f.pixdim[2], f.pixdim[3], f.pixdim[0]);
-  const float* rows[] = {f.srow_x, f.srow_y, f.srow_z};
-  std::array<double, 3> mm;
-  for (int r = 0; r < 3; ++r) {
-    const auto m = [&](int c) { return byQform ? q.m[r][c] : rows[r][c]; };
-    mm[r] = m(0) * voxel[0] + m(1) * voxel[1] + m(2) * voxel[2] + m(3);
-  }
+  const float* s[] = {f.srow_x, f.srow_y, f.srow_z};
+  std::array<double, 6> mm = {};
+  for (std::size_t r = 0; r < 3; ++r)
+    for (std::size_t c = 0; c < 4; ++c) {
+      mm[r] += q.m[r][c] * (c < 3 ? voxel[c] : 1);
+      mm[r + 3] += s[r][c] * (c < 3 ? voxel[c] : 1);
+    }
   return mm;
 }
 
-TEST(Preview, HasBlockMeansWhereTheBlocksLie) {
+using Preview = test::FolderTest;
+
+TEST_F(Preview, HasBlockMeansWhereTheBlocksLie) {
   // Factors 3, 1 and 2; the last blocks along x and z are cut short.
-  const scan::Size size = {259, 3, 129};
-  ASSERT_EQ(report::previewFactors(size), (scan::Size{3, 1, 2}));
-  ASSERT_EQ(report::previewSize(size), (scan::Size{87, 3, 65}));
-  std::vector<double> values(scan::voxelCount(size));
+  const scan::Header header = headerOf({.size = {259, 3, 129}, .mm = {2, 2.5, 2}});
+  std::vector<double> values(scan::voxelCount(header.size));
   for (std::size_t v = 0; v < values.size(); ++v) values[v] = double(v % 259);
   values[0] = std::nan("");
-  const scan::Scan scan = test_cohort::makeScan(size, std::vector<double>(values.size(), 0));
-  const scan::Scan preview = parse(report::previewFile(scan::readerOf(values), scan.header));
+  const scan::Scan preview =
+      written(path("preview.nii"), report::previewFile(scan::readerOf(values), header));
   EXPECT_EQ(preview.header.size, (scan::Size{87, 3, 65}));
   EXPECT_EQ(preview.header.spacing, (scan::Spacing{6, 2.5, 4}));
-  for (const bool byQform : {false, true})
-    for (const std::array<double, 3> block : {std::array{0., 0., 0.}, {86, 2, 64}, {40, 1, 7}}) {
-      const auto expected =
-          place(scan.header, byQform, {3 * block[0] + 1, block[1], 2 * block[2] + 0.5});
-      const auto found = place(preview.header, byQform, block);
-      for (int r = 0; r < 3; ++r) EXPECT_NEAR(found[r], expected[r], 1e-3);
-    }
+  for (const std::array<double, 3> block : {std::array{0., 0., 0.}, {86, 2, 64}, {40, 1, 7}}) {
+    const auto found = places(preview.header, block),
+               expected = places(header, {3 * block[0] + 1, block[1], 2 * block[2] + 0.5});
+    for (std::size_t r = 0; r < 6; ++r) EXPECT_NEAR(found[r], expected[r], 1e-3);
+  }
   // Means along x are 1.5 (the NaN left out), 4, 7 .. and grow to white.
   const auto* grey = reinterpret_cast<const unsigned char*>(preview.stored.data());
   EXPECT_TRUE(std::is_sorted(grey, grey + 87));
@@ -91,112 +83,82 @@ TEST(Preview, HasBlockMeansWhereTheBlocksLie) {
   EXPECT_TRUE(std::equal(grey + 87, grey + 174, grey + 174));
 }
 
-TEST(Preview, StaysSmallForNoiseAndPlainForNothing) {
-  const scan::Size size = {128, 128, 128};
-  std::vector<double> values(scan::voxelCount(size));
+TEST_F(Preview, StaysSmallForNoiseAndPlainForNothing) {
+  const scan::Header header = headerOf({.size = {128, 128, 128}});
+  std::vector<double> values(scan::voxelCount(header.size));
   for (std::size_t v = 0; v < values.size(); ++v) values[v] = uniformAt(1, v);
-  const scan::Scan scan = test_cohort::makeScan(size, std::vector<double>(values.size(), 0));
-  test::Folder folder;
-  const fs::path file = folder.path("preview.nii.gz");
-  test_cohort::writeBytes(file, report::previewFile(scan::readerOf(values), scan.header));
+  const std::string file = path("preview.nii.gz");
+  written(file, report::previewFile(scan::readerOf(values), header));
   EXPECT_LE(fs::file_size(file), 1'500'000u);
   EXPECT_GE(fs::file_size(file), 1'000'000u);
   for (const double value : {0.0, std::nan("")}) {
     values.assign(values.size(), value);
-    const auto flat = parse(report::previewFile(scan::readerOf(values), scan.header));
+    const scan::Scan flat = written(file, report::previewFile(scan::readerOf(values), header));
     EXPECT_EQ(flat.stored, std::vector(values.size(), std::byte{0}));
   }
 }
 
-TEST(Preview, ReducesMasksByMajority) {
-  const scan::Size size = {257, 1, 1};  // blocks of 3, the last one of 2
-  std::vector<char> mask(257);
+TEST_F(Preview, ReducesMasksByMajority) {
+  std::vector<char> mask(257);  // blocks of 3, the last one of 2
   mask[0] = mask[1] = mask[5] = mask[255] = 1;
-  const std::vector<char> reduced = report::reducedMask(mask, size);
-  ASSERT_EQ(reduced.size(), 86u);
-  EXPECT_EQ(std::count(reduced.begin(), reduced.end(), 1), 2);
-  EXPECT_TRUE(reduced[0] && reduced[85]);
+  std::vector<char> expected(86);
+  expected[0] = expected[85] = 1;
+  EXPECT_EQ(report::reducedMask(mask, {257, 1, 1}), expected);
 }
 
-/// Everything below a folder with its inode, which another file in its place would change.
-std::map<std::string, std::pair<ino_t, std::string>> contents(const fs::path& folder) {
-  std::map<std::string, std::pair<ino_t, std::string>> result;
-  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    struct stat status = {};
-    if (!entry.is_regular_file() || stat(entry.path().c_str(), &status) != 0) continue;
-    result[entry.path().lexically_relative(folder)] = {status.st_ino, readFile(entry.path())};
-  }
-  return result;
+TEST_F(Preview, CarriesMasksOfAllKindsAsPlainBytesOnTheirGrid) {
+  const std::string file = path("mask.nii.gz");
+  writeNifti(file, {.datatype = NIFTI_TYPE_UINT8}, std::vector<std::uint8_t>(120, 1));
+  EXPECT_EQ(report::readMask(file).file, *report::readFile(file)) << "its own as they are";
+  std::vector<float> edited(120);
+  edited[7] = 0.5f;
+  writeNifti(file, {.datatype = NIFTI_TYPE_FLOAT32}, edited);
+  const scan::Header header = scan::readScan(file).header;
+  const report::PageMask mask = report::readMask(file);
+  EXPECT_EQ(mask.size, header.size);
+  const scan::Scan plain = written(path("plain.nii"), mask.file);
+  std::vector<std::byte> expected(120);
+  expected[7] = std::byte{1};
+  EXPECT_EQ(plain.stored, expected);
+  EXPECT_EQ(plain.header.dataOffset, mask.dataOffset);
+  EXPECT_EQ(places(plain.header, {1, 2, 3}), places(header, {1, 2, 3}));
 }
 
-TEST_F(Report, WritesOnlyPagesThatHaveChanged) {
-  report::ReportInput input{path(""), {}, "1.0.0", "study"};
-  for (const int i : {1, 2, 3}) input.rows.push_back(test_cohort::makeRow(i));
-  for (const auto& row : input.rows) test_cohort::writeScan(input.output, row, kSize);
-  writeReports(input);
-  const auto first = contents(input.output);
-  EXPECT_TRUE(first.contains("sub-0001/figures/sub-0001_desc-brain_thumbnail.png"));
-  writeReports(input);
-  EXPECT_EQ(contents(input.output), first);
-
-  input.rows[1].rating = "fail";
-  fs::remove(path("sub-0003.html"));
-  writeReports(input);
-  auto second = contents(input.output);
-  for (const char* page : {"index.html", "sub-0002.html"}) EXPECT_NE(second[page], first.at(page));
-  EXPECT_EQ(second["sub-0001.html"], first.at("sub-0001.html"));
-  EXPECT_EQ(second["sub-0003.html"].second, first.at("sub-0003.html").second);
-}
+class Report : public Cohort {};
 
 TEST_F(Report, TellsWhatIsMissingAndGoesOn) {
-  report::ReportInput input{path(""), {}, "1.0.0", "study"};
-  for (const int i : {1, 2, 3, 4}) input.rows.push_back(test_cohort::makeRow(i));
-  for (const auto& row : input.rows) test_cohort::writeScan(input.output, row, kSize);
-  const auto write = [&](const std::string& name, const std::string& text) {
-    std::ofstream(path(name)) << text;
-  };
-  write("sub-0001/anat/sub-0001_desc-brain_mask.nii.gz", "no mask");
-  write("sub-0002/anat/sub-0002_desc-brain_mask.json",
-        R"({"Tavrel": {"Settings": [1], "Notices": 7, "Version": {}}})");
-  fs::remove(path("sub-0003/figures/sub-0003_desc-brain_mosaic.png"));
-  input.rows[3].status = "failed";
-  input.rows[3].reason = "takes <too> long";
-  writeReports(input);
-  const std::string viewer =
-      report::viewerScript().empty() ? "without its 3-D viewer" : "The mask is not a NIfTI file";
-  EXPECT_NE(readFile(path("sub-0001.html")).find(viewer), std::string::npos);
-  EXPECT_NE(readFile(path("sub-0002.html")).find("Brain volume"), std::string::npos);
-  EXPECT_NE(readFile(path("sub-0003.html")).find("picture of the mask is not there"),
-            std::string::npos);
-  EXPECT_NE(readFile(path("sub-0004.html")).find("<b>Not done:</b> takes &lt;too&gt; long"),
-            std::string::npos);
-  EXPECT_LT(fs::file_size(path("sub-0001.html")), 6'000'000u);
+  addSubjects(4);
+  ASSERT_EQ(bids().status, 0);
+  const Tree first = treeOf(out_);
+  std::ofstream(anat("sub-01_desc-brain_mask.nii.gz")) << "no mask";
+  json record = info("sub-02");
+  record["Tavrel"]["Settings"] = {1};
+  std::ofstream(anat("sub-02_desc-brain_mask.json")) << record;
+  fs::remove(out_ / "sub-03/figures/sub-03_desc-brain_mosaic.png");
+  fs::remove(out_ / "sub-04.html");
+  put(out_ / "logs/unfinished/x.json",
+      R"({"Source": "sub-05/anat/sub-05_T1w.nii", "Reason": "takes <too> long"})");
+  // Temporary files of a process that is no more are left by whoever was killed between writing a
+  // file and putting it in place.
+  for (const char* target : {"index.html", "sub-04/figures/sub-04_desc-brain_thumbnail.png"}) {
+    std::string stale = scan::writePending(out_ / target, {}, 0600).temporary();
+    put(stale.replace(stale.size() - 12, 8, "0123abcd"), "torn");
+  }
+  EXPECT_EQ(bids({}, "group").status, 1);
+  const bool shows = !report::viewerScript().empty();
+  for (const auto& [page, words] : std::map<std::string, std::string>{
+           {"sub-01", shows ? "The mask is not a NIfTI file" : "without its 3-D viewer"},
+           {"sub-02", "Brain volume"},
+           {"sub-03", "picture of the mask is not there"},
+           {"sub-05", "<b>Not done:</b> takes &lt;too&gt; long"}})
+    EXPECT_NE(readText(out_ / (page + ".html")).find(words), std::string::npos) << page;
+  const Names changed = differences(treeOf(out_), first);
+  EXPECT_TRUE(std::none_of(changed.begin(), changed.end(),
+                           [](const std::string& name) { return name.ends_with(".tmp"); }));
 
-  fs::create_directory(path("sub-0009.html"));
-  input.rows.push_back(test_cohort::makeRow(9));
-  EXPECT_THROW(writeReports(input), scan::OutputError);
-}
-
-TEST_F(Report, CarriesEditedMasksAsPlainBytesOnTheirGrid) {
-  const auto row = test_cohort::makeRow(1);
-  test_cohort::writeScan(path(""), row, kSize);
-  const fs::path file = path("sub-0001/anat/sub-0001_desc-brain_mask.nii.gz");
-  const scan::Scan computed = scan::readScan(file.string());
-  EXPECT_EQ(report::readMask(file).file, *report::readFile(file)) << "its own as they are";
-
-  std::vector<float> edited;
-  for (const std::byte voxel : computed.stored) edited.push_back(voxel == std::byte{1} ? 0.5f : 0);
-  std::vector<scan::PendingFile> pending;
-  pending.push_back(scan::writeFloats(file, computed, edited));
-  commitTogether(pending, true);
-  const report::PageMask mask = report::readMask(file);
-  EXPECT_EQ(mask.size, kSize);
-  std::ofstream(file, std::ios::binary)
-      .write(reinterpret_cast<const char*>(mask.file.data()), std::streamsize(mask.file.size()));
-  const scan::Scan plain = scan::readScan(file.string());
-  EXPECT_EQ(plain.stored, computed.stored);
-  EXPECT_EQ(scan::headerBytes(plain.header), scan::headerBytes(computed.header));
-  EXPECT_EQ(plain.header.dataOffset, mask.dataOffset);
+  fs::remove(out_ / "sub-04.html");
+  fs::create_directory(out_ / "sub-04.html");
+  EXPECT_EQ(bids({}, "group").status, 73);
 }
 
 }  // namespace

@@ -46,11 +46,11 @@ inline Result strip(const std::string& line, int status = 0, const std::string& 
   return result;
 }
 
-/// A phantom head as voxels of type T, brightest tissue about `white`.
+/// A phantom head as voxels of type T, brightest tissue about `white`; every seed gives another.
 template <class T>
-std::vector<T> phantom(const FileLayout& layout, double white) {
+std::vector<T> phantom(const FileLayout& layout, double white, std::uint64_t seed = 1) {
   const auto& n = layout.size;
-  const auto image = tavrel::makePhantom(int(n[0]), int(n[1]), int(n[2])).image;
+  const auto image = tavrel::makePhantom(int(n[0]), int(n[1]), int(n[2]), seed).image;
   std::vector<T> voxels;
   for (const double v : image)
     voxels.push_back(T(std::is_integral_v<T> ? std::lround(std::max(0.0, v) * white) : v * white));
