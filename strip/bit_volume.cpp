@@ -72,6 +72,11 @@ void BitVolume::unpack(std::span<char> mask) const {
   }
 }
 
+BitVolume without(BitVolume mask, BitVolume other) {
+  other.invert();
+  return mask &= other;
+}
+
 std::size_t countBoth(const BitVolume& a, const BitVolume& b) {
   std::size_t sum = 0;
   for (std::size_t w = 0; w < a.words().size(); ++w)

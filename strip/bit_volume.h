@@ -65,6 +65,9 @@ class BitVolume {
   std::vector<Word> words_;
 };
 
+/// The voxels of a mask that are not in the other.
+BitVolume without(BitVolume mask, BitVolume other);
+
 /// Number of voxels that are 1 in both.
 std::size_t countBoth(const BitVolume& a, const BitVolume& b);
 
@@ -75,6 +78,21 @@ double overlap(const BitVolume& a, const BitVolume& b);
 template <class F>
 void forBits(BitVolume::Word word, int first, F&& f) {
   for (; word; word &= word - 1) f(first + std::countr_zero(word));
+}
+
+/// Calls f(x, y, z) for the voxels of a mask in the slices [first, end).
+template <class F>
+void forVoxels(const BitVolume& mask, int first, int end, F&& f) {
+  for (int z = first; z < end; ++z)
+    for (int y = 0; y < mask.size()[1]; ++y)
+      for (int w = 0; w < mask.wordsInRow(); ++w)
+        forBits(mask.row(y, z)[w], w * BitVolume::kBits, [&](int x) { f(x, y, z); });
+}
+
+/// Calls f(x, y, z) for the voxels of a mask.
+template <class F>
+void forVoxels(const BitVolume& mask, F&& f) {
+  forVoxels(mask, 0, mask.size()[2], f);
 }
 
 /// Box around the voxels at 1: first voxel and one past the last along each axis; empty masks give

@@ -5,6 +5,7 @@
 
 #include "finishing.h"
 #include "morphology.h"
+#include "orbit_fat.h"
 #include "parallel.h"
 
 namespace tavrel::strip {
@@ -14,7 +15,8 @@ namespace {
 constexpr double kCoarsestMm = 2.5;  // the coarsest level's voxels are larger
 constexpr std::array<double, 3> kSeedHalf = {36, 43, 32};
 constexpr double kTrialOpen = 2, kTrialClose = 6;  // finishing on the level of the trials
-constexpr double kHold = 6;  // from the trial's finished mask to where the surface may go
+constexpr double kHold = 6;    // from the trial's finished mask to where the surface may go
+constexpr double kFatRim = 3;  // of fat, which has lost its brightness to the minimum filter
 constexpr int kCoarsestSteps = 200, kSteps = 12, kFinestSteps = 5;
 constexpr int kTrialBlock = 2, kFinestBlock = 4;  // edges in voxels, see LevelImage
 constexpr double kTrialShare = 0.95;  // of a brain's largest volume: the trials' masks are tighter
@@ -50,7 +52,10 @@ BitVolume seedBox(const Grid& grid, const std::array<double, 3>& centre) {
 
 CoarseToFine::CoarseToFine(Intensities image, const std::array<double, 3>& centre,
                            const StripSettings& settings, const StripObserver& observer)
-    : settings_(settings), observer_(observer), levels_(pyramid(std::move(image))) {
+    : settings_(settings),
+      observer_(observer),
+      levels_(pyramid(std::move(image))),
+      centre_(centre) {
   seed_ = seedBox(levels_.back().grid, centre);
   runTrials();
 }
@@ -72,15 +77,18 @@ void CoarseToFine::runTrials() {
            trials_.back().w5 < kLargestWeight;
   };
   while (!settings_.w5 && goOn()) addTrials({{trials_.back().w5 + kWeightStep}});
+  fat_ = orbitFat(images_.front(), trials_[choice_.chosen].finished, centre_);
 }
 
 BitVolume CoarseToFine::finest() {
   const WeightTrial& best = trials_[choice_.chosen];
-  if (trialLevel() == 0) return finished(best.raw);
+  BitVolume fat = fat_;
+  dilate(fat, levels_[trialLevel()].grid.spacing, kFatRim);
+  if (trialLevel() == 0) return finished(without(best.raw, fat));
   const Intensities& image = levels_[trialLevel() - 1];
   BitVolume domain = best.finished;
   dilate(domain, levels_[trialLevel()].grid.spacing, kHold);
-  domain = doubled(domain, image.grid.size);
+  domain = doubled(without(std::move(domain), fat), image.grid.size);
   const Box box = grown(boundingBox(domain), {1, 1, 1}, image.grid.size);
   const LevelImage level(image, box, kFinestBlock, settings_.threads);
   BitVolume inside = cropped(doubled(best.raw, image.grid.size), box);
@@ -98,6 +106,7 @@ BitVolume CoarseToFine::finest() {
 Evidence CoarseToFine::evidence() const {
   Evidence e;
   e.agreement = choice_.agreement;
+  e.fatMl = millilitres(double(fat_.count()), levels_[trialLevel()].grid.spacing);
   for (std::size_t i = 0; i + 1 < trials_.size(); ++i)
     e.shrinking = std::max(e.shrinking, 1 - trials_[i + 1].ml / std::max(1.0, trials_[i].ml));
   const Intensities& image = levels_[trialLevel()];

@@ -52,7 +52,9 @@ class CoarseToFine {
   const StripObserver& observer_;
   std::vector<Intensities> levels_;  // finest first
   std::vector<LevelImage> images_;   // of the trials' level and coarser ones
+  const std::array<double, 3> centre_;
   BitVolume seed_;
+  BitVolume fat_;  // of the orbits, in the chosen trial's mask
   std::mutex idleLock_;
   std::vector<std::unique_ptr<Fronts>> idle_;
   std::vector<WeightTrial> trials_;

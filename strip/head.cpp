@@ -112,15 +112,6 @@ int topSlice(const BitVolume& head, const Spacing& spacing) {
   return -1;
 }
 
-/// Calls f(x, y, z) for the voxels of a mask in the slices [first, end).
-template <class F>
-void forVoxels(const BitVolume& mask, int first, int end, F&& f) {
-  for (int z = first; z < end; ++z)
-    for (int y = 0; y < mask.size()[1]; ++y)
-      for (int w = 0; w < mask.wordsInRow(); ++w)
-        forBits(mask.row(y, z)[w], w * BitVolume::kBits, [&](int x) { f(x, y, z); });
-}
-
 int slicesFromTop(int top, double mm, double spacing) {
   return std::max(0, int(top + 1 - mm / spacing));
 }

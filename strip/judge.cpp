@@ -51,11 +51,6 @@ class Histogram {
   std::size_t all_ = 0;
 };
 
-BitVolume without(BitVolume mask, BitVolume other) {
-  other.invert();
-  return mask &= other;
-}
-
 BitVolume eroded(BitVolume mask, const Spacing& spacing, double mm) {
   erode(mask, spacing, mm);
   return mask;
@@ -164,6 +159,7 @@ Judgement judgeVolume(double volumeMl, const VolumeRange& volumes) {
 Judgement judge(const Evidence& e, const VolumeRange& volumes) {
   Rules rule;
   rule.volume(e.volumeMl, volumes);
+  const double scale = e.scale, area = scale * scale, volume = area * scale;
   // Limits between what was seen of sound masks (the worst of them in brackets) and of others; see
   // docs/accuracy.md.
   rule(e.agreement, 0.95, 0.92, "unstable",  // 0.939
@@ -175,10 +171,12 @@ Judgement judge(const Evidence& e, const VolumeRange& volumes) {
   rule(
       e.whiteOverGrey, 1.2, 1.12, "contrast",  // 1.32
       print("contrast is not T1-like (core %.2f times as bright as the surface)", e.whiteOverGrey));
+  rule(e.fatMl, 6, 12, "contrast",  // 2.9
+       print("contrast is not T1-like (%s mL in front are brighter than white matter)",
+             number(volume * e.fatMl).c_str()));
   rule(e.emptyAround, 0.8, 0.9, "stripped", "already stripped: nothing around the brain");  // 0.80
   rule(e.seedInside, 0.65, 0.5, "seed",                                                     // 0.81
        print("seed outside the brain (%.0f %% of it inside the mask)", 100 * e.seedInside));
-  const double scale = e.scale, area = scale * scale, volume = area * scale;
   rule(e.cutCm2, 5, 10, "cut",  // 2.8
        print("cut by the field of view (%s cm2 of the mask at its border)",
              number(area * e.cutCm2).c_str()));

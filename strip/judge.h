@@ -43,6 +43,7 @@ struct Evidence {
   double shrinking = 0;      ///< largest share of the volume lost when W5 grows
   double gapless = 0;        ///< share of the surface with nothing dark behind it
   double whiteOverGrey = 2;  ///< bright intensity in the core over the usual one at the surface
+  double fatMl = 0;          ///< of the trial's mask brighter than white matter, where orbits are
   double emptyAround = 0;    ///< share of the surroundings that is as dark as air
   double seedInside = 1;     ///< share of the seed that is in the mask
   double cutCm2 = 0;         ///< of the mask at the field of view's border, but for its bottom

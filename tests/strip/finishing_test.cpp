@@ -9,6 +9,7 @@
 #include <numeric>
 
 #include "strip/distance.h"
+#include "strip/orbit_fat.h"
 #include "volumes.h"
 
 namespace {
@@ -152,6 +153,34 @@ TEST(Finishing, KeepsTheLargestPieceAndFillsHolesLikeAFlood) {
         fillHoles(withoutHoles);
         EXPECT_EQ(bytes(withoutHoles), filled);
       }
+}
+
+TEST(OrbitFat, IsBrighterThanWhiteMatterNearItInFrontOfAndBelowTheMiddle) {
+  const Grid grid = {{80, 80, 80}, {2, 2, 2}};
+  const auto clump = [](double y, double z) {  // of fat at the surface
+    return
+        [y, z](double px, double py, double pz) { return std::hypot(px - 1, py - y, pz - z) < 5; };
+  };
+  const auto orbit = clump(45, -35), above = clump(45, 35), behind = clump(-45, -35);
+  // White and grey matter, brighter to the back, where they are as bright as fat in front.
+  const auto tissue = [](double x, double y) {
+    return (2000 - 5 * y) * (std::fmod(x + 81, 16) < 8 ? 1 : 0.7);
+  };
+  Intensities image{grid, sampled(grid, [&](double x, double y, double z) {
+                      const bool fat = orbit(x, y, z) || above(x, y, z) || behind(x, y, z);
+                      return std::uint16_t(fat ? 1.3 * (2000 - 5 * y) : tissue(x, y));
+                    })};
+  const auto voxelsOf = [&](auto&& inside) {
+    return BitVolume(sampled(grid, [&](auto... p) { return char(inside(p...)); }), grid.size);
+  };
+  const BitVolume mask = voxelsOf([](auto... p) { return std::hypot(p...) < 62; });
+  const auto fatIn = [&](const BitVolume& m) {
+    return orbitFat(LevelImage(image, 2), m, {80, 80, 80});
+  };
+  EXPECT_EQ(fatIn(mask), voxelsOf(orbit) &= mask);
+  EXPECT_TRUE(fatIn(BitVolume(grid.size)).none());
+  for (auto& value : image.values) value /= 10;
+  EXPECT_EQ(fatIn(mask), voxelsOf(orbit) &= mask) << "however dark the scan is";
 }
 
 }  // namespace
