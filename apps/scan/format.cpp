@@ -25,6 +25,11 @@ std::size_t characterLength(std::string_view text) {
 
 }  // namespace
 
+std::string amount(std::uint64_t bytes) {
+  const double mb = double(bytes) / 1e6;
+  return mb < 999.5 ? print("%.0f MB", mb) : print("%.1f GB", mb / 1000);
+}
+
 std::string weight(double w5) { return print(std::abs(w5) < 1000 ? "W5 %.2f" : "W5 %g", w5); }
 
 std::string printable(std::string_view text) {

@@ -1,6 +1,7 @@
 // Text for messages.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <sstream>
 #include <string>
@@ -23,6 +24,9 @@ std::string print(const char* format, Args... args) {
   std::snprintf(buffer, sizeof buffer, format, args...);
   return buffer;
 }
+
+/// An amount of memory for people: "1.4 GB", "90 MB".
+std::string amount(std::uint64_t bytes);
 
 /// A weight for people: "W5 1.00".
 std::string weight(double w5);

@@ -45,6 +45,24 @@ bool sameGrid(const Header& a, const Header& b) {
          a.orientation->ascending == b.orientation->ascending;
 }
 
+/// The largest distance in mm between the places that two headers give to one corner of the volume;
+/// 0 where one of them does not tell.
+double apart(const Header& a, const Header& b) {
+  if (!a.affine || !b.affine) return 0;
+  double largest = 0;
+  for (int corner = 0; corner < 8; ++corner) {
+    std::array<double, 3> between = {};
+    for (int row = 0; row < 3; ++row) {
+      const auto &p = (*a.affine)[row], &q = (*b.affine)[row];
+      between[row] = p[3] - q[3];
+      for (int d = 0; d < 3; ++d)
+        if (corner >> d & 1) between[row] += (p[d] - q[d]) * (a.size[d] - 1);
+    }
+    largest = std::max(largest, std::hypot(between[0], between[1], between[2]));
+  }
+  return largest;
+}
+
 /// What the user should know about a scan's voxel sizes, or nothing.
 std::string spacingNotice(const Header& header) {
   const auto [least, most] = std::minmax_element(header.spacing.begin(), header.spacing.end());
@@ -52,8 +70,6 @@ std::string spacingNotice(const Header& header) {
   return text("voxels of ", header.spacing[0], " x ", header.spacing[1], " x ", header.spacing[2],
               " mm are far from 1 mm; --resample 1 may do better");
 }
-
-std::string gigabytes(std::uint64_t bytes) { return print("%.1f GB", double(bytes) / 1e9); }
 
 /// A wrong voxel size in the header would make a grid out of all proportion.
 void checkHeadSize(const Header& header) {
@@ -127,8 +143,8 @@ class Run {
     if (job_.fromMask.empty() && gridMade) checkHeadSize(header);
     const std::uint64_t need = memoryNeed(header, settings), available = availableMemory();
     if (need > available)
-      throw ScanError(text("needs about ", gigabytes(need), " of memory, and there are ",
-                           gigabytes(available)));
+      throw ScanError(
+          text("needs about ", amount(need), " of memory, and there are ", amount(available)));
   }
 
   StripSettings settings() const {
@@ -176,7 +192,11 @@ class Run {
   Scan readMask() const {
     try {
       return readScan(job_.fromMask, {}, [this](const Header& header) {
-        if (!sameGrid(header, scan_.header)) throw ScanError("is not on the scan's grid");
+        const Header& ours = scan_.header;
+        if (!sameGrid(header, ours)) throw ScanError("is not on the scan's grid");
+        const double mm = apart(header, ours);
+        if (mm > 0.5 * *std::max_element(ours.spacing.begin(), ours.spacing.end()))
+          throw ScanError(print("is not on the scan's grid: it lies up to %.1f mm beside it", mm));
       });
     } catch (const ScanError& error) {
       throw ScanError(text("its mask ", job_.fromMask, " ", error.what()));
@@ -204,7 +224,7 @@ class Run {
     if (result_.voxels > 0) return;
     if (job_.fromMask.empty() && job_.strip.finish)
       throw ScanError("shows no brain to the method (the mask is empty)");
-    notice("the mask is empty");
+    result_.flags.push_back({"empty", "the mask is empty"});
   }
 
   std::vector<std::byte> picture() const {

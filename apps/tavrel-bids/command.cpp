@@ -12,6 +12,7 @@
 #include "scan/interrupt.h"
 #include "scan/output.h"
 #include "slurm.h"
+#include "strip_one.h"
 #include "task_list.h"
 
 namespace tavrel::cohort {
@@ -39,13 +40,15 @@ int statusOf(const std::vector<Row>& rows) {
   return kSomeFailed;
 }
 
+void noteRatings(const std::string& line) { complain("note: " + line); }
+
 int runGroup(const Options& options) {
   const auto& output = options.study.output;
   if (outputName(output).empty()) {
     complain(output.string() + " holds nothing that the participant level has left");
     return kNothingMatched;
   }
-  const auto rows = writeGroup(output);
+  const auto rows = writeGroup(output, noteRatings);
   if (rows.empty()) {
     complain(output.string() + " holds no scan");
     return kNothingMatched;
@@ -84,7 +87,7 @@ std::vector<Source> chosenScans(const Options& options) {
 int stripHere(const Options& options, const std::vector<Source>& scans) {
   const std::size_t failed = stripAll(options, scans);
   forgetVanished(options.study.output, options.study.dataset);
-  if (!options.noGroup) writeGroup(options.study.output);
+  if (!options.noGroup) writeGroup(options.study.output, noteRatings);
   if (failed == 0) return kAllDone;
   complain(text(failed, " of ", scans.size(), " scans failed; see ",
                 (options.study.output / "tavrel.tsv").string()));
@@ -104,6 +107,9 @@ int runParticipant(const Options& options) {
     listScans(options, scans);
     return kAllDone;
   }
+  const auto hasMask = [&](const Source& scan) { return !givenMask(options.study, scan).empty(); };
+  if (!options.study.masks.empty() && std::none_of(scans.begin(), scans.end(), hasMask))
+    complain("note: no mask in " + options.study.masks.string() + " is named as one of the scans");
   if (!options.slurm.dryRun) prepareOutput(dataset, output, info);
   return options.slurm.submit ? stripOnCluster(options, scans) : stripHere(options, scans);
 }

@@ -33,6 +33,8 @@ std::vector<std::string> namesIn(const fs::path& folder, std::string& problem) {
   const int error = failure.value();
   if (error && error != ENOENT && error != ENOTDIR)
     problem = text("cannot be read: ", failure.message());
+  if (error == ENOENT && fs::is_symlink(fs::symlink_status(folder, failure)))
+    problem = "is a link that leads nowhere";
   std::sort(names.begin(), names.end());
   return names;
 }

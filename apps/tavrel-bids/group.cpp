@@ -3,12 +3,11 @@
 #include "derivatives.h"
 #include "report/report.h"
 #include "scan/report.h"
-#include "table.h"
 
 namespace tavrel::cohort {
 
-std::vector<Row> writeGroup(const std::filesystem::path& output) {
-  const std::vector<Row> rows = readRows(output);
+std::vector<Row> writeGroup(const std::filesystem::path& output, const Note& note) {
+  const std::vector<Row> rows = readRows(output, note);
   writeTable(output, rows);
   report::writeReports({.output = output,
                         .rows = rows,

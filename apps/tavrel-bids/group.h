@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <vector>
 
-#include "row.h"
+#include "table.h"
 
 namespace tavrel::cohort {
 
 /// Writes tavrel.tsv, its description and the report. @returns the rows. @throws OutputError
-std::vector<Row> writeGroup(const std::filesystem::path& output);
+std::vector<Row> writeGroup(const std::filesystem::path& output, const Note& note = {});
 
 }  // namespace tavrel::cohort

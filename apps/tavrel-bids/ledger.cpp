@@ -132,8 +132,9 @@ void forgetVanished(const fs::path& output, const fs::path& dataset) {
   forEachNote(output, [&](const fs::path& file, const std::string& path, const Unfinished&) {
     std::error_code failure;
     if (path.find('\\') != std::string::npos) return;  // not as the file system has it
-    if (fs::symlink_status(dataset / path, failure).type() == fs::file_type::not_found &&
-        !isLocked(file))
+    fs::path place = dataset / path;
+    if (!place.has_filename()) place = place.parent_path();  // a folder, which may be a link
+    if (fs::symlink_status(place, failure).type() == fs::file_type::not_found && !isLocked(file))
       fs::remove(file, failure);
   });
 }

@@ -170,6 +170,9 @@ class CommandLine {
       throw CLI::ValidationError("--bids-filter-file", error.what());
     }
     if (o_.task && o_.scanList.empty()) throw CLI::ValidationError("--task", "needs --scans");
+    std::error_code failure;
+    if (!o_.study.masks.empty() && !std::filesystem::is_directory(o_.study.masks, failure))
+      throw CLI::ValidationError("--masks", o_.study.masks.string() + " is not a folder");
     method_.apply(o_.study.strip);
     passOn();
     o_.slurm.submit = o_.slurm.submit || o_.slurm.wait || o_.slurm.dryRun;

@@ -32,8 +32,6 @@ Outcome unpacked(const std::string& answer) {
   return {Outcome::Kind(outcome.at("kind").get<int>()), outcome.at("text"), outcome.at("notices")};
 }
 
-std::string gigabytes(std::uint64_t bytes) { return scan::print("%.1f GB", double(bytes) / 1e9); }
-
 std::string nameOf(const Source& source) { return source.stem.empty() ? source.path : source.stem; }
 
 /// A run over a list of scans.
@@ -86,8 +84,8 @@ class Run {
       }
       if (*next.memory > options_.limits.memory) {
         const std::string reason =
-            scan::text("needs about ", gigabytes(*next.memory), " of memory, more than the ",
-                       gigabytes(options_.limits.memory), " that the run may take");
+            scan::text("needs about ", scan::amount(*next.memory), " of memory, more than the ",
+                       scan::amount(options_.limits.memory), " that the run may take");
         fail(next.index, reason);
       } else if (pool_.hasRoom(*next.memory)) {
         pool_.start(next.index, *next.memory,

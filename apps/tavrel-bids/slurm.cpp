@@ -243,11 +243,17 @@ void tell(const Plan& plan, const std::vector<std::string>& jobs, const fs::path
 
 }  // namespace
 
+constexpr char kNothingLeft[] = "Nothing is left to do for the cluster";
+
 int stripOnCluster(const Options& options, const std::vector<Source>& scans) {
   std::vector<Source> forTasks, hopeless;
   for (const Source& source : missing(options, scans))
     (source.problem.empty() ? forTasks : hopeless).push_back(source);
   const Plan tasks = plan(options, forTasks);
+  if (options.slurm.dryRun && forTasks.empty()) {
+    std::cout << kNothingLeft << std::endl;
+    return kAllDone;
+  }
   if (options.slurm.dryRun) {
     const fs::path folder = fs::absolute(options.study.output) / "logs" / "slurm-NNN";
     const Submission submission(options, tasks, folder);
@@ -258,7 +264,7 @@ int stripOnCluster(const Options& options, const std::vector<Source>& scans) {
   }
   for (const Source& source : hopeless) stripOne(options.study, source);  // notes why
   if (forTasks.empty()) {
-    std::cout << "Nothing is left to do for the cluster" << std::endl;
+    std::cout << kNothingLeft << std::endl;
     writeGroup(options.study.output);
     return statusOf(options, scans);
   }

@@ -43,21 +43,12 @@ double peakMemoryMb() {
   return double(usage.ru_maxrss) / 1024;
 }
 
-/// The mask of a scan in the folder of --masks: by BIDS, in the folder itself or as in a dataset.
-fs::path givenMask(const Study& study, const Source& source) {
-  if (study.masks.empty()) return {};
-  const fs::path below = fs::path(source.participant) / source.session / "anat";
-  for (const fs::path& folder : {study.masks, study.masks / below})
-    for (const char* ending : {kMask, "_desc-brain_mask.nii", "_mask.nii.gz", "_mask.nii"})
-      if (fs::path file = folder / (source.stem + ending); isThere(file)) return file;
-  return {};
-}
-
 /// A scan held against what is there.
 struct Judgement {
-  Record record;          ///< of the outputs as they will be
-  fs::path fromMask;      ///< to be used instead of stripping; or empty
-  bool keepMask = false;  ///< it is the mask in the output folder
+  Record record;             ///< of the outputs as they will be
+  fs::path fromMask;         ///< to be used instead of stripping; or empty
+  bool keepMask = false;     ///< it is the mask in the output folder
+  bool scanChanged = false;  ///< since that mask was made
   bool finished = false;
 };
 
@@ -84,6 +75,7 @@ Judgement judge(const Study& study, const Source& source, const ScanFiles& files
   } else if (edited || (recorded && old->manual)) {
     result.fromMask = files.mask;
     result.keepMask = true;
+    result.scanChanged = old && old->inputSha256 != result.record.inputSha256;
     if (recorded) result.record.givenSha256 = old->givenSha256;
   }
   result.record.manual = !result.fromMask.empty();
@@ -158,6 +150,8 @@ class Work {
     if (judgement_.keepMask && checksumIfThere(files_.mask) != record.maskSha256)
       throw OutputError("its mask was changed while it was read; run again");
     noteOddities(scan, result);
+    if (judgement_.scanChanged)
+      result.notices.push_back("the scan has changed since its mask was made by hand");
     notices_ = result.notices;
     for (const scan::Flag& flag : result.flags) notices_.push_back(flag.text);
     record.row.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
@@ -204,6 +198,16 @@ class Work {
 };
 
 }  // namespace
+
+// By BIDS, in the folder itself or as in a dataset.
+fs::path givenMask(const Study& study, const Source& source) {
+  if (study.masks.empty()) return {};
+  const fs::path below = fs::path(source.participant) / source.session / "anat";
+  for (const fs::path& folder : {study.masks, study.masks / below})
+    for (const char* ending : {kMask, "_desc-brain_mask.nii", "_mask.nii.gz", "_mask.nii"})
+      if (fs::path file = folder / (source.stem + ending); isThere(file)) return file;
+  return {};
+}
 
 Outcome stripOne(const Study& study, const Source& source) {
   const ScanFiles files = filesOf(study.output, source);

@@ -1,6 +1,7 @@
 // One scan of a cohort: taken, held against what is there, stripped, noted.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,9 @@ struct Outcome {
 /// changed stays as it is, and the other outputs are made from it.
 /// @throws Interrupted
 Outcome stripOne(const Study& study, const Source& source);
+
+/// The mask of a scan in the folder of --masks, or an empty path.
+std::filesystem::path givenMask(const Study& study, const Source& source);
 
 /// Whether stripOne() would find nothing to do.
 bool isFinished(const Study& study, const Source& source);

@@ -84,13 +84,24 @@ struct Rating {
 };
 using Ratings = std::map<std::string, Rating>;
 
-void readRatings(const fs::path& file, Ratings& ratings) {
+bool isRating(const std::string& word) {
+  return word.empty() || word == "pass" || word == "fail" || word == "maybe";
+}
+
+/// Reads one file of ratings. What is wrong with it is thrown.
+Ratings readRatings(const fs::path& file) {
   std::ifstream in(file);
   std::vector<std::string> names;
+  Ratings ratings;
   for (std::string line; std::getline(in, line);) {
     if (line.ends_with('\r')) line.pop_back();
     if (names.empty()) {
+      constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+      if (line.starts_with(kByteOrderMark)) line.erase(0, kByteOrderMark.size());
       names = cells(line);
+      for (const char* needed : {"scan", "rating"})
+        if (std::find(names.begin(), names.end(), needed) == names.end())
+          throw std::runtime_error(scan::text("has no column \"", needed, "\""));
       continue;
     }
     const auto values = cells(line);
@@ -98,20 +109,38 @@ void readRatings(const fs::path& file, Ratings& ratings) {
       const auto at = std::size_t(std::find(names.begin(), names.end(), name) - names.begin());
       return at < values.size() && values[at] != kAbsent ? values[at] : "";
     };
+    if (!isRating(value("rating")))
+      throw std::runtime_error(scan::text("rates ", value("scan"), " \"", value("rating"),
+                                          "\", not pass, fail or maybe"));
     if (!value("scan").empty())
       ratings[value("scan")] = {value("rating"), value("comment"), value("mask_sha256")};
   }
+  if (names.empty()) throw std::runtime_error("cannot be read or is empty");
+  return ratings;
 }
 
 /// All files of ratings in the folder. A browser numbers those that it saves again, "(1)": of two
 /// names the longer or later one counts.
-Ratings allRatings(const fs::path& output) {
+Ratings allRatings(const fs::path& output, const std::set<std::string>& scans, const Note& note) {
   std::set<std::pair<std::size_t, fs::path>> files;
   for (const fs::path& file : entries(output))
     if (beginsWith(file, "tavrel_ratings") && file.extension() == ".tsv")
       files.emplace(file.string().size(), file);
   Ratings ratings;
-  for (const auto& [length, file] : files) readRatings(file, ratings);
+  const auto tell = [&](const fs::path& file, const auto&... words) {
+    if (note) note(scan::text(file.string(), " ", words...));
+  };
+  for (const auto& [length, file] : files) try {
+      std::size_t unknown = 0;
+      for (const auto& [scan, rating] : readRatings(file))
+        if (scans.contains(scan))
+          ratings[scan] = rating;
+        else
+          ++unknown;
+      if (unknown) tell(file, "has ", unknown, " ratings of scans that are not here");
+    } catch (const std::runtime_error& error) {
+      tell(file, error.what(), "; none of its ratings is taken");
+    }
   return ratings;
 }
 
@@ -125,18 +154,20 @@ void rate(Row& row, const Rating& given) {
                              ", was given to another mask: rate it again");
 }
 
+/// Whether a row has a brain's volume; an empty mask has none.
+bool isCounted(const Row& row) { return row.status == "done" && row.volumeMl && *row.volumeMl > 0; }
+
 void setScores(std::vector<Row>& rows) {
   std::vector<double> volumes;
   for (const Row& row : rows)
-    if (row.status == "done" && row.volumeMl) volumes.push_back(*row.volumeMl);
+    if (isCounted(row)) volumes.push_back(*row.volumeMl);
   if (volumes.size() < 2) return;
   double mean = 0, square = 0;
   for (const double v : volumes) mean += v / double(volumes.size());
   for (const double v : volumes) square += (v - mean) * (v - mean) / double(volumes.size() - 1);
   if (!(square > 0)) return;
   for (Row& row : rows)
-    if (row.status == "done" && row.volumeMl)
-      row.zVolume = (*row.volumeMl - mean) / std::sqrt(square);
+    if (isCounted(row)) row.zVolume = (*row.volumeMl - mean) / std::sqrt(square);
 }
 
 std::string cell(const std::string& text) { return text.empty() ? kAbsent : scan::printable(text); }
@@ -206,7 +237,7 @@ const std::vector<Column>& columns() {
 
 }  // namespace
 
-std::vector<Row> readRows(const fs::path& output) {
+std::vector<Row> readRows(const fs::path& output, const Note& note) {
   std::vector<Row> rows = unfinishedRows(output);
   std::set<std::string> known;
   for (const Row& row : rows) known.insert(row.scan);
@@ -224,7 +255,7 @@ std::vector<Row> readRows(const fs::path& output) {
            std::tie(b.participant, b.session, b.scan, b.reason);
   });
   setScores(rows);
-  const Ratings ratings = allRatings(output);
+  const Ratings ratings = allRatings(output, known, note);
   for (Row& row : rows)
     if (const auto rated = ratings.find(row.scan); rated != ratings.end()) rate(row, rated->second);
   return rows;

@@ -192,6 +192,9 @@ TEST_F(Cohort, HasARowForEveryScanThatCannotBeDone) {
   std::ofstream(broken("sub-h_run-1\n<b>\t_T1w.nii.gz"));
   fs::create_symlink("nowhere", broken("sub-i_T1w.nii.gz"));
   fs::create_symlink("sub-j", raw_ / "sub-j");  // a circle
+  fs::create_directory(raw_ / "sub-m");
+  fs::create_directory_symlink("nowhere", raw_ / "sub-m/anat");
+
   // Without transforms: not refused, but flagged.
   bytes = inflate(raw_ / scanOf(1));
   std::fill_n(&bytes[252], 4, 0);
@@ -211,7 +214,8 @@ TEST_F(Cohort, HasARowForEveryScanThatCannotBeDone) {
            {"sub-f_x_T1w.nii.gz", "no BIDS name"},
            {"sub-g", "is a folder"},
            {"sub-h_run-1\\x0a<b>\\x09", "control characters"},
-           {"sub-i", "a link that leads nowhere"}}) {
+           {"sub-i", "a link that leads nowhere"},
+           {"sub-m_anat", "a link that leads nowhere"}}) {
     ASSERT_TRUE(rows.contains(scan)) << scan << "\n" << readText(out_ / "tavrel.tsv");
     EXPECT_EQ(rows.at(scan).at("status"), "failed");
     EXPECT_NE(rows.at(scan).at("reason").find(reason), std::string::npos)
@@ -236,7 +240,7 @@ TEST_F(Cohort, KeepsMasksThatAPersonHasChanged) {
   ASSERT_EQ(bids().status, 0);
   const fs::path mask = anat("sub-01_desc-brain_mask.nii.gz"),
                  brain = anat("sub-01_desc-brain_T1w.nii.gz");
-  const Bytes original = readBytes(mask), oldBrain = readBytes(brain);
+  const Bytes oldBrain = readBytes(brain);
   Bytes voxels = inflate(mask);
   std::fill(voxels.begin() + kHeader + 32 * 38 * 18, voxels.end(), 0);  // half the head
   deflate(mask, voxels);
@@ -258,6 +262,11 @@ TEST_F(Cohort, KeepsMasksThatAPersonHasChanged) {
   ASSERT_EQ(bids().status, 0);
   EXPECT_EQ(stampsOf(out_), before);
 
+  addScan(scanOf(1), 7);
+  ASSERT_EQ(bids().status, 0);
+  EXPECT_EQ(readBytes(mask), edited);
+  EXPECT_NE(cell("sub-01", "reason").find("has changed since its mask"), std::string::npos);
+
   // Changed again, to something that does not fit; and taken away.
   voxels[42] = 23;
   deflate(mask, voxels);
@@ -265,7 +274,7 @@ TEST_F(Cohort, KeepsMasksThatAPersonHasChanged) {
   EXPECT_NE(cell("sub-01", "reason").find("grid"), std::string::npos) << cell("sub-01", "reason");
   fs::remove(mask);
   EXPECT_EQ(bids().status, 0);
-  EXPECT_EQ(readBytes(mask), original);
+  EXPECT_NE(readBytes(mask), edited);
   EXPECT_EQ(info("sub-01")["Manual"], false);
 }
 
@@ -296,6 +305,7 @@ TEST_F(Cohort, TakesMasksFromAFolder) {
   writeNifti(masks / "sub-01_desc-brain_mask.nii.gz", layout, given);
   ASSERT_EQ(bids(options).status, 0);
   EXPECT_EQ(inside("sub-01"), 19000);
+  EXPECT_EQ(bids({"--masks", masks / "sub-01"}).status, 64);
 }
 
 TEST_F(Cohort, ReadsRatingsBackIntoTheTable) {
@@ -324,6 +334,17 @@ TEST_F(Cohort, ReadsRatingsBackIntoTheTable) {
   expect("sub-01", "pass", "good");
   expect("sub-02", "n/a", "good");
   EXPECT_NE(cell("sub-02", "reason").find("pass, was given to another mask"), std::string::npos);
+  EXPECT_NE(readText(out_ / "index.html").find(R"("former":"pass")"), std::string::npos);
+  // As others write such files, and files that are none.
+  for (const auto& [content, note] : std::map<std::string, std::string>{
+           {"\xef\xbb\xbfscan\trating\nsub-02\tfail\nsub-09\tfail\n",
+            "1 ratings of scans that are"},
+           {"scan,rating\nsub-02,pass\n", "has no column \"scan\""},
+           {"scan\trating\nsub-02\tgood\n", "rates sub-02 \"good\""}}) {
+    std::ofstream(out_ / "tavrel_ratings_late.tsv") << content;
+    EXPECT_NE(bids({}, "group").err.find(note), std::string::npos) << content;
+    EXPECT_EQ(cell("sub-02", "rating"), content[0] == '\xef' ? "fail" : "n/a");
+  }
 }
 
 }  // namespace

@@ -237,6 +237,14 @@ TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
   EXPECT_EQ(entry["voxels"], std::count(edited.begin() + kData, edited.end(), '\xff'));
   EXPECT_TRUE(entry["w5"].is_null());
 
+  // Elsewhere, without a voxel, and on another grid.
+  const float left = -1000;
+  std::memcpy(edited.data() + offsetof(nifti_1_header, srow_x) + 12, &left, 4);
+  writeBytes("other.nii", edited);
+  strip("scan.nii.gz --from-mask other.nii --force", 2, "mm beside it");
+  std::fill(expected.begin() + kData, expected.end(), 0);
+  writeBytes("other.nii", expected);
+  strip("scan.nii.gz --from-mask other.nii --force --strict", 3, "the mask is empty");
   writeNifti("other.nii", {}, std::vector<std::int16_t>(120));
   strip("scan.nii.gz --from-mask other.nii --force", 2, "grid");
 }

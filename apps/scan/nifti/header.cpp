@@ -204,6 +204,10 @@ void readGeometry(const Fields& fields, Header& header) {
   const Directions directions = directionsOf(matrix, unitMm);
   readSpacing(fields, sform && known ? &directions : nullptr, unitMm, header);
   if (!known) return;
+  header.affine.emplace();
+  for (int row = 0; row < 3; ++row)
+    for (int column = 0; column < 4; ++column)
+      (*header.affine)[row][column] = matrix.m[row][column] * unitMm;
   readOrientation(matrix, header);
   if (sform) compareSpacing(directions, header);
   checkAngles(directions, header);

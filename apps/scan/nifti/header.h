@@ -43,6 +43,9 @@ struct Header {
   double inter = 0;        ///< sets no scaling
   Spacing spacing = {};    ///< millimetres, positive
   std::string distortion;  ///< why lengths and volumes cannot be relied on, in one line; or empty
+  /// From voxel indices to the patient's left-to-right, posterior-to-anterior and inferior-to-
+  /// superior millimetres, one row each; absent where neither sform nor qform is set.
+  std::optional<std::array<std::array<double, 4>, 3>> affine;
   std::optional<Orientation> orientation;  ///< absent where neither sform nor qform is set
   std::vector<std::string> notices;        ///< oddities that were worked around, one line each
 };
