@@ -24,7 +24,7 @@ TEST(Judge, EveryRuleFiresBeyondItsLimitAlone) {
                         {"unstable ", &Evidence::shrinking, 0.5, 0.6},
                         {"gap ", &Evidence::gapless, 0.1, 0.2},
                         {"contrast ", &Evidence::whiteOverGrey, 1.2, 1.12},
-                        {"contrast ", &Evidence::fatMl, 6, 12},
+                        {"contrast ", &Evidence::fatMl, 10, 20},
                         {"stripped ", &Evidence::emptyAround, 0.8, 0.9},
                         {"seed ", &Evidence::seedInside, 0.65, 0.5},
                         {"cut ", &Evidence::cutCm2, 5, 10},
