@@ -183,6 +183,14 @@ class Submission {
   fs::path folder_;
 };
 
+/// Several lines as one.
+std::string oneLine(const std::string& text) {
+  std::istringstream words(text);
+  std::string line, word;
+  while (words >> word) line += (line.empty() ? "" : " ") + word;
+  return line;
+}
+
 /// Hands a job over. @returns its number
 std::string submit(const std::vector<std::string>& command) {
   const Answer answer = runProgram(command);
@@ -193,12 +201,12 @@ std::string submit(const std::vector<std::string>& command) {
     if (!last.empty() && last.find_first_not_of("0123456789") != 0) number = last;
   number = number.substr(0, number.find(';'));
   if (answer.status != 0 || number.empty())
-    throw std::runtime_error(shellLine(command) + " failed: " + answer.out);
+    throw std::runtime_error(shellLine(command) + " failed: " + oneLine(answer.out));
   return number;
 }
 
-/// Submits all, or nothing remains.
-std::vector<std::string> submitAll(const Submission& submission) {
+/// Submits all, or nothing remains, the folder of the submission included.
+std::vector<std::string> submitAll(const Submission& submission, const fs::path& folder) {
   std::vector<std::string> jobs;
   try {
     for (const auto& command : submission.arrays()) jobs.push_back(submit(command));
@@ -206,6 +214,8 @@ std::vector<std::string> submitAll(const Submission& submission) {
   } catch (...) {
     jobs.insert(jobs.begin(), "scancel");
     if (jobs.size() > 1) runProgram(jobs);
+    std::error_code ignored;
+    fs::remove_all(folder, ignored);
     throw;
   }
   return jobs;
@@ -272,7 +282,7 @@ int stripOnCluster(const Options& options, const std::vector<Source>& scans) {
   const Submission submission(options, tasks, folder);
   writeText(folder / kTaskList, taskList(tasks.tasks));
   writeText(submission.script(), script(options, tasks, folder));
-  const auto jobs = submitAll(submission);
+  const auto jobs = submitAll(submission, folder);
   tell(tasks, jobs, folder);
   if (!options.slurm.wait) return hopeless.empty() ? kAllDone : kSomeFailed;
   while (!isOver(jobs.back())) {
