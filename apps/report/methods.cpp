@@ -87,6 +87,9 @@ void writeWeight(Writer& out, const cohort::Row& row, bool exact, bool chosen) {
     out.say(", chosen for this scan as the least weight around which the mask is stable")
         .cite(kStability);
   out.say(".");
+  if (!exact)
+    out.say(
+        " Fat of the orbits, brighter than the white matter around it, was left out of the mask.");
 }
 
 /// What was done to the mask after the evolution, as far as the settings tell.
