@@ -37,9 +37,9 @@ class CoarseToFine {
   Evidence evidence() const;
 
  private:
-  void runTrials();
   using Fronts = std::vector<std::unique_ptr<Front>>;  // one a level of images_
 
+  void runTrials();
   std::size_t trialLevel() const;
   BitVolume evolve(const LevelImage& image, Front& front, const BitVolume& from,
                    const BitVolume& domain, const FrontSettings& settings) const;

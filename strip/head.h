@@ -23,6 +23,7 @@ struct Head {
   float low = 0, high = 0;       ///< intensities of air (or the darkest) and bright tissue
   double otherPiece = 0;  ///< size of the largest bright object beside the head over the head's
 
+  /// Of the mask, shoulders included.
   double widthMm() const { return boundingBox(mask).size()[0] * blocks.spacing[0]; }
 };
 

@@ -32,6 +32,9 @@ Intensities halved(const Intensities& image);
 using CountedSum = std::int64_t;
 inline constexpr int kCountBits = 24;
 constexpr CountedSum counted(int intensity) { return (CountedSum{intensity} << kCountBits) + 1; }
+constexpr std::int64_t countOf(CountedSum sum) { return sum & ((CountedSum{1} << kCountBits) - 1); }
+/// Of at least one voxel.
+constexpr double meanOf(CountedSum sum) { return double(sum >> kCountBits) / double(countOf(sum)); }
 
 /// Intensities with the border, and the sums over windows of blocks.
 class LevelImage {
@@ -50,6 +53,15 @@ class LevelImage {
   const Size& size() const { return size_; }    ///< with the border
   int rowLength() const { return rowLength_; }  ///< voxels from row to row
   std::span<const std::uint16_t> values() const { return {values_.get(), voxels_}; }
+  /// Of voxel (x, y, z), where the border does not count.
+  int value(int x, int y, int z) const {
+    return values_[(std::size_t(z + 1) * size_[1] + y + 1) * rowLength_ + x + 1];
+  }
+  /// Index of the block that voxel (x, y, z) is in, where the border does not count.
+  std::size_t blockOf(int x, int y, int z) const {
+    return (std::size_t((z + 1) / block_) * blocks_[1] + (y + 1) / block_) * blocks_[0] +
+           (x + 1) / block_;
+  }
   int block() const { return block_; }
   const Size& blocks() const { return blocks_; }  ///< blocks along x, y, z
   int reach() const { return kReach / block_; }   ///< of a window, in blocks

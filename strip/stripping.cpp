@@ -30,13 +30,14 @@ struct AdultSized {
 
 /// Refuses a head far beyond the brains that are looked for: its grid would be out of all
 /// proportion.
-void checkWidth(const Head& head, double scale, const VolumeRange& volumes) {
-  constexpr double kWidest = 500;  // twice that of an adult
-  if (head.widthMm() <= kWidest) return;
+void checkWidth(const Head& head, const AdultSized& adult, const VolumeRange& volumes) {
+  constexpr double kWidest = 600;  // an adult with the shoulders, and some more
+  const double width = head.box.size()[0] * Axes(adult.scan).anatomical().spacing[0];
+  if (width <= kWidest) return;
   char why[160];
   std::snprintf(why, sizeof why,
                 "holds a head %.0f mm wide, far too wide for a brain of %g to %g mL",
-                scale * head.widthMm(), volumes.least, volumes.most);
+                adult.scale * width, volumes.least, volumes.most);
   throw NoHead(why);
 }
 
@@ -72,7 +73,7 @@ Stripped stripScan(const ScanView& given, const StripSettings& givenSettings,
   stage("finding the head", 0);
   const auto head = findHead(scan, settings.threads);
   if (!head) throw NoHead(whyNoHead(scan));
-  checkWidth(*head, adult.scale, givenSettings.volumes);
+  checkWidth(*head, adult, givenSettings.volumes);
   const WorkGrid work(scan, head->box, settings.resampleMm);
   constexpr double kHeadroom = 1.3;  // above the bright tissue's intensity
   Intensities image = work.image(scan, head->low, head->low + kHeadroom * (head->high - head->low),

@@ -69,6 +69,7 @@ void checkInterrupted() {
 
 void answerInterrupt() {
   setAlarm(0);  // none
+  alarms = 0;
   arrived = 0;
 }
 

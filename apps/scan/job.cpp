@@ -35,32 +35,37 @@ void tell(const std::function<void(Args...)>& listener, const auto&... values) {
 
 Grid gridOf(const Header& header) { return {header.size, header.spacing}; }
 
-/// Whether voxels with the same index lie at the same place in the head, as far as sizes, spacings
-/// and directions tell (programs that draw masks round the rest, or leave it out).
-bool sameGrid(const Header& a, const Header& b) {
-  for (int d = 0; d < 3; ++d)
-    if (std::abs(a.spacing[d] - b.spacing[d]) > 0.01 * b.spacing[d]) return false;
-  if (!a.orientation || !b.orientation) return a.size == b.size;
-  return a.size == b.size && a.orientation->axis == b.orientation->axis &&
-         a.orientation->ascending == b.orientation->ascending;
-}
-
-/// The largest distance in mm between the places that two headers give to one corner of the volume;
-/// 0 where one of them does not tell.
-double apart(const Header& a, const Header& b) {
-  if (!a.affine || !b.affine) return 0;
+/// The largest distance in mm between the places that two transforms give to one corner.
+double apart(const Affine& a, const Affine& b, const Size& size) {
   double largest = 0;
   for (int corner = 0; corner < 8; ++corner) {
     std::array<double, 3> between = {};
     for (int row = 0; row < 3; ++row) {
-      const auto &p = (*a.affine)[row], &q = (*b.affine)[row];
-      between[row] = p[3] - q[3];
+      between[row] = a[row][3] - b[row][3];
       for (int d = 0; d < 3; ++d)
-        if (corner >> d & 1) between[row] += (p[d] - q[d]) * (a.size[d] - 1);
+        if (corner >> d & 1) between[row] += (a[row][d] - b[row][d]) * (size[d] - 1);
     }
     largest = std::max(largest, std::hypot(between[0], between[1], between[2]));
   }
   return largest;
+}
+
+/// Refuses a mask whose voxels do not lie where those of the scan with the same index do. Programs
+/// that make masks keep one transform of two, or none, and round them.
+void checkGrid(const Header& mask, const Header& scan) {
+  const char* const reason = "is not on the scan's grid";
+  if (mask.size != scan.size) throw ScanError(reason);
+  if (mask.transforms.empty() || scan.transforms.empty()) {
+    for (int d = 0; d < 3; ++d)
+      if (std::abs(mask.spacing[d] - scan.spacing[d]) > 0.01 * scan.spacing[d])
+        throw ScanError(reason);
+    return;
+  }
+  double mm = std::numeric_limits<double>::infinity();
+  for (const Affine& of : scan.transforms)
+    mm = std::min(mm, apart(mask.transforms.front(), of, scan.size));
+  if (mm > 0.5 * *std::max_element(scan.spacing.begin(), scan.spacing.end()))
+    throw ScanError(print("is not on the scan's grid: it lies up to %.1f mm beside it", mm));
 }
 
 /// What the user should know about a scan's voxel sizes, or nothing.
@@ -125,6 +130,8 @@ class Run {
       else
         stripped_ = job_.fromMask.empty() ? strip() : givenMask();
     });
+    const std::string& distortion = scan_.header.distortion;
+    if (!distortion.empty()) doubtGeometry(stripped_.judgement, distortion);
     describeMask();
     tell(observer_.onStage, "writing");
     write();
@@ -184,20 +191,13 @@ class Run {
       tell(observer_.onGrid, exactGrid(grid, settings));
       stripped = stripExactly(imageOf(scan_), grid, settings, observer);
     }
-    const std::string& distortion = scan_.header.distortion;
-    if (!distortion.empty()) doubtGeometry(stripped.judgement, distortion);
     return stripped;
   }
 
   Scan readMask() const {
     try {
-      return readScan(job_.fromMask, {}, [this](const Header& header) {
-        const Header& ours = scan_.header;
-        if (!sameGrid(header, ours)) throw ScanError("is not on the scan's grid");
-        const double mm = apart(header, ours);
-        if (mm > 0.5 * *std::max_element(ours.spacing.begin(), ours.spacing.end()))
-          throw ScanError(print("is not on the scan's grid: it lies up to %.1f mm beside it", mm));
-      });
+      return readScan(job_.fromMask, {},
+                      [this](const Header& header) { checkGrid(header, scan_.header); });
     } catch (const ScanError& error) {
       throw ScanError(text("its mask ", job_.fromMask, " ", error.what()));
     }
@@ -225,6 +225,7 @@ class Run {
     if (job_.fromMask.empty() && job_.strip.finish)
       throw ScanError("shows no brain to the method (the mask is empty)");
     result_.flags.push_back({"empty", "the mask is empty"});
+    result_.confidence = 0;
   }
 
   std::vector<std::byte> picture() const {

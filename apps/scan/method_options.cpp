@@ -16,7 +16,9 @@ constexpr double kAnyW5 = 1e6;                  // of the exact one, which takes
 double parseNumber(const char* option, std::string text, double least, double most) {
   const std::string wrong = between(least, most)(text);
   if (!wrong.empty()) throw CLI::ValidationError(option, wrong);
-  return std::stod(text);
+  double number = 0;
+  CLI::detail::lexical_cast(text, number);
+  return number;
 }
 
 }  // namespace

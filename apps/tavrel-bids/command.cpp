@@ -108,8 +108,10 @@ int runParticipant(const Options& options) {
     return kAllDone;
   }
   const auto hasMask = [&](const Source& scan) { return !givenMask(options.study, scan).empty(); };
-  if (!options.study.masks.empty() && std::none_of(scans.begin(), scans.end(), hasMask))
-    complain("note: no mask in " + options.study.masks.string() + " is named as one of the scans");
+  if (!options.study.masks.empty() && options.scanList.empty() &&
+      std::none_of(scans.begin(), scans.end(), hasMask))
+    complain("note: no mask in " + options.study.masks.string() +
+             " is named as one of the chosen scans");
   if (!options.slurm.dryRun) prepareOutput(dataset, output, info);
   return options.slurm.submit ? stripOnCluster(options, scans) : stripHere(options, scans);
 }

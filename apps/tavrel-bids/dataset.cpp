@@ -22,6 +22,20 @@ using scan::text;
 constexpr char kAnnex[] = "/annex/objects/";
 constexpr std::uintmax_t kLargestPointer = 32 << 10;  // of a file that stands for annexed content
 
+bool isAnnexed(const fs::path& link) {
+  std::error_code failure;
+  return fs::read_symlink(link, failure).string().find(kAnnex) != std::string::npos;
+}
+
+/// Whether a path or the folder that it is in is a link to a folder that is not there.
+bool leadsNowhere(const fs::path& folder) {
+  std::error_code failure;
+  for (const fs::path& path : {folder, folder.parent_path()})
+    if (fs::is_symlink(fs::symlink_status(path, failure)) && !fs::exists(path, failure))
+      return !isAnnexed(path);  // which is a file
+  return false;
+}
+
 /// Names in a folder, sorted. A folder that is not there is empty; one that cannot be read has a
 /// reason.
 std::vector<std::string> namesIn(const fs::path& folder, std::string& problem) {
@@ -33,8 +47,7 @@ std::vector<std::string> namesIn(const fs::path& folder, std::string& problem) {
   const int error = failure.value();
   if (error && error != ENOENT && error != ENOTDIR)
     problem = text("cannot be read: ", failure.message());
-  if (error == ENOENT && fs::is_symlink(fs::symlink_status(folder, failure)))
-    problem = "is a link that leads nowhere";
+  if (error == ENOENT && leadsNowhere(folder)) problem = "is a link that leads nowhere";
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -172,7 +185,7 @@ std::string absence(const fs::path& file) {
   const bool isThere = fs::exists(file, failure);
   if (fs::is_symlink(fs::symlink_status(file, failure))) {
     if (isThere) return "";
-    if (fs::read_symlink(file, failure).string().find(kAnnex) != std::string::npos) return fetch;
+    if (isAnnexed(file)) return fetch;
     return "is a link that leads nowhere";
   }
   // An unlocked file of an annex holds the name of what is absent.

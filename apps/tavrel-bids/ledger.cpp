@@ -134,7 +134,8 @@ void forgetVanished(const fs::path& output, const fs::path& dataset) {
     if (path.find('\\') != std::string::npos) return;  // not as the file system has it
     fs::path place = dataset / path;
     if (!place.has_filename()) place = place.parent_path();  // a folder, which may be a link
-    if (fs::symlink_status(place, failure).type() == fs::file_type::not_found && !isLocked(file))
+    if (fs::symlink_status(place, failure).type() == fs::file_type::not_found &&
+        !fs::is_symlink(fs::symlink_status(place.parent_path(), failure)) && !isLocked(file))
       fs::remove(file, failure);
   });
 }

@@ -67,6 +67,7 @@ std::optional<Record> readRecord(const fs::path& maskInfo) {
                   .settings = facts.at("Settings"),
                   .inputSha256 = facts.at("InputSha256"),
                   .maskSha256 = facts.at("MaskSha256"),
+                  .madeForSha256 = facts.value("MaskMadeForSha256", ""),
                   .givenSha256 = facts.value("GivenMaskSha256", ""),
                   .manual = info.at("Manual"),
                   .row = {}};
@@ -95,6 +96,7 @@ std::string maskInfo(const Study& study, const Source& source, const scan::ScanR
                 {"Source", source.path},
                 {"InputSha256", record.inputSha256},
                 {"MaskSha256", record.maskSha256}};
+  if (!record.madeForSha256.empty()) facts["MaskMadeForSha256"] = record.madeForSha256;
   if (!record.givenSha256.empty()) facts["GivenMaskSha256"] = record.givenSha256;
   facts.update({{"Status", "done"},
                 {"Size", result.size},

@@ -18,9 +18,10 @@ struct Record {
   std::string version;
   nlohmann::ordered_json settings;
   std::string inputSha256, maskSha256;
-  std::string givenSha256;  ///< of the file in --masks that the mask was taken from; or ""
-  bool manual = false;      ///< the mask is a person's
-  Row row;                  ///< without z-scores and rating
+  std::string madeForSha256;  ///< of the scan that a person's mask was made for; or ""
+  std::string givenSha256;    ///< of the file in --masks that the mask was taken from; or ""
+  bool manual = false;        ///< the mask is a person's
+  Row row;                    ///< without z-scores and rating
 };
 
 /// Reads the record of a scan; nothing where there is none that can be understood.

@@ -27,6 +27,8 @@
 namespace tavrel::cohort {
 namespace {
 
+constexpr char kNothingLeft[] = "Nothing is left to do for the cluster";
+
 namespace fs = std::filesystem;
 using scan::text;
 
@@ -252,8 +254,6 @@ void tell(const Plan& plan, const std::vector<std::string>& jobs, const fs::path
 }
 
 }  // namespace
-
-constexpr char kNothingLeft[] = "Nothing is left to do for the cluster";
 
 int stripOnCluster(const Options& options, const std::vector<Source>& scans) {
   std::vector<Source> forTasks, hopeless;

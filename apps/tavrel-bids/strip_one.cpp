@@ -45,10 +45,9 @@ double peakMemoryMb() {
 
 /// A scan held against what is there.
 struct Judgement {
-  Record record;             ///< of the outputs as they will be
-  fs::path fromMask;         ///< to be used instead of stripping; or empty
-  bool keepMask = false;     ///< it is the mask in the output folder
-  bool scanChanged = false;  ///< since that mask was made
+  Record record;          ///< of the outputs as they will be
+  fs::path fromMask;      ///< to be used instead of stripping; or empty
+  bool keepMask = false;  ///< it is the mask in the output folder
   bool finished = false;
 };
 
@@ -59,6 +58,7 @@ Judgement judge(const Study& study, const Source& source, const ScanFiles& files
                    .settings = settingsOf(study),
                    .inputSha256 = scan::sha256(study.dataset / source.path),
                    .maskSha256 = checksumIfThere(files.mask),
+                   .madeForSha256 = {},
                    .givenSha256 = {},
                    .manual = false,
                    .row = {}};
@@ -75,7 +75,11 @@ Judgement judge(const Study& study, const Source& source, const ScanFiles& files
   } else if (edited || (recorded && old->manual)) {
     result.fromMask = files.mask;
     result.keepMask = true;
-    result.scanChanged = old && old->inputSha256 != result.record.inputSha256;
+    // A mask that was changed now was changed for the scan as it was at the last call.
+    const bool known = recorded && !old->madeForSha256.empty();
+    result.record.madeForSha256 = known ? old->madeForSha256
+                                  : old ? old->inputSha256
+                                        : result.record.inputSha256;
     if (recorded) result.record.givenSha256 = old->givenSha256;
   }
   result.record.manual = !result.fromMask.empty();
@@ -150,7 +154,7 @@ class Work {
     if (judgement_.keepMask && checksumIfThere(files_.mask) != record.maskSha256)
       throw OutputError("its mask was changed while it was read; run again");
     noteOddities(scan, result);
-    if (judgement_.scanChanged)
+    if (record.madeForSha256 != record.inputSha256 && !record.madeForSha256.empty())
       result.notices.push_back("the scan has changed since its mask was made by hand");
     notices_ = result.notices;
     for (const scan::Flag& flag : result.flags) notices_.push_back(flag.text);

@@ -137,7 +137,7 @@ Ratings allRatings(const fs::path& output, const std::set<std::string>& scans, c
           ratings[scan] = rating;
         else
           ++unknown;
-      if (unknown) tell(file, "has ", unknown, " ratings of scans that are not here");
+      if (unknown) tell(file, "rates scans that are not here: ", unknown);
     } catch (const std::runtime_error& error) {
       tell(file, error.what(), "; none of its ratings is taken");
     }

@@ -86,10 +86,15 @@ class ReportFile {
   }
 
   /// Writes what is there of a run that a signal has ended.
-  void writePart() const {
+  void writePart() {
     if (report_["scans"].empty()) return;
+    report_["interrupted"] = true;
     answerInterrupt();
-    write();
+    try {
+      write();
+    } catch (const std::exception& error) {
+      complain(error.what());
+    }
   }
 
  private:

@@ -338,7 +338,7 @@ TEST_F(Cohort, ReadsRatingsBackIntoTheTable) {
   // As others write such files, and files that are none.
   for (const auto& [content, note] : std::map<std::string, std::string>{
            {"\xef\xbb\xbfscan\trating\nsub-02\tfail\nsub-09\tfail\n",
-            "1 ratings of scans that are"},
+            "rates scans that are not here: 1"},
            {"scan,rating\nsub-02,pass\n", "has no column \"scan\""},
            {"scan\trating\nsub-02\tgood\n", "rates sub-02 \"good\""}}) {
     std::ofstream(out_ / "tavrel_ratings_late.tsv") << content;

@@ -171,6 +171,7 @@ TEST_F(Command, CtrlCLeavesNoFile) {
   second.waitForOutput("-> scan_brain");
   kill(second.id(), SIGTERM);
   EXPECT_EQ(second.wait().status, 143);
+  EXPECT_TRUE(reportIn("r")["interrupted"]);
   ASSERT_EQ(reportIn("r")["scans"].size(), 1u);
   EXPECT_EQ(reportIn("r")["scans"][0]["input"], "scan.nii.gz");
   EXPECT_FALSE(fs::exists("large_brain.nii"));

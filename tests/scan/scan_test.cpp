@@ -130,10 +130,14 @@ TEST(Header, GivesMillimetresAndOrientation) {
   odd = parsedAfter([](auto& h) { h.pixdim[2] = 1e9f, h.sform_code = 0; });
   EXPECT_EQ(odd.spacing[1], 1);
   EXPECT_EQ(odd.distortion, "the voxel size along axis 2 is not known");
-  odd = parsedAfter([](auto& h) { h.pixdim[3] = 2; });
-  EXPECT_NE(odd.distortion.find("axis 3 is 2 mm in the header, but 1.4"), std::string::npos);
-  odd = parsedAfter([](auto& h) { h.srow_y[0] = 0.5; });
+  odd = parsedAfter([](auto& h) { h.pixdim[3] = 2, h.qform_code = 0; });
+  EXPECT_NE(odd.distortion.find("axis 3 is taken as 2 mm, but is 1.4"), std::string::npos);
+  odd = parsedAfter([](auto& h) { h.srow_y[0] = 0.5, h.sform_code = 1; });
   EXPECT_NE(odd.distortion.find("right angles"), std::string::npos);
+  odd = parsedAfter([](auto& h) { h.srow_x[0] = h.srow_y[0] = h.srow_z[0] = 0; });
+  EXPECT_TRUE(odd.orientation) << "of the qform";
+  EXPECT_EQ(odd.distortion, "");
+  EXPECT_EQ(odd.transforms.size(), 1u);
 }
 
 TEST_F(ScanFile, ScalingIsAppliedWhereItChangesComparisons) {

@@ -70,9 +70,10 @@ const ratings = {
   set(row, change) {
     this.load()
     const { participant, session, maskSha256 } = row
-    const { rating, comment } = this.of(row)
-    const time = Date.now()
-    this.all[row.scan] = { participant, session, rating, comment, maskSha256, ...change, time }
+    const { rating, former, comment } = this.of(row)
+    const kept = { participant, session, rating, comment, maskSha256 }
+    if (!('rating' in change)) kept.former = former // asked for until the mask is rated
+    this.all[row.scan] = { ...kept, ...change, time: Date.now() }
     this.save()
   },
 

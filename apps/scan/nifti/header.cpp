@@ -134,36 +134,32 @@ void readSpacing(const Fields& fields, const Directions* sform, double unitMm, H
   }
 }
 
-/// Tells voxels of another size in the sform than in the header's field for it. They differ
-/// rightly by some percent where the sform leads to another head's space.
+/// Tells voxels of another size in the sform than in the header's field for it.
 void compareSpacing(const Directions& sform, Header& header) {
   constexpr double kMostApart = 1.3;
   for (int d = 0; d < 3; ++d) {
     const double mm = length(sform[d]);
     if (mm > kMostApart * header.spacing[d] || mm * kMostApart < header.spacing[d])
-      header.distortion = text("voxel size along axis ", d + 1, " is ", header.spacing[d],
-                               " mm in the header, but ", mm, " mm in its sform");
+      header.distortion = text("voxel size along axis ", d + 1, " is taken as ", header.spacing[d],
+                               " mm, but is ", mm, " mm in the sform");
   }
+}
+
+/// Volume of a voxel with these sides.
+double volumeOf(const Directions& d) {
+  return std::abs(d[0][0] * (d[1][1] * d[2][2] - d[1][2] * d[2][1]) -
+                  d[0][1] * (d[1][0] * d[2][2] - d[1][2] * d[2][0]) +
+                  d[0][2] * (d[1][0] * d[2][1] - d[1][1] * d[2][0]));
 }
 
 /// Tells axes that are far from right angles, so that voxels are smaller than their sides say.
 void checkAngles(const Directions& d, Header& header) {
   constexpr double kLeastVolume = 0.97;  // of a box with these sides: about 14 degrees
-  const double volume = d[0][0] * (d[1][1] * d[2][2] - d[1][2] * d[2][1]) -
-                        d[0][1] * (d[1][0] * d[2][2] - d[1][2] * d[2][0]) +
-                        d[0][2] * (d[1][0] * d[2][1] - d[1][1] * d[2][0]);
-  const double box = length(d[0]) * length(d[1]) * length(d[2]);
-  if (box > 0 && std::isfinite(box) && std::abs(volume) < kLeastVolume * box)
-    header.distortion = text("the axes of the voxels are not at right angles (a voxel has ",
-                             std::lround(100 * std::abs(volume) / box),
-                             " % of the volume of a box with its sides)");
-}
-
-bool isFinite(const nifti_dmat44& matrix) {
-  for (const auto& row : matrix.m)
-    for (const double value : row)
-      if (!std::isfinite(value)) return false;
-  return true;
+  const double volume = volumeOf(d), box = length(d[0]) * length(d[1]) * length(d[2]);
+  if (volume < kLeastVolume * box)
+    header.distortion =
+        text("the axes of the voxels are not at right angles (a voxel has ",
+             std::lround(100 * volume / box), " % of the volume of a box with its sides)");
 }
 
 /// What the reference library makes of the spatial transforms.
@@ -191,6 +187,21 @@ nifti_image* convert(const nifti_2_header& fields) {
   return nifti_convert_n2hdr2nim(fields, nullptr);
 }
 
+/// Whether a transform leads anywhere: finite, and with some volume.
+bool isUsable(const nifti_dmat44& matrix) {
+  for (const auto& row : matrix.m)
+    for (const double value : row)
+      if (!std::isfinite(value)) return false;
+  return volumeOf(directionsOf(matrix, 1)) > 0;
+}
+
+Affine affineOf(const nifti_dmat44& matrix, double unitMm) {
+  Affine affine;
+  for (int row = 0; row < 3; ++row)
+    for (int column = 0; column < 4; ++column) affine[row][column] = matrix.m[row][column] * unitMm;
+  return affine;
+}
+
 /// Everything that tells where the voxels lie.
 template <class Fields>
 void readGeometry(const Fields& fields, Header& header) {
@@ -198,18 +209,19 @@ void readGeometry(const Fields& fields, Header& header) {
   if (!image) throw ScanError("has a header that the NIfTI library refuses");
   const int unit = XYZT_TO_SPACE(fields.xyzt_units);
   const double unitMm = unit == NIFTI_UNITS_METER ? 1000 : unit == NIFTI_UNITS_MICRON ? 0.001 : 1;
-  const bool sform = image->sform_code > 0;
-  const auto& matrix = sform ? image->sto_xyz : image->qto_xyz;
-  const bool known = (sform || image->qform_code > 0) && isFinite(matrix);
-  const Directions directions = directionsOf(matrix, unitMm);
-  readSpacing(fields, sform && known ? &directions : nullptr, unitMm, header);
-  if (!known) return;
-  header.affine.emplace();
-  for (int row = 0; row < 3; ++row)
-    for (int column = 0; column < 4; ++column)
-      (*header.affine)[row][column] = matrix.m[row][column] * unitMm;
-  readOrientation(matrix, header);
-  if (sform) compareSpacing(directions, header);
+  const bool sform = image->sform_code > 0 && isUsable(image->sto_xyz);
+  const bool qform = image->qform_code > 0 && isUsable(image->qto_xyz);
+  if (image->sform_code > 0 && !sform)
+    header.notices.push_back("the sform in the header is no transform; left aside");
+  if (sform) header.transforms.push_back(affineOf(image->sto_xyz, unitMm));
+  if (qform) header.transforms.push_back(affineOf(image->qto_xyz, unitMm));
+  const Directions directions = directionsOf(sform ? image->sto_xyz : image->qto_xyz, unitMm);
+  readSpacing(fields, sform ? &directions : nullptr, unitMm, header);
+  if (!sform && !qform) return;
+  readOrientation(sform ? image->sto_xyz : image->qto_xyz, header);
+  // An sform to another head's space stretches rightly; the qform tells how the scan was made.
+  if (!sform || (qform && image->sform_code != NIFTI_XFORM_SCANNER_ANAT)) return;
+  compareSpacing(directions, header);
   checkAngles(directions, header);
 }
 

@@ -29,6 +29,11 @@ class ScanError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// From voxel indices to the patient's left-to-right, posterior-to-anterior and
+/// inferior-to-superior millimetres, one row each; the fourth column is the place of the first
+/// voxel.
+using Affine = std::array<std::array<double, 4>, 3>;
+
 /// A parsed header.
 struct Header {
   std::variant<nifti_1_header, nifti_2_header> fields;  ///< in the machine's byte order
@@ -43,9 +48,7 @@ struct Header {
   double inter = 0;        ///< sets no scaling
   Spacing spacing = {};    ///< millimetres, positive
   std::string distortion;  ///< why lengths and volumes cannot be relied on, in one line; or empty
-  /// From voxel indices to the patient's left-to-right, posterior-to-anterior and inferior-to-
-  /// superior millimetres, one row each; absent where neither sform nor qform is set.
-  std::optional<std::array<std::array<double, 4>, 3>> affine;
+  std::vector<Affine> transforms;          ///< sform and qform, those that are set and usable
   std::optional<Orientation> orientation;  ///< absent where neither sform nor qform is set
   std::vector<std::string> notices;        ///< oddities that were worked around, one line each
 };
