@@ -171,7 +171,7 @@ Judgement judge(const Evidence& e, const VolumeRange& volumes) {
   rule(
       e.whiteOverGrey, 1.2, 1.12, "contrast",  // 1.32
       print("contrast is not T1-like (core %.2f times as bright as the surface)", e.whiteOverGrey));
-  rule(e.fatMl, 10, 20, "contrast",  // 9.6
+  rule(e.fatMl, 10, 20, "contrast",
        print("contrast is not T1-like (%s mL in front are brighter than white matter)",
              number(volume * e.fatMl).c_str()));
   rule(e.emptyAround, 0.8, 0.9, "stripped", "already stripped: nothing around the brain");  // 0.80

@@ -371,6 +371,13 @@ def square_shading(scan):
                   c[5] * z * x + c[6] * x * x + c[7] * y * y + c[8] * z * z, 0.6)
 
 
+@change("frontlow", "unseen", "brighter in front and below, 0.67 to 1.6 times from end to end")
+def front_low_shading(scan):
+    y, z = ((numpy.arange(n, dtype=numpy.float32) - n / 2) * s
+            for n, s in zip(scan.data.shape[1:], scan.spacing[1:]))
+    return replace(scan, data=scan.data * numpy.exp((y[:, None] - z) / 180))
+
+
 @change("coil", "unseen", "bright near a surface coil behind the head, fading by e in 130 mm")
 def surface_coil(scan):
     place = [sum(scan.brain(k)) / 2 for k in range(3)]
