@@ -210,7 +210,7 @@ TEST_F(Command, WrongUsageHasStatusOneAndDoesNothing) {
   const Result help = strip("--help", 0, "", manyThreads);
   for (const char* option : {"--out-dir", "--resample", "--json", "Examples"})
     EXPECT_NE(help.out.find(option), std::string::npos) << option;
-  EXPECT_EQ(strip("--version").out, "tavrel-nifti 1.0.0\n");
+  EXPECT_EQ(strip("--version").out, "tavrel-nifti 1.1.0\n");
 }
 
 TEST_F(Command, MakesBrainAndPictureAgainFromAGivenMask) {
