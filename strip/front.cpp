@@ -206,7 +206,7 @@ void Front::updateMeans() {
   const Size& blocks = image_.blocks();
   windowSums_(inBlocks_, blocks, image_.reach(), box, inWindows_);
   const auto mean = [](CountedSum sum) {
-    const auto count = float(std::int32_t(sum & ((CountedSum{1} << kCountBits) - 1)));
+    const auto count = float(std::int32_t(countOf(sum)));
     return float(std::int32_t(sum >> kCountBits)) / (std::max(count, 1.0f) * float(kFullScale));
   };
   const auto all = image_.windows();

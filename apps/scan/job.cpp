@@ -35,21 +35,6 @@ void tell(const std::function<void(Args...)>& listener, const auto&... values) {
 
 Grid gridOf(const Header& header) { return {header.size, header.spacing}; }
 
-/// The largest distance in mm between the places that two transforms give to one corner.
-double apart(const Affine& a, const Affine& b, const Size& size) {
-  double largest = 0;
-  for (int corner = 0; corner < 8; ++corner) {
-    std::array<double, 3> between = {};
-    for (int row = 0; row < 3; ++row) {
-      between[row] = a[row][3] - b[row][3];
-      for (int d = 0; d < 3; ++d)
-        if (corner >> d & 1) between[row] += (a[row][d] - b[row][d]) * (size[d] - 1);
-    }
-    largest = std::max(largest, std::hypot(between[0], between[1], between[2]));
-  }
-  return largest;
-}
-
 /// Refuses a mask whose voxels do not lie where those of the scan with the same index do. Programs
 /// that make masks keep one transform of two, or none, and round them.
 void checkGrid(const Header& mask, const Header& scan) {
@@ -63,7 +48,7 @@ void checkGrid(const Header& mask, const Header& scan) {
   }
   double mm = std::numeric_limits<double>::infinity();
   for (const Affine& of : scan.transforms)
-    mm = std::min(mm, apart(mask.transforms.front(), of, scan.size));
+    mm = std::min(mm, largestDistance(mask.transforms.front(), of, scan.size));
   if (mm > 0.5 * *std::max_element(scan.spacing.begin(), scan.spacing.end()))
     throw ScanError(print("is not on the scan's grid: it lies up to %.1f mm beside it", mm));
 }
@@ -183,15 +168,10 @@ class Run {
       checkInterrupted();
       pass(observer_.strip.checkpoint);
     };
-    Stripped stripped;
-    if (settings.evolution == Evolution::scan) {
-      stripped = stripScan(viewOf(scan_), settings, observer);
-    } else {
-      const Grid grid = gridOf(scan_.header);
-      tell(observer_.onGrid, exactGrid(grid, settings));
-      stripped = stripExactly(imageOf(scan_), grid, settings, observer);
-    }
-    return stripped;
+    if (settings.evolution == Evolution::scan) return stripScan(viewOf(scan_), settings, observer);
+    const Grid grid = gridOf(scan_.header);
+    tell(observer_.onGrid, exactGrid(grid, settings));
+    return stripExactly(imageOf(scan_), grid, settings, observer);
   }
 
   Scan readMask() const {

@@ -27,10 +27,10 @@
 namespace tavrel::cohort {
 namespace {
 
-constexpr char kNothingLeft[] = "Nothing is left to do for the cluster";
-
 namespace fs = std::filesystem;
 using scan::text;
+
+constexpr char kNothingLeft[] = "Nothing is left to do for the cluster";
 
 // A task should take minutes: less, and the cluster works for itself; more, and a task that is
 // killed loses much. A head of 1 mm takes 1 to 4 s on one core.

@@ -316,4 +316,18 @@ Header derivedHeader(const Header& header, int datatype, double displayMin, doub
   return result;
 }
 
+double largestDistance(const Affine& a, const Affine& b, const Size& size) {
+  double largest = 0;
+  for (int corner = 0; corner < 8; ++corner) {
+    std::array<double, 3> between = {};
+    for (int row = 0; row < 3; ++row) {
+      between[row] = a[row][3] - b[row][3];
+      for (int d = 0; d < 3; ++d)
+        if (corner >> d & 1) between[row] += (a[row][d] - b[row][d]) * (size[d] - 1);
+    }
+    largest = std::max(largest, std::hypot(between[0], between[1], between[2]));
+  }
+  return largest;
+}
+
 }  // namespace tavrel::scan

@@ -53,6 +53,10 @@ struct Header {
   std::vector<std::string> notices;        ///< oddities that were worked around, one line each
 };
 
+/// The largest distance in mm between the places that two transforms give to one corner of a
+/// volume.
+double largestDistance(const Affine& a, const Affine& b, const Size& size);
+
 /// Bytes that are enough to tell the version and, with headerSize(), the size of a header.
 inline constexpr std::size_t kHeaderStart = 4;
 
